@@ -1,0 +1,28 @@
+# shellcheck shell=bash
+# What ./demo and ./test share: the packages of packages.txt and the build of one preset.
+
+# Installs what is missing; nothing is asked or touched when nothing is.
+install_packages() {
+    local missing=() package
+    while read -r package; do
+        dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q '^install ok installed' || missing+=("$package")
+    done < <(grep -v '^#' packages.txt)
+    [ ${#missing[@]} -eq 0 ] && return
+    local sudo=()
+    [ "$(id -u)" -eq 0 ] || sudo=(sudo)
+    echo "installing ${missing[*]}"
+    "${sudo[@]}" apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# build PRESET: configures once, then builds; prints only what went wrong.
+build() {
+    local log
+    mkdir -p build
+    log=build/$1.log
+    if ! { [ -f "build/$1/build.ninja" ] || cmake --preset "$1"; } >"$log" 2>&1 ||
+        ! cmake --build --preset "$1" >>"$log" 2>&1; then
+        cat "$log"
+        return 1
+    fi
+}

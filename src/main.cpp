@@ -1,0 +1,97 @@
+#include "main.h"
+
+#include "UFile.h"
+#include "ULog.h"
+#include "UpdateScript.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char *kUpdateFolder = "/tmp/update";
+constexpr const char *kScriptName = "flashrig.script";
+constexpr const char *kFallbackFolder = "/";
+constexpr const char *kNotifyScript = "/tmp/update/progress_script.sh";
+
+/// Prints the refusal of a command that doesn't fit its 255 characters; a cut command would be another command.
+bool Fits(const std::string &command) {
+    if (command.size() <= kCommandLimit)
+        return true;
+    fprintf(stderr, "error : command too long: %s\n", command.c_str());
+    return false;
+}
+
+/// Runs the copy of this program that came with the update.
+/// @return the exit value of this process.
+int HandOver(const std::string &folder, const char *notifyScript) {
+    std::string command = folder + "/" + __progname + " " + folder;
+    if (notifyScript != nullptr)
+        command += std::string(" ") + notifyScript;
+    if (!Fits(command))
+        return -1;
+    printf("new program detected, running %s\n", command.c_str());
+    // The copy writes to the same streams: our line comes first.
+    fflush(stdout);
+    static_cast<void>(system(command.c_str()));
+    return 0;
+}
+
+} // namespace
+
+void PrintUsage() {
+    printf("usage : flashrig <ZMRT image file> [progress notify script]\n");
+    printf("usage : flashrig <folder contain flashrig.script> [progress notify script]\n");
+}
+
+int PrepareUpdate(const char *image) {
+    const std::string command = std::string("/app/prepare_flashrig.sh ") + image;
+    if (!Fits(command))
+        return -1;
+    static_cast<void>(system(command.c_str()));
+    return 0;
+}
+
+int CheckNewUpdateProgram(const char *folder) { return UFile::Exist((std::string(folder) + "/" + __progname).c_str()); }
+
+int main(int argc, char *argv[]) {
+    if (argc < 2) {
+        PrintUsage();
+        return 0;
+    }
+    const char *source = argv[1];
+    if (!UFile::Exist(source)) {
+        fprintf(stderr, "fail to open %s\n", source);
+        return -1;
+    }
+
+    std::string folder = kUpdateFolder;
+    if (UFile::IsDir(source)) {
+        folder = source;
+    } else {
+        if (PrepareUpdate(source) != 0)
+            return -1;
+        if (CheckNewUpdateProgram(folder.c_str()))
+            return HandOver(folder, argc > 2 ? argv[2] : nullptr);
+    }
+
+    std::string script = folder + "/" + kScriptName;
+    if (!UFile::Exist(script.c_str())) {
+        printf("update script:%s not found!\n", script.c_str());
+        script = std::string(kFallbackFolder) + kScriptName;
+        if (!UFile::Exist(script.c_str())) {
+            printf("update script:%s not found, exit\n", script.c_str());
+            return -1;
+        }
+    }
+    printf("running update script %s\n", script.c_str());
+
+    static_cast<void>(chroot("/"));
+    if (setuid(0) < 0)
+        fprintf(stderr, "The switch to root user failed!");
+
+    UpdateScript update(script.c_str(), argc == 2 ? kNotifyScript : nullptr, false);
+    return update.Run();
+}
