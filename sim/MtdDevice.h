@@ -38,6 +38,24 @@ public:
     int Request(OpenFile &file, unsigned long request, void *argument);
 
 private:
+    struct Operation;
+
+    int IsBlockBad(const void *argument) const;
+    int Erase(std::uint64_t start, std::uint64_t length);
+    int WritePages(const void *argument);
+    int WriteOob(void *argument);
+    int ReadOob(void *argument) const;
+
+    std::uint32_t OobAvailable(std::uint8_t mode) const;
+    int CheckRange(std::uint64_t start, const Operation &operation) const;
+    int WriteData(std::uint64_t start, const Operation &operation);
+    int WriteOobOnly(std::uint64_t start, const Operation &operation);
+    int ProgramPage(std::uint64_t offset, NandChip::PageProgram program, const Operation &operation,
+                    std::uint64_t oobDone, std::uint64_t oobLength);
+
+    std::uint32_t PageAt(std::uint64_t offset) const;
+    std::uint32_t BlockAt(std::uint64_t offset) const;
+
     NandChip &m_chip;
     FlashEvents &m_events;
     std::uint64_t m_offset;

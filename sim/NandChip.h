@@ -47,6 +47,8 @@ enum class Extent { Whole, FirstHalf };
 /// it share the chip. An object isn't used by two threads at once.
 class NandChip {
 public:
+    static constexpr std::uint32_t kMaxOob = 2048; ///< most OOB bytes that a page can have
+
     /// The chip's memory; it outlives the chip.
     struct Memory {
         std::uint8_t *cells;       ///< RawSize() bytes: page 0, its OOB, page 1, its OOB, ...
@@ -114,6 +116,10 @@ public:
     const std::uint8_t *Cells(std::uint32_t page) const;
 
 private:
+    std::uint8_t *CellsOf(std::uint32_t page);
+    void FillEcc(const PageProgram &program, std::uint8_t *oob) const;
+    void SetMark(std::uint32_t block, BlockMark mark);
+
     NandGeometry m_geometry;
     Ecc m_ecc;
     Memory m_memory;

@@ -107,7 +107,7 @@ public:
 
 private:
     struct Shared;
-    Shared *m_shared;
     SharedFile m_file;
+    Shared *m_shared;
     RequestKind m_current = RequestKind::Open;
 };
