@@ -72,6 +72,8 @@ std::int64_t MtdDevice::Read(OpenFile &file, void *data, std::size_t length) {
     if (IsBadLength(length))
         return -EFAULT;
     const auto position = static_cast<std::uint64_t>(file.position);
+    if (position >= m_size)
+        return 0;
     const std::uint64_t count = std::min<std::uint64_t>(std::min(length, kReadWriteMost), m_size - position);
     if (count == 0)
         return 0;
