@@ -105,6 +105,6 @@ TEST(WriteOob, GivesOobAndPageToKernelsWithoutTheNewerRequest) {
     EXPECT_EQ(device.Raw(0, 2), image);
     EXPECT_EQ(outcome.Only({"MEMWRITEOOB64", "write"}),
               (std::vector<std::string>{
-                  "MEMWRITEOOB64 mtd12 start=0x0 length=16 ptr=set = 0", "write mtd12 length=512 = 512",
-                  "MEMWRITEOOB64 mtd12 start=0x200 length=16 ptr=set = 0", "write mtd12 length=512 = 512"}));
+                  "MEMWRITEOOB64 mtd12 start=0x0 length=16 oob=set = 0", "write mtd12 length=512 = 512",
+                  "MEMWRITEOOB64 mtd12 start=0x200 length=16 oob=set = 0", "write mtd12 length=512 = 512"}));
 }
