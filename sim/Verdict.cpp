@@ -229,7 +229,7 @@ private:
             JudgeCleanLine(verdict, story);
             break;
         case LineResult::NeverRan:
-            if (m_story.hasStarted && m_story.refusal.empty())
+            if (m_story.hasStarted)
                 JudgeUnreached(line);
             break;
         }
@@ -451,8 +451,7 @@ private:
                     count + " of the block had no valid ECC: bits were turned as it was read, and are written back so",
                     "lay the block down with writeoob and an image that carries ECC; a raw write leaves none");
             else
-                AddForRun("unsound-read",
-                          count + " read normally without valid ECC, first at " + Hex(*pages.begin()),
+                AddForRun("unsound-read", count + " read normally without valid ECC, first at " + Hex(*pages.begin()),
                           "read raw what was written raw, or write it with its ECC", Severity::Warning);
         }
         for (const auto &[line, pages] : unerased)
