@@ -700,7 +700,8 @@ INTERPOSED int setuid(uid_t user) noexcept {
     return Traced(nextSetuid(user), [user] { return Format("setuid %u", user); });
 }
 
-// What programs built with _FORTIFY_SOURCE call instead. Their checks are libc's and were made for a real descriptor.
+// What programs built with _FORTIFY_SOURCE call instead.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 
 INTERPOSED int __open_2(const char *path, int flags) { return open(path, flags); }
 INTERPOSED int __open64_2(const char *path, int flags) { return open64(path, flags); }
@@ -718,3 +719,5 @@ INTERPOSED ssize_t __pread_chk(int fd, void *data, size_t length, off_t offset, 
 INTERPOSED ssize_t __pread64_chk(int fd, void *data, size_t length, off64_t offset, size_t room) {
     return length > room ? (std::abort(), -1) : pread64(fd, data, length, offset);
 }
+
+// NOLINTEND(bugprone-reserved-identifier)

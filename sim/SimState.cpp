@@ -197,7 +197,7 @@ void SimState::Trace(const std::string &line) {
     if (start > m_shared->traceLimit || length > m_shared->traceLimit - start)
         return;
     char *text = m_shared->TraceText() + start;
-    std::memcpy(text, line.data(), line.size());
+    line.copy(text, line.size());
     text[line.size()] = '\n';
 }
 
