@@ -9,6 +9,24 @@
 
 namespace {
 
+/// What the updater says of a line that it couldn't carry out. It ends with status 0 all the same.
+constexpr const char *kComplaints[] = {"error : ", "Unknown script command ", "incomplete script command ",
+                                       " doesn't exist", " is not exist"};
+
+std::vector<std::string> FindComplaints(const std::string &err) {
+    std::vector<std::string> found;
+    std::istringstream lines(err);
+    for (std::string line; std::getline(lines, line);) {
+        for (const char *complaint : kComplaints) {
+            if (line.find(complaint) != std::string::npos) {
+                found.push_back(line);
+                break;
+            }
+        }
+    }
+    return found;
+}
+
 /// Gathers the notes of a trace, "note: page at OFFSET TEXT", to one line a text.
 std::vector<std::string> GatherNotes(const std::string &trace) {
     constexpr const char *kBefore = "note: page at ";
@@ -38,7 +56,7 @@ std::vector<std::string> GatherNotes(const std::string &trace) {
 } // namespace
 
 RunSummary::RunSummary(const NandChip &chip, const SimState &state, const RunOutcome &outcome)
-    : m_nEraseSize(chip.Geometry().eraseSize) {
+    : m_findings(FindComplaints(outcome.err)), m_nEraseSize(chip.Geometry().eraseSize) {
     for (std::uint32_t block = 0; block < chip.Geometry().Blocks(); ++block)
         m_marks.push_back(chip.Mark(block));
     for (std::uint32_t kind = 0; kind < kRequestKinds; ++kind) {

@@ -14,7 +14,7 @@ public:
     /// The three are looked at once, here.
     RunSummary(const NandChip &chip, const SimState &state, const RunOutcome &outcome);
 
-    /// @return whether the updater ended well, with the power on and without a note.
+    /// @return whether the updater ended well, with the power on, without a complaint and without a note.
     bool IsClean() const { return m_findings.empty(); }
 
     /// The chip's map, the requests by kind, what was found and a verdict, as lines.

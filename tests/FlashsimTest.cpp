@@ -125,6 +125,36 @@ TEST_F(Flashsim, HostStaysAsItIs) {
     waitpid(bystander, nullptr, 0);
 }
 
+TEST_F(Flashsim, FlashFileKeepsTheChipBetweenRuns) {
+    const std::string flash = (m_folder / "unit.nand").string();
+    const std::string pages = std::string(2048, 'k') + std::string(64, '\xff') + "tail" + std::string(2044, '\xff');
+    EXPECT_EQ(Run("--raw --chip 1M,128K,2K,64 --bad 1 --flash " + flash), 0);
+    EXPECT_EQ(Load(flash).substr(2 * 64 * 2112, pages.size()), pages);
+
+    Save("update/flashrig.script", "erase 0 20000\n");
+    EXPECT_EQ(Run("--flash " + flash), 0);
+    EXPECT_NE(m_out.find("0x00000000  eX......\n"), std::string::npos) << m_out;
+    EXPECT_NE(m_out.find("\nverdict: clean\n"), std::string::npos) << m_out;
+    EXPECT_EQ(Load(flash).substr(2 * 64 * 2112, pages.size()), pages);
+    EXPECT_EQ(Run("--chip 2M,128K,2K,64 --flash " + flash), 2);
+}
+
+TEST_F(Flashsim, FindingsAreToldOneALineWithStatusOne) {
+    const struct {
+        const char *options;
+        const char *found;
+    } rows[] = {
+        {"--fault MEMWRITE:2=EIO", "found: error : write page return -1\n"},
+        {"--cut 4", "found: the power went during MEMWRITE at 0x20000\n"},
+        {"--mtd 3:all:0,128K", "found: error : "},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(Run(row.options), 1) << row.options;
+        EXPECT_NE(m_out.find(row.found), std::string::npos) << m_out;
+        EXPECT_NE(m_out.find("\nverdict: NOT clean\n"), std::string::npos) << m_out;
+    }
+}
+
 TEST(ChipMap, FitsAChipOfAnySizeToTheTerminal) {
     std::vector<BlockMark> marks(64, BlockMark::Untouched);
     marks[1] = BlockMark::Written;
