@@ -193,6 +193,11 @@ void SaveTrace(const SimState &state, const std::string &path) {
         fprintf(stderr, "flashsim: the trace in %s is not complete: there was no room for all of it\n", path.c_str());
 }
 
+bool WantsColour() {
+    const char *refusal = getenv("NO_COLOR");
+    return isatty(STDOUT_FILENO) == 1 && (refusal == nullptr || *refusal == '\0');
+}
+
 size_t TerminalWidth() {
     winsize size = {};
     return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kUsualWidth;
@@ -212,8 +217,7 @@ int Rehearse(const Options &options) {
     if (options.isRaw)
         return RunSummary::ShellStatus(outcome);
     const RunSummary summary(chip.Chip(), state, outcome);
-    const bool inColour = isatty(STDOUT_FILENO) == 1 && getenv("NO_COLOR") == nullptr;
-    printf("\n%s", summary.Text(TerminalWidth(), inColour).c_str());
+    printf("\n%s", summary.Text(TerminalWidth(), WantsColour()).c_str());
     fflush(stdout);
     return summary.IsClean() ? kClean : kFindings;
 }

@@ -126,16 +126,17 @@ TEST_F(Flashsim, HostStaysAsItIs) {
 }
 
 TEST_F(Flashsim, FlashFileKeepsTheChipBetweenRuns) {
+    constexpr size_t kBlockTwo = size_t{2} * 64 * 2112;
     const std::string flash = (m_folder / "unit.nand").string();
     const std::string pages = std::string(2048, 'k') + std::string(64, '\xff') + "tail" + std::string(2044, '\xff');
     EXPECT_EQ(Run("--raw --chip 1M,128K,2K,64 --bad 1 --flash " + flash), 0);
-    EXPECT_EQ(Load(flash).substr(2 * 64 * 2112, pages.size()), pages);
+    EXPECT_EQ(Load(flash).substr(kBlockTwo, pages.size()), pages);
 
     Save("update/flashrig.script", "erase 0 20000\n");
     EXPECT_EQ(Run("--flash " + flash), 0);
     EXPECT_NE(m_out.find("0x00000000  eX......\n"), std::string::npos) << m_out;
     EXPECT_NE(m_out.find("\nverdict: clean\n"), std::string::npos) << m_out;
-    EXPECT_EQ(Load(flash).substr(2 * 64 * 2112, pages.size()), pages);
+    EXPECT_EQ(Load(flash).substr(kBlockTwo, pages.size()), pages);
     EXPECT_EQ(Run("--chip 2M,128K,2K,64 --flash " + flash), 2);
 }
 
