@@ -25,6 +25,7 @@
 #include <exception>
 #include <fcntl.h>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -102,7 +103,14 @@ constexpr int kInheritedDescriptors = 64; ///< shells keep theirs below
 /// The run that this process takes part in.
 struct Simulation {
     Simulation(const char *chipPath, const char *statePath)
-        : chip(chipPath), state(statePath), devices(state.Devices()) {}
+        : chip(chipPath), state(statePath), devices(state.Devices()) {
+        const NandGeometry &geometry = chip.Chip().Geometry();
+        for (const SimDevice &device : devices) {
+            const bool whole = device.offset % geometry.eraseSize == 0 && device.size % geometry.eraseSize == 0;
+            if (!whole || device.offset > geometry.size || device.size > geometry.size - device.offset)
+                throw std::runtime_error(device.name + ": isn't a part of the chip in whole blocks");
+        }
+    }
 
     const SimDevice *FindDevice(int number) const {
         const auto found = std::find_if(devices.begin(), devices.end(),
