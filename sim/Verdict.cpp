@@ -263,12 +263,10 @@ private:
 
     void JudgeCleanLine(const LineVerdict &verdict, const LineStory &story) {
         const UpdateLine &line = verdict.line;
-        const char *const programs[] = {"/tmp/update/prepare.sh", "/tmp/update/ubiformat"};
-        for (std::size_t i = 0; i < story.exits.size(); ++i) {
-            if (story.exits[i] != 0)
+        for (const auto &[program, status] : story.exits) {
+            if (status != 0)
                 Add(line, "format-failed",
-                    std::string(programs[i]) + " ends with " + Ending(story.exits[i]) +
-                        ", and the device goes on as if it had done its work",
+                    program + " ends with " + Ending(status) + ", and the device goes on as if it had done its work",
                     "mend the program; exit status 255 is one that can't be started");
         }
         const std::optional<FlashRange> range = m_flash.RangeOf(line);
@@ -369,6 +367,11 @@ private:
             judged.push_back(*range);
             JudgeEnvironment(*range);
         }
+    }
+
+    bool HasBadBlocks(const UpdateLine &line) const {
+        const std::optional<FlashRange> range = m_flash.RangeOf(line);
+        return range && !m_flash.BadBlocks(*range).empty();
     }
 
     static bool ChangedVariable(const LineVerdict &verdict) {
@@ -559,7 +562,8 @@ private:
             const bool endsInBlock = ImageSize(verdict.line).value_or(0) % m_flash.EraseSize() != 0;
             if (verdict.line.kind == LineKind::WriteOob || (verdict.line.kind == LineKind::Write && !endsInBlock))
                 more.push_back(verdict.line.number);
-            else if (verdict.line.kind == LineKind::Ubiformat || verdict.line.kind == LineKind::SetEnv)
+            else if (verdict.line.kind == LineKind::Ubiformat ||
+                     (verdict.line.kind == LineKind::SetEnv && HasBadBlocks(verdict.line)))
                 fewer.push_back(verdict.line.number);
         }
         std::string why;
