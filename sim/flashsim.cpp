@@ -1,6 +1,8 @@
 // Runs an update with the real updater on a simulated chip, and tells what came of it.
 
 #include "ChipFile.h"
+#include "ChipPicture.h"
+#include "FlashRanges.h"
 #include "HeldSignals.h"
 #include "Report.h"
 #include "RunSummary.h"
@@ -65,6 +67,7 @@ struct Options {
     std::string flash;
     std::string trace;
     std::string report;
+    std::string map;
     std::vector<std::string> faults;
     std::uint64_t cut = 0;
     std::string missingSysfs;
@@ -77,6 +80,9 @@ struct Options {
     std::string place;
     std::string update;
     std::vector<std::string> arguments;
+
+    /// @return whether a run is to be judged, and not only to be passed on.
+    bool WantsVerdict() const { return !isRaw || !report.empty() || !map.empty(); }
 };
 
 /// Finds a file that is built or installed with this program.
@@ -134,6 +140,7 @@ void Describe(CLI::App &app, Options &options) {
     add("--cut", "N", options.cut, "the power goes in the middle of the N-th page program or block erase");
     add("--trace", "FILE", options.trace, "write a line for each request");
     add("--report", "FILE.json", options.report, "write the verdict and what it is drawn from, for programs");
+    add("--map", "FILE.svg", options.map, "draw the chip, the script's ranges and the percentages");
     app.add_flag("--raw", options.isRaw, "only the updater's own output and exit status, for scripts")->group(group);
 }
 
@@ -182,7 +189,7 @@ RunSettings Settings(const Options &options, const NandGeometry &geometry) {
         settings.sim.faults.push_back(ReadFault(fault));
     settings.sim.cutAtChange = options.cut;
     // The verdict finds notes and calls in the trace.
-    settings.sim.traceLimit = options.isRaw && options.trace.empty() && options.report.empty() ? 0 : kTraceLimit;
+    settings.sim.traceLimit = options.WantsVerdict() || !options.trace.empty() ? kTraceLimit : 0;
     settings.passOut = STDOUT_FILENO;
     settings.passErr = STDERR_FILENO;
     settings.program = options.program.empty() ? Companion("flashrig") : options.program;
@@ -190,23 +197,29 @@ RunSettings Settings(const Options &options, const NandGeometry &geometry) {
     return settings;
 }
 
-void SaveTrace(const SimState &state, const std::string &path) {
-    std::ofstream file(path);
-    file << state.TraceText() << std::flush;
+void Save(const std::string &text, const std::string &path, const char *what) {
+    std::ofstream file(path, std::ios::binary);
+    file << text << std::flush;
     if (!file)
-        throw std::runtime_error("can't write the trace to " + path);
+        throw std::runtime_error(std::string("can't write the ") + what + " to " + path);
+}
+
+void SaveTrace(const SimState &state, const std::string &path) {
+    Save(state.TraceText(), path, "trace");
     if (state.TraceOverflowed())
         fprintf(stderr, "flashsim: the trace in %s is not complete: there was no room for all of it\n", path.c_str());
 }
 
-void SaveReport(const nlohmann::ordered_json &report, const std::string &path) {
+std::string ReportText(const nlohmann::ordered_json &report) {
     using Json = nlohmann::ordered_json;
     constexpr int kIndent = 2;
-    std::ofstream file(path);
     // A script's bytes may be no text.
-    file << report.dump(kIndent, ' ', false, Json::error_handler_t::replace) << std::endl;
-    if (!file)
-        throw std::runtime_error("can't write the report to " + path);
+    return report.dump(kIndent, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+std::string UpdateName(const std::string &path) {
+    const fs::path whole = fs::absolute(path).lexically_normal();
+    return whole.has_filename() ? whole.filename() : whole.parent_path().filename();
 }
 
 bool WantsColour() {
@@ -232,10 +245,13 @@ int Rehearse(const Options &options) {
         SaveTrace(state, options.trace);
     const Rehearsal rehearsal = {outcome.script, outcome.files, state.Devices(),   outcome.status,
                                  outcome.out,    outcome.err,   state.TraceText(), state.CutPlace()};
-    const bool isJudged = !outcome.isInterrupted && (!options.isRaw || !options.report.empty());
+    const bool isJudged = !outcome.isInterrupted && options.WantsVerdict();
     const Verdict verdict = isJudged ? Judge(rehearsal, chip.Chip()) : Verdict();
     if (isJudged && !options.report.empty())
-        SaveReport(MakeReport(rehearsal, verdict, chip.Chip(), state), options.report);
+        Save(ReportText(MakeReport(rehearsal, verdict, chip.Chip(), state)), options.report, "report");
+    if (isJudged && !options.map.empty())
+        Save(DrawChip(UpdateName(options.update), chip.Chip(), WholeFlash(chip.Chip(), rehearsal.devices), verdict),
+             options.map, "map");
     if (options.isRaw)
         return RunSummary::ShellStatus(outcome);
     const RunSummary summary(chip.Chip(), state, outcome);
