@@ -1,10 +1,55 @@
 #include "UTextUtil.h"
 
+#include <algorithm>
+#include <cctype>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
+
+namespace {
+
+constexpr char kBlank = ' ';
+constexpr int kNumberSize = 16;
+constexpr char kTokenSpace[] = " \f\n\t\r\v";
+
+/// @return the position behind the first separator, or null. The terminator separates nothing.
+const char *BehindSeparator(const char *text, char separator) {
+    const char *found = separator == '\0' ? nullptr : std::strchr(text, separator);
+    return found == nullptr ? nullptr : found + 1;
+}
+
+/// @return the position behind the first occurrence of the key, or null.
+const char *BehindKey(const char *text, const char *key) {
+    const char *found = std::strstr(text, key);
+    return found == nullptr ? nullptr : found + std::strlen(key);
+}
+
+/// @return the position behind the first occurrence of the key that a blank or the separator follows, or null.
+const char *BehindExactKey(const char *text, const char *key, char separator) {
+    const std::size_t length = std::strlen(key);
+    if (length == 0)
+        return nullptr;
+    for (const char *found = std::strstr(text, key); found != nullptr; found = std::strstr(found + 1, key)) {
+        const char *behind = found + length;
+        if (*behind == kBlank || *behind == separator)
+            return behind;
+    }
+    return nullptr;
+}
+
+/// Sets the outputs to the value of the key that ends at `behind`, which may be null.
+int TakeValue(const char *behind, char separator, const char *stops, char **value, int *length) {
+    const char *start = behind == nullptr ? nullptr : BehindSeparator(behind, separator);
+    if (start == nullptr)
+        return 0;
+    *value = const_cast<char *>(start);
+    *length = static_cast<int>(std::strcspn(start, stops));
+    return 1;
+}
+
+} // namespace
 
 int UTextUtil::Split(const char *text, const char *delimiters, std::vector<std::string> &tokens) {
     const std::unique_ptr<char, decltype(&std::free)> copy(strdup(text), &std::free);
@@ -24,4 +69,106 @@ int UTextUtil::ToInt(const char *text, int base) {
     if (value < INT_MIN)
         return INT_MIN;
     return static_cast<int>(value);
+}
+
+int UTextUtil::findKeyExact(const char *text, const char *key, char separator, const char *stops, char **value,
+                            int *length) {
+    return TakeValue(BehindExactKey(text, key, separator), separator, stops, value, length);
+}
+
+int UTextUtil::findKeyExact(const char *text, const char *key, char separator, const char *stops, char *buffer,
+                            int size) {
+    char *value = nullptr;
+    int length = 0;
+    if (findKeyExact(text, key, separator, stops, &value, &length) == 0)
+        return -1;
+    length = std::min(length, size - 1);
+    while (length > 0 && value[length - 1] == kBlank)
+        --length;
+    std::memcpy(buffer, value, static_cast<std::size_t>(length));
+    buffer[length] = '\0';
+    return length;
+}
+
+int UTextUtil::findKeyExact(const char *text, const char *key, char separator, const char *stops, int *number) {
+    char buffer[kNumberSize];
+    if (findKeyExact(text, key, separator, stops, buffer, kNumberSize) == -1)
+        return 0;
+    *number = ToInt(buffer, 10);
+    return 1;
+}
+
+int UTextUtil::findKey(const char *text, const char *key, char separator, const char *stops, char **value,
+                       int *length) {
+    return TakeValue(BehindKey(text, key), separator, stops, value, length);
+}
+
+char *UTextUtil::findKey(const char *text, const char *key, char separator) {
+    const char *behind = BehindKey(text, key);
+    return behind == nullptr ? nullptr : findValue(behind, separator);
+}
+
+char *UTextUtil::findValue(const char *text, char separator) {
+    const char *value = BehindSeparator(text, separator);
+    if (value == nullptr)
+        return nullptr;
+    while (*value == kBlank)
+        ++value;
+    return const_cast<char *>(value);
+}
+
+std::string UTextUtil::Trim(std::string text, const char *set) {
+    text.erase(text.find_last_not_of(set) + 1);
+    text.erase(0, text.find_first_not_of(set));
+    return text;
+}
+
+char *UTextUtil::TrimStr(char *buffer, const char *set) {
+    char *start = buffer + std::strspn(buffer, set);
+    for (char *end = start + std::strlen(start); end - start > 1 && std::strchr(set, end[-1]) != nullptr; --end)
+        end[-1] = '\0';
+    return start;
+}
+
+void UTextUtil::Trim(char *&text, const char *set) { text = TrimStr(text, set); }
+
+std::string UTextUtil::implode(std::vector<std::string> &parts, std::string glue) {
+    std::string whole;
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        if (i > 0)
+            whole += glue;
+        whole += parts[i];
+    }
+    return whole;
+}
+
+char *UTextUtil::firstToken(char *buffer, const char *delimiters) {
+    return strtok_r(buffer, delimiters, &m_pTokenState);
+}
+
+char *UTextUtil::nextToken(const char *delimiters) {
+    return m_pTokenState == nullptr ? nullptr : strtok_r(nullptr, delimiters, &m_pTokenState);
+}
+
+void UTextUtil::ToUpper(char *text) {
+    for (; *text != '\0'; ++text)
+        *text = static_cast<char>(std::toupper(static_cast<unsigned char>(*text)));
+}
+
+void UTextUtil::ToLower(char *text) {
+    for (; *text != '\0'; ++text)
+        *text = static_cast<char>(std::tolower(static_cast<unsigned char>(*text)));
+}
+
+void UTextUtil::Replace(char *text, char from, char to) { std::replace(text, text + std::strlen(text), from, to); }
+
+std::vector<std::string> UTextUtil::tokenize(const std::string &text, const std::string &delimiters) {
+    std::vector<std::string> tokens;
+    std::size_t end = 0;
+    for (std::size_t start = text.find_first_not_of(delimiters); start != std::string::npos;
+         start = text.find_first_not_of(delimiters, end)) {
+        end = text.find_first_of(delimiters, start);
+        tokens.push_back(Trim(text.substr(start, end - start), kTokenSpace));
+    }
+    return tokens;
 }

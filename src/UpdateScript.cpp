@@ -1,6 +1,8 @@
 #include "UpdateScript.h"
 
+#include "ProcessUtil.h"
 #include "SNandUtil.h"
+#include "UEnvTool.h"
 #include "UFile.h"
 #include "UTextUtil.h"
 
@@ -10,6 +12,7 @@
 #include <exception>
 #include <fcntl.h>
 #include <fstream>
+#include <memory>
 #include <mtd/mtd-user.h>
 #include <unistd.h>
 
@@ -22,6 +25,15 @@ constexpr const char *kBlanks = " \f\n\t\r\v";
 constexpr std::size_t kScriptLimit = 4095;
 constexpr std::size_t kLineLimit = 255;
 constexpr char kErasedByte = '\xFF';
+constexpr std::size_t kLongSetEnvTokens = 5;
+
+/// The programs of a hand-over come with the update, at fixed places.
+constexpr const char *kShell = "/bin/sh";
+constexpr const char *kPrepareScript = "/tmp/update/prepare.sh";
+constexpr const char *kUbiformat = "/tmp/update/ubiformat";
+
+/// A hand-over reports three blocks on its own and ends this much short of its image's blocks.
+constexpr int kHandOverShortfall = 10;
 
 /// Device number of the whole flash; set before anything opens a device.
 int nTotalMtdPartition = 12;
@@ -35,12 +47,15 @@ int WrapMultiply(int a, int b) { return static_cast<int>(static_cast<unsigned>(a
 /// 32-bit division cut toward zero; 64 bits on the way, since -0x80000000 / -1 has no 32-bit result.
 int Quotient(int a, int b) { return static_cast<int>(static_cast<long long>(a) / b); }
 
+/// The low 32 bits of a file's size: sizes are 32-bit signed throughout.
+int FileSize(const char *path) { return static_cast<int>(static_cast<unsigned>(UFile::GetFileSize(path))); }
+
 /// Divisions by a size that sysfs didn't tell count nothing.
+int WholeBlocks(int size, int block) { return block == 0 ? 0 : Quotient(size, block); }
+
 int BlocksWithPart(int size, int block) {
-    if (block == 0)
-        return 0;
-    const bool part = static_cast<long long>(size) % block != 0;
-    return Quotient(size, block) + (part ? 1 : 0);
+    const bool part = block != 0 && static_cast<long long>(size) % block != 0;
+    return WholeBlocks(size, block) + (part ? 1 : 0);
 }
 
 /// A descriptor that closes itself. It may be -1: the first read tells.
@@ -95,6 +110,10 @@ int Erase(SNandUtil &nand, unsigned block) {
     return result;
 }
 
+void PrintInvalidSize(const SNandUtil &nand, int size) {
+    fprintf(stderr, "error : invalid size=%d, blocksize = %d\n", size, nand.m_nEraseSize);
+}
+
 /// The alignment tests of all commands: offset first, then size.
 bool IsAligned(const SNandUtil &nand, int offset, int size) {
     const unsigned mask = static_cast<unsigned>(nand.m_nEraseSize) - 1;
@@ -103,7 +122,7 @@ bool IsAligned(const SNandUtil &nand, int offset, int size) {
         return false;
     }
     if ((static_cast<unsigned>(size) & mask) != 0) {
-        fprintf(stderr, "error : invalid size=%d, blocksize = %d\n", size, nand.m_nEraseSize);
+        PrintInvalidSize(nand, size);
         return false;
     }
     return true;
@@ -111,11 +130,38 @@ bool IsAligned(const SNandUtil &nand, int offset, int size) {
 
 /// Page commands divide by both sizes.
 bool HasPages(const SNandUtil &nand) {
-    if (nand.m_nEraseSize > 0 && nand.m_nWriteSize > 0)
+    if (nand.m_nEraseSize > 0 && nand.m_nWriteSize > 0 && nand.m_nOobSize >= 0)
         return true;
     fprintf(stderr, "error : unknown flash geometry, blocksize = %d, pagesize = %d\n", nand.m_nEraseSize,
             nand.m_nWriteSize);
     return false;
+}
+
+unsigned PagesPerBlock(const SNandUtil &nand) { return static_cast<unsigned>(nand.m_nEraseSize / nand.m_nWriteSize); }
+
+/// One read of up to the buffer's size, whatever becomes of it.
+int ReadInto(int file, std::vector<char> &buffer) { return static_cast<int>(read(file, buffer.data(), buffer.size())); }
+
+/// Reads `size` bytes of flash page by page, bad blocks like all others.
+/// @return 0, or what the failing ReadPage gave.
+int ReadPages(SNandUtil &nand, int offset, int size, char *buffer) {
+    const int pageSize = nand.m_nWriteSize;
+    const int first = offset / pageSize;
+    for (int i = 0; i < size / pageSize; ++i) {
+        const int page = WrapAdd(first, i);
+        const int count = nand.ReadPage(page, buffer + static_cast<std::ptrdiff_t>(i) * pageSize);
+        if (count != pageSize) {
+            fprintf(stderr, "error : read failed at %x\n", WrapMultiply(page, pageSize));
+            return count;
+        }
+    }
+    return 0;
+}
+
+/// execv asks for changeable text and changes none.
+void Execute(std::vector<const char *> arguments) {
+    arguments.push_back(nullptr);
+    ExecuteCommand(const_cast<char *const *>(arguments.data()), true);
 }
 
 } // namespace
@@ -155,9 +201,29 @@ struct UpdateScript::Command {
 };
 
 const UpdateScript::Command UpdateScript::kCommands[] = {
-    {"write", 4, 3, &UpdateScript::RunWrite,
+    {"write", 4, 3, &UpdateScript::RunImage<&UpdateScript::CmdWrite>,
      [](const Geometry &flash, const Tokens &, int fileSize) { return BlocksWithPart(fileSize, flash.eraseSize); }},
+    {"writeoob", 4, 3, &UpdateScript::RunImage<&UpdateScript::CmdWriteOob>,
+     [](const Geometry &flash, const Tokens &, int fileSize) {
+         const int blockBytes = WrapMultiply(flash.eraseSize, WrapAdd(flash.writeSize, flash.oobSize));
+         return WholeBlocks(fileSize, WholeBlocks(blockBytes, flash.writeSize));
+     }},
     {"erase", 3, 0, &UpdateScript::RunErase, [](const Geometry &, const Tokens &, int) { return 0; }},
+    {"setenv", 3, 0, &UpdateScript::RunSetEnv,
+     [](const Geometry &flash, const Tokens &tokens, int) {
+         return tokens.size() < kLongSetEnvTokens ? 0 : WholeBlocks(ReadHex(tokens[2]), flash.eraseSize);
+     }},
+    {"ubiformat", 3, 2, &UpdateScript::RunUbiformat,
+     [](const Geometry &flash, const Tokens &, int fileSize) { return BlocksWithPart(fileSize, flash.eraseSize); }},
+};
+
+/// What an image file holds for each page.
+struct UpdateScript::ImageFormat {
+    bool carriesOob; ///< a page's out-of-band bytes stand behind its data
+
+    /// Reads the next record and warns of a short one.
+    /// @return what `read` gave: the end of the file is 0, a failure is negative.
+    int (*readRecord)(int file, std::vector<char> &record, int pageSize);
 };
 
 UpdateScript::UpdateScript(const char *scriptPath, const char *notifyScript, bool reboot)
@@ -173,15 +239,20 @@ UpdateScript::UpdateScript(const char *scriptPath, const char *notifyScript, boo
 }
 
 int UpdateScript::Run() {
-    if (m_sScript.empty() || !FitsLimits(false))
+    if (m_sScript.empty())
         return -1;
+    const std::string broken = BrokenLimit();
+    if (!broken.empty()) {
+        fprintf(stderr, "error : %s\n", broken.c_str());
+        return -1;
+    }
     VisitLines([this](const std::string &line, const Tokens &tokens) { return RunLine(line, tokens); });
     Finish();
     return 0;
 }
 
 int UpdateScript::GetTotalBlock() {
-    if (m_sScript.empty() || !FitsLimits(true))
+    if (m_sScript.empty() || !BrokenLimit().empty())
         return 0;
     const SNandUtil nand(nTotalMtdPartition);
     const Geometry flash = {nand.m_nEraseSize, nand.m_nWriteSize, nand.m_nOobSize};
@@ -199,8 +270,7 @@ int UpdateScript::GetTotalBlock() {
             const std::string path = m_sScriptDir + tokens[command->fileToken];
             if (!UFile::Exist(path.c_str()))
                 return true;
-            // The low 32 bits: sizes are 32-bit signed throughout.
-            fileSize = static_cast<int>(static_cast<unsigned>(UFile::GetFileSize(path.c_str())));
+            fileSize = FileSize(path.c_str());
         }
         total = WrapAdd(total, command->count(flash, tokens, fileSize));
         return true;
@@ -218,13 +288,9 @@ void UpdateScript::IncBlockWritten() {
     m_nLastPercent = percent;
     if (m_sNotifyScript.empty())
         return;
-    const std::string command = m_sNotifyScript + " " + std::to_string(percent);
-    if (command.size() > kCommandLimit) {
-        fprintf(stderr, "error : command too long: %s\n", command.c_str());
+    // Refused once for its length, it would be refused at each percentage.
+    if (!RunCommand(m_sNotifyScript + " " + std::to_string(percent)))
         m_sNotifyScript.clear();
-        return;
-    }
-    static_cast<void>(system(command.c_str()));
 }
 
 void UpdateScript::Finish() {
@@ -258,29 +324,21 @@ template <typename Visit> void UpdateScript::VisitLines(Visit visit) const {
 }
 
 /// A script over its limits is refused whole: half a line would be another command.
-bool UpdateScript::FitsLimits(bool quiet) const {
-    if (m_sScript.size() > kScriptLimit) {
-        if (!quiet)
-            fprintf(stderr, "error : script of %zu characters, the limit is %zu\n", m_sScript.size(), kScriptLimit);
-        return false;
-    }
+/// @return which limit it breaks, and where; empty for none.
+std::string UpdateScript::BrokenLimit() const {
+    if (m_sScript.size() > kScriptLimit)
+        return "script of " + std::to_string(m_sScript.size()) + " characters, the limit is " +
+               std::to_string(kScriptLimit);
     std::size_t number = 1;
-    std::size_t start = 0;
-    while (start < m_sScript.size()) {
-        std::size_t end = m_sScript.find_first_of(kLineEnds, start);
-        if (end == std::string::npos)
-            end = m_sScript.size();
-        if (end - start > kLineLimit) {
-            if (!quiet)
-                fprintf(stderr, "error : script line %zu of %zu characters, the limit is %zu\n", number, end - start,
-                        kLineLimit);
-            return false;
-        }
+    for (std::size_t start = 0; start < m_sScript.size(); ++number) {
+        const std::size_t end = std::min(m_sScript.find_first_of(kLineEnds, start), m_sScript.size());
+        if (end - start > kLineLimit)
+            return "script line " + std::to_string(number) + " of " + std::to_string(end - start) +
+                   " characters, the limit is " + std::to_string(kLineLimit);
         const bool pair = m_sScript.compare(end, 2, "\r\n") == 0;
         start = end + (pair ? 2 : 1);
-        ++number;
     }
-    return true;
+    return std::string();
 }
 
 /// Carries out one line.
@@ -317,10 +375,30 @@ int UpdateScript::RunErase(const Tokens &tokens, const std::string &) {
     return 0;
 }
 
-int UpdateScript::RunWrite(const Tokens &tokens, const std::string &path) {
+/// `write` and `writeoob` differ in what they do with the file only.
+template <int (UpdateScript::*Command)(int, int, const char *)>
+int UpdateScript::RunImage(const Tokens &tokens, const std::string &path) {
     const int offset = ReadHex(tokens[1]);
     fprintf(stderr, "write %s to flash address %x\n", path.c_str(), offset);
-    return CmdWrite(offset, ReadHex(tokens[2]), path.c_str());
+    return (this->*Command)(offset, ReadHex(tokens[2]), path.c_str());
+}
+
+int UpdateScript::RunSetEnv(const Tokens &tokens, const std::string &) {
+    const bool isLong = tokens.size() >= kLongSetEnvTokens;
+    const char *name = tokens[isLong ? 3 : 1].c_str();
+    const char *value = tokens[isLong ? 4 : 2].c_str();
+    if (isLong)
+        CmdSetEnv(ReadHex(tokens[1]), ReadHex(tokens[2]), name, value);
+    else
+        CmdSetEnv(name, value);
+    // Said whatever came of it; a failure never stops the script.
+    fprintf(stderr, "write %s = %s to env\n", name, value);
+    return 0;
+}
+
+int UpdateScript::RunUbiformat(const Tokens &tokens, const std::string &path) {
+    fprintf(stderr, "ubiformat %s to <MTD> %s\n", path.c_str(), tokens[1].c_str());
+    return CmdUbiformat(tokens[1].c_str(), path.c_str());
 }
 
 int UpdateScript::CmdErase(int offset, int size) { return EraseRange(offset, size, false); }
@@ -332,11 +410,12 @@ int UpdateScript::EraseRange(int offset, int size, bool forPages) {
         return -1;
     if (forPages && !HasPages(nand))
         return -1;
+    const unsigned first = nand.m_nEraseSize == 0 ? 0 : BlockOf(nand, offset);
+    const unsigned end = nand.m_nEraseSize == 0 ? 0 : first + BlockOf(nand, size);
     int result = -1;
-    if (nand.m_nEraseSize != 0 && BlockOf(nand, size) != 0) {
-        const unsigned first = BlockOf(nand, offset);
+    if (first < end) {
         int erased = 0;
-        const int checked = WalkGoodBlocks(nand, first, first + BlockOf(nand, size), [&](unsigned block) {
+        const int checked = WalkGoodBlocks(nand, first, end, [&](unsigned block) {
             erased = Erase(nand, block);
             return erased == 0;
         });
@@ -346,7 +425,7 @@ int UpdateScript::EraseRange(int offset, int size, bool forPages) {
     return result;
 }
 
-int UpdateScript::CmdWrite(int offset, int size, const char *path) {
+int UpdateScript::WriteImage(int offset, int size, const char *path, const ImageFormat &format) {
     const int erased = EraseRange(offset, size, true);
     if (erased != 0)
         return erased;
@@ -355,21 +434,22 @@ int UpdateScript::CmdWrite(int offset, int size, const char *path) {
         return -1;
 
     const int pageSize = nand.m_nWriteSize;
-    std::vector<char> page(static_cast<std::size_t>(pageSize));
+    const int oobSize = format.carriesOob ? nand.m_nOobSize : 0;
+    std::vector<char> record(static_cast<std::size_t>(pageSize) + static_cast<std::size_t>(oobSize), kErasedByte);
+    const char *oob = format.carriesOob ? record.data() + pageSize : nullptr;
     const ScopedFd file(open(path, O_RDONLY));
     const unsigned first = BlockOf(nand, offset);
     const unsigned rangeEnd = first + BlockOf(nand, size);
     // The bound is the end of the chip, not of the erased range: bad blocks push the data back.
     const unsigned bound = BlockOf(nand, nand.m_nTotalSize);
-    const unsigned pagesPerBlock = static_cast<unsigned>(nand.m_nEraseSize / pageSize);
+    const unsigned pagesPerBlock = PagesPerBlock(nand);
     int bytesRead = 0;
     int result = 0;
 
     const int checked = WalkGoodBlocks(nand, first, bound, [&](unsigned block) {
         for (unsigned i = 0; i < pagesPerBlock; ++i) {
-            const int number = static_cast<int>(block * pagesPerBlock + i);
-            std::fill(page.begin(), page.end(), kErasedByte);
-            const int count = static_cast<int>(read(file.Get(), page.data(), page.size()));
+            const int page = static_cast<int>(block * pagesPerBlock + i);
+            const int count = format.readRecord(file.Get(), record, pageSize);
             if (count < 0) {
                 fprintf(stderr, "error : file readsize = %d, pagesize = %d\n", count, pageSize);
                 result = -1;
@@ -377,19 +457,17 @@ int UpdateScript::CmdWrite(int offset, int size, const char *path) {
             }
             if (count == 0) {
                 fprintf(stderr, "write file complete\n read size = %d\n", bytesRead);
-                if (number != 0)
+                if (page != 0)
                     IncBlockWritten();
                 return false;
             }
-            if (count < pageSize)
-                fprintf(stderr, "warning : file readsize = %d, pending to pagesize = %d\n", count, pageSize);
             bytesRead = WrapAdd(bytesRead, count);
             if (block >= rangeEnd) {
                 fprintf(stderr, "error : file outruns the erased range at %x\n", ByteOffset(nand, block));
                 result = -1;
                 return false;
             }
-            const int written = nand.WritePageWithOob(number, page.data(), pageSize, nullptr, 0, MTD_OPS_RAW);
+            const int written = nand.WritePageWithOob(page, record.data(), pageSize, oob, oobSize, MTD_OPS_RAW);
             if (written != 0) {
                 fprintf(stderr, "error : write page return %d\n", written);
                 result = -1;
@@ -400,4 +478,109 @@ int UpdateScript::CmdWrite(int offset, int size, const char *path) {
         return true;
     });
     return checked != 0 ? checked : result;
+}
+
+int UpdateScript::CmdWrite(int offset, int size, const char *path) {
+    return WriteImage(offset, size, path, {false, [](int file, std::vector<char> &page, int pageSize) {
+                                               std::fill(page.begin(), page.end(), kErasedByte);
+                                               const int count = ReadInto(file, page);
+                                               if (count > 0 && count < pageSize)
+                                                   fprintf(stderr,
+                                                           "warning : file readsize = %d, pending to pagesize = %d\n",
+                                                           count, pageSize);
+                                               return count;
+                                           }});
+}
+
+int UpdateScript::CmdWriteOob(int offset, int size, const char *path) {
+    return WriteImage(offset, size, path,
+                      {true, [](int file, std::vector<char> &record, int pageSize) {
+                           // Not cleared in between: a short record keeps the tail of the one before.
+                           const int count = ReadInto(file, record);
+                           // The end of the file is told as a short record too, and the number is the page's.
+                           if (count >= 0 && static_cast<std::size_t>(count) != record.size())
+                               fprintf(stderr, "warning : file read datasize = %d, pending to pagesize = %d\n", count,
+                                       pageSize);
+                           return count;
+                       }});
+}
+
+int UpdateScript::CmdSetEnv(const char *name, const char *value) {
+    RunCommand(std::string("/bin/bootvars -s ") + name + " " + value);
+    return 0;
+}
+
+int UpdateScript::CmdSetEnv(int offset, int size, const char *name, const char *value) {
+    SNandUtil nand(nTotalMtdPartition);
+    if (!IsAligned(nand, offset, size) || !HasPages(nand))
+        return -1;
+    if (size <= 0) {
+        PrintInvalidSize(nand, size);
+        return -1;
+    }
+    // Not filled: a size beyond the chip must fail at its first page, not take the device's memory.
+    std::unique_ptr<char[]> flash(new char[static_cast<std::size_t>(size)]);
+    const int read = ReadPages(nand, offset, size, flash.get());
+    if (read != 0)
+        return read;
+    UEnvTool environment(flash.get(), size);
+    if (environment.SetEnv(name, value) != 0) {
+        fprintf(stderr, "error : environment of %d bytes is full, %s not set\n", size, name);
+        return -1;
+    }
+    flash.reset();
+    return WriteEnvironment(nand, offset, environment);
+}
+
+/// Writes an environment block to the good blocks from `offset` on.
+/// @return -1 when a page write failed; other failures end the walk and give 0.
+int UpdateScript::WriteEnvironment(SNandUtil &nand, int offset, const UEnvTool &environment) {
+    const int pageSize = nand.m_nWriteSize;
+    const unsigned first = BlockOf(nand, offset);
+    const unsigned pagesPerBlock = PagesPerBlock(nand);
+    const char *data = environment.m_pBlock;
+    int result = 0;
+    WalkGoodBlocks(nand, first, first + BlockOf(nand, environment.m_nSize), [&](unsigned block) {
+        if (Erase(nand, block) != 0)
+            return false;
+        for (unsigned i = 0; i < pagesPerBlock; ++i) {
+            const int written = nand.WritePage(static_cast<int>(block * pagesPerBlock + i), data, pageSize);
+            if (written != pageSize) {
+                fprintf(stderr, "error : write page return %d\n", written);
+                result = -1;
+                return false;
+            }
+            data += pageSize;
+        }
+        IncBlockWritten();
+        return true;
+    });
+    return result;
+}
+
+int UpdateScript::CmdUbiformat(const char *device, const char *path) {
+    // Kept to the end: the whole flash stays open while the outside programs run, and is synced last.
+    const SNandUtil nand(nTotalMtdPartition);
+    const int size = FileSize(path);
+    IncBlockWritten();
+    PrepareUBI();
+    if (access(device, R_OK) != 0) {
+        fprintf(stderr, "dev %s is not exist\n", device);
+        return -1;
+    }
+    if (access(path, R_OK) != 0) {
+        fprintf(stderr, "%s is not exist\n", path);
+        return -1;
+    }
+    if (access(kPrepareScript, R_OK) != 0)
+        return -1;
+    printf("prepare ubi ...\n");
+    fflush(stdout);
+    Execute({kShell, "sh", kPrepareScript});
+    IncBlockWritten();
+    Execute({kUbiformat, "ubiformat", device, "-y", "-f", path});
+    if (nand.m_nEraseSize != 0)
+        m_nBlockWritten = WrapAdd(m_nBlockWritten, Quotient(size, nand.m_nEraseSize) - kHandOverShortfall);
+    IncBlockWritten();
+    return 0;
 }

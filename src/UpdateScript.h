@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-/// Longest command line that is handed to the shell, in characters.
-constexpr std::size_t kCommandLimit = 255;
+class SNandUtil;
+class UEnvTool;
 
 /// @return the number of the MTD device that spans the whole flash: the first one in "/proc/mtd" whose line holds
 ///         "all"; 0 when no line does; -1 when the table can't be opened.
@@ -46,6 +46,27 @@ public:
     /// @return 0, or the first failure's negative result. What was erased and written up to then stays so.
     int CmdWrite(int offset, int size, const char *path);
 
+    /// Does the same with a raw image: each page's data is followed by its out-of-band bytes, and both are programmed
+    /// as they are, without ECC of the kernel's. A short last record keeps the tail of the record before.
+    /// @return as CmdWrite.
+    int CmdWriteOob(int offset, int size, const char *path);
+
+    /// Hands a variable to the device's own environment tool. Its success is not known.
+    /// @return 0.
+    int CmdSetEnv(const char *name, const char *value);
+
+    /// Changes a variable in the environment block of `size` bytes at `offset`, both whole multiples of the erase
+    /// block, and writes the block back to the good blocks of that range in order: with bad ones in it, the block's
+    /// end is written nowhere. Power must not fail in between.
+    /// @return 0, also when the walk over the blocks ended early; -1 when the range is invalid, a page can't be read
+    ///         or the variable doesn't fit (all with untouched flash), or when a page can't be written.
+    int CmdSetEnv(int offset, int size, const char *name, const char *value);
+
+    /// Hands a partition to the update's own ubiformat, after stopping what uses it. The outside programs' success is
+    /// not known. What was stopped stays stopped.
+    /// @return 0, or -1 when the device, the image or the update's prepare script can't be read.
+    int CmdUbiformat(const char *device, const char *path);
+
     std::string m_sScriptDir;    ///< in front of each file name of the script; ends with a slash
     std::string m_sScript;       ///< the whole text
     int m_nTotalBlock;           ///< blocks that make 100 %
@@ -58,15 +79,21 @@ private:
     using Tokens = std::vector<std::string>;
     struct Geometry;
     struct Command;
+    struct ImageFormat;
     static const Command kCommands[];
 
     static const Command *FindCommand(const std::string &name);
     template <typename Visit> void VisitLines(Visit visit) const;
-    bool FitsLimits(bool quiet) const;
+    std::string BrokenLimit() const;
     bool RunLine(const std::string &line, const Tokens &tokens);
 
     int RunErase(const Tokens &tokens, const std::string &path);
-    int RunWrite(const Tokens &tokens, const std::string &path);
+    template <int (UpdateScript::*Command)(int, int, const char *)>
+    int RunImage(const Tokens &tokens, const std::string &path);
+    int RunSetEnv(const Tokens &tokens, const std::string &path);
+    int RunUbiformat(const Tokens &tokens, const std::string &path);
 
     int EraseRange(int offset, int size, bool forPages);
+    int WriteEnvironment(SNandUtil &nand, int offset, const UEnvTool &environment);
+    int WriteImage(int offset, int size, const char *path, const ImageFormat &format);
 };

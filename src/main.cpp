@@ -1,5 +1,6 @@
 #include "main.h"
 
+#include "ProcessUtil.h"
 #include "UFile.h"
 #include "ULog.h"
 #include "UpdateScript.h"
@@ -16,21 +17,13 @@ constexpr const char *kScriptName = "flashrig.script";
 constexpr const char *kFallbackFolder = "/";
 constexpr const char *kNotifyScript = "/tmp/update/progress_script.sh";
 
-/// Prints the refusal of a command that doesn't fit its 255 characters; a cut command would be another command.
-bool Fits(const std::string &command) {
-    if (command.size() <= kCommandLimit)
-        return true;
-    fprintf(stderr, "error : command too long: %s\n", command.c_str());
-    return false;
-}
-
 /// Runs the copy of this program that came with the update.
 /// @return the exit value of this process.
 int HandOver(const std::string &folder, const char *notifyScript) {
     std::string command = folder + "/" + __progname + " " + folder;
     if (notifyScript != nullptr)
         command += std::string(" ") + notifyScript;
-    if (!Fits(command))
+    if (!CommandFits(command))
         return -1;
     printf("new program detected, running %s\n", command.c_str());
     // The copy writes to the same streams: our line comes first.
@@ -46,13 +39,7 @@ void PrintUsage() {
     printf("usage : flashrig <folder contain flashrig.script> [progress notify script]\n");
 }
 
-int PrepareUpdate(const char *image) {
-    const std::string command = std::string("/app/prepare_flashrig.sh ") + image;
-    if (!Fits(command))
-        return -1;
-    static_cast<void>(system(command.c_str()));
-    return 0;
-}
+int PrepareUpdate(const char *image) { return RunCommand(std::string("/app/prepare_flashrig.sh ") + image) ? 0 : -1; }
 
 int CheckNewUpdateProgram(const char *folder) { return UFile::Exist((std::string(folder) + "/" + __progname).c_str()); }
 

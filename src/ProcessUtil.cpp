@@ -1,0 +1,225 @@
+#include "ProcessUtil.h"
+
+#include "UFile.h"
+#include "UTextUtil.h"
+#include "UTypeUtil.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+/// Supervises the others and would start them again: it goes first.
+constexpr const char *kSupervisor = "HeartGuard";
+
+constexpr const char *kStopList[] = {
+    "linkpilot", "flow_core", "FlowRunner", "toolkitd", "SignalHub", "remote_rx", "port_mux", "Panel-Face", "webnest",
+};
+
+/// Inner mounts first: an outer one is busy as long as they stand.
+constexpr const char *kMountList[] = {
+    "/opt/user", "/usr/local/lib", "/lib/modules", "/opt/suite", "/opt",
+};
+
+constexpr const char *kStopSteward = "killall lens_steward";
+constexpr const char *kListMounts = "grep /opt /proc/mounts";
+constexpr const char *kListHolders = "fuser -m /opt";
+constexpr const char *kKillHolders = "fuser -k -m /opt";
+constexpr const char *kRemoveUbiBlock = "ubiblock -r /dev/ubi0_0";
+constexpr const char *kDetachUbi = "ubidetach -p /dev/mtd9";
+
+constexpr std::size_t kPipeChunk = 128;
+constexpr std::size_t kPidLine = 32;
+
+using Pipe = std::unique_ptr<FILE, decltype(&pclose)>;
+
+Pipe OpenPipe(const std::string &command) { return {popen(command.c_str(), "r"), &pclose}; }
+
+void PrintLine(const char *text) {
+    puts(text);
+    fflush(stdout);
+}
+
+void StopByName(const std::string &name) { KillProcess(GetProcessIdByName(name), nullptr); }
+
+bool IsMounted() {
+    if (!ShellCmd(kListMounts).empty())
+        return true;
+    PrintLine("target in no mount");
+    return false;
+}
+
+/// @return false for a field that is no number or beyond the range of one, as the runs of blanks between ids give.
+bool ReadProcessId(const std::string &field, int &id) {
+    try {
+        id = std::stoi(field);
+        return true;
+    } catch (const std::logic_error &) {
+        return false;
+    }
+}
+
+/// @return the parent's id, or 0 at the end of the line.
+int ParentOf(int id) {
+    // "<id> (<name>) <state> <parent> ...": the name may hold anything, parentheses too.
+    const std::string status = UFile::ReadFile(("/proc/" + std::to_string(id) + "/stat").c_str());
+    const std::size_t name = status.rfind(") ");
+    if (name == std::string::npos || name + 4 > status.size())
+        return 0;
+    return UTextUtil::ToInt(status.c_str() + name + 4, 10);
+}
+
+/// Neither groups of processes (negative ids), nor init, nor the line of processes that this update hangs on.
+bool MayBeStopped(int id) {
+    if (id < 0 || id == 1)
+        return false;
+    for (int own = getpid(); own > 0; own = ParentOf(own)) {
+        if (id == own)
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool CommandFits(const std::string &command) {
+    if (command.size() <= kCommandLimit)
+        return true;
+    fprintf(stderr, "error : command too long: %s\n", command.c_str());
+    return false;
+}
+
+bool RunCommand(const std::string &command) {
+    if (!CommandFits(command))
+        return false;
+    static_cast<void>(system(command.c_str()));
+    return true;
+}
+
+std::string ShellCmd(const char *command) {
+    const Pipe pipe = OpenPipe(command);
+    if (pipe == nullptr)
+        throw std::runtime_error("popen() failed!");
+    std::string output;
+    char chunk[kPipeChunk];
+    while (fgets(chunk, sizeof chunk, pipe.get()) != nullptr)
+        output += chunk;
+    return output;
+}
+
+int GetProcessIdByName(const std::string &name) {
+    char line[kPidLine] = {};
+    const Pipe pipe = OpenPipe("pidof " + name);
+    if (pipe == nullptr || fgets(line, sizeof line, pipe.get()) == nullptr)
+        return 0;
+    trim(line);
+    printf("[%s]\n", line);
+    return static_cast<int>(std::strtoul(line, nullptr, 10));
+}
+
+int KillProcess(int id, int *status) {
+    // kill with 0 would reach our own process group.
+    if (id == 0)
+        return 0;
+    if (kill(id, SIGTERM) == -1)
+        return 0;
+    int waited = 0;
+    if (waitpid(id, &waited, 0) != id)
+        return 0;
+    if (status != nullptr)
+        *status = WEXITSTATUS(waited);
+    return 1;
+}
+
+int ExecuteCommand(char *const *arguments, bool wait) {
+    const pid_t child = fork();
+    if (child == 0) {
+        setsid();
+        _exit(execv(arguments[0], arguments + 1));
+    }
+    if (wait) {
+        int status = -1;
+        if (child > 0)
+            waitpid(child, &status, 0);
+        printf("execute %s status %d\n", arguments[0], status);
+    }
+    return 1;
+}
+
+int PrepareUBI() {
+    PrepareProcess2();
+    PrepareProcess();
+    return PrepareMtd();
+}
+
+int PrepareProcess2() {
+    StopByName(kSupervisor);
+    ShellCmd(kStopSteward);
+    for (const char *name : kStopList)
+        StopByName(name);
+    return 1;
+}
+
+int PrepareProcess() {
+    if (!IsMounted())
+        return 0;
+    StopByName(kSupervisor);
+    std::string holders = ShellCmd(kListHolders);
+    if (holders.empty()) {
+        PrintLine("no process exist");
+        return 0;
+    }
+    holders = StdStringTrim(holders);
+    std::vector<std::string> fields;
+    StdStringSplit(holders, " ", &fields);
+    for (const std::string &field : fields) {
+        printf("####%s###\n", field.c_str());
+        int id = 0;
+        if (ReadProcessId(field, id) && MayBeStopped(id))
+            KillProcess(id, nullptr);
+    }
+    holders = ShellCmd(kListHolders);
+    if (!holders.empty()) {
+        // Twice: what the first pass kills may have been starting another.
+        for (int pass = 0; pass < 2; ++pass) {
+            ShellCmd(kKillHolders);
+            sync();
+        }
+    }
+    return 1;
+}
+
+int PrepareMtd() {
+    if (!IsMounted())
+        return -1;
+    for (const char *point : kMountList) {
+        umount(point);
+        sync();
+    }
+    sync();
+    for (const char *command : {kRemoveUbiBlock, kDetachUbi}) {
+        ShellCmd(command);
+        sync();
+    }
+    return 0;
+}
+
+void StdStringSplit(std::string &text, const std::string &delimiters, std::vector<std::string> *fields) {
+    std::size_t start = 0;
+    for (std::size_t end = text.find_first_of(delimiters); end != std::string::npos;
+         end = text.find_first_of(delimiters, start)) {
+        fields->push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    fields->push_back(text.substr(start));
+}
+
+int TextSplit(const char *text, const char *delimiters, std::vector<std::string> *tokens) {
+    return tokens == nullptr ? -1 : UTextUtil::Split(text, delimiters, *tokens);
+}
