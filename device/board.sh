@@ -65,3 +65,50 @@ same_cells() {
 
 # data OFFSET BYTES: the data of the good blocks of a range, without the ECC's help.
 data() { nanddump -q --noecc --omitoob --bb=skipbad -s "$1" -l "$2" /dev/mtd0; }
+
+# no_ecc_events: the kernel has neither corrected a bit nor given up on one since the chip is there.
+no_ecc_events() { [ "$(cat /sys/class/mtd/mtd0/corrected_bits /sys/class/mtd/mtd0/ecc_failures)" = "$(printf '0\n0')" ]; }
+
+# The applications that an update stops, and the one that nobody stops.
+applications="HeartGuard lens_steward linkpilot flow_core FlowRunner toolkitd SignalHub remote_rx port_mux Panel-Face webnest"
+bystander=bystander
+
+# occupy_opt: a device at work. /opt is UBIFS on mtd9, parts of it are mounted elsewhere, the applications run, and
+# two more processes sit in /opt, one of them deaf to SIGTERM. mtd10 stands for the whole flash.
+occupy_opt() {
+    new_flash parts=8,8,8,8,8,8,8,8,8,200
+    umount /proc/mtd
+    name_whole_flash mtd10
+    modprobe ubifs
+    ubiformat -q -y -f /opt.old.ubi /dev/mtd9
+    ubiattach -p /dev/mtd9 >/dev/null
+    mount -t ubifs ubi0:opt /opt
+    mkdir -p /opt/user /opt/suite /usr/local/lib
+    mount -t tmpfs user /opt/user
+    mount -t tmpfs suite /opt/suite
+    mount --bind /opt/lib /usr/local/lib
+    mkdir -p applications
+    for name in $applications $bystander; do
+        printf '#!/bin/sh\nwhile :; do sleep 1; done\n' >"applications/$name"
+        chmod +x "applications/$name"
+        ("applications/$name" &)
+    done
+    (cd /opt && sh -c 'echo $$ >/tmp/work/polite; exec sleep 1000' &)
+    (cd /opt && sh -c 'echo $$ >/tmp/work/deaf; trap "" TERM; exec sleep 1000' &)
+    sleep 1
+}
+
+# opt_is_free: of all that nothing is left but the bystander.
+opt_is_free() {
+    sleep 1
+    for name in $applications; do
+        [ -z "$(pidof "$name")" ]
+    done
+    pidof $bystander >/dev/null
+    [ "$(grep -cE ' /opt| /usr/local/lib' /proc/mounts)" -eq 0 ]
+    [ ! -e /sys/class/ubi/ubi0 ]
+    for holder in polite deaf; do
+        grep -qx "####$(cat /tmp/work/$holder)###" out
+        [ ! -e "/proc/$(cat /tmp/work/$holder)" ]
+    done
+}
