@@ -134,7 +134,8 @@ void USysLog::debug(const char *file, int line, const char *function, const char
     va_end(values);
 }
 
-void USysLog::PrintStackTrace(int skip) {
+// The reports leave out this frame and their own, so it must be there.
+__attribute__((noinline)) void USysLog::PrintStackTrace(int skip) {
     void *frames[kMaxFrames] = {};
     const int count = backtrace(frames, kMaxFrames);
     const std::unique_ptr<char *, decltype(&std::free)> lines(backtrace_symbols(frames, count), &std::free);
