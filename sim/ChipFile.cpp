@@ -1,0 +1,75 @@
+#include "ChipFile.h"
+
+#include <cstring>
+#include <stdexcept>
+
+namespace {
+
+/// What `path`.chip begins with; page states and block states follow it.
+struct Header {
+    char magic[16];
+    NandGeometry geometry;
+    Ecc ecc;
+};
+constexpr char kMagic[] = "flashsim chip 1";
+static_assert(sizeof kMagic == sizeof Header::magic);
+
+std::string StatesPath(const std::string &path) { return path + ".chip"; }
+
+std::uint64_t StatesSize(const NandGeometry &geometry) {
+    return sizeof(Header) + std::uint64_t{geometry.Pages()} + geometry.Blocks();
+}
+
+Header &HeaderOf(const SharedFile &states) { return *reinterpret_cast<Header *>(states.Data()); }
+
+NandChip::Memory MemoryOf(const SharedFile &states, const SharedFile &cells) {
+    std::uint8_t *pageStates = states.Data() + sizeof(Header);
+    return {cells.Data(), pageStates, pageStates + HeaderOf(states).geometry.Pages()};
+}
+
+SharedFile OpenStates(const std::string &path) {
+    SharedFile states = SharedFile::Open(StatesPath(path));
+    if (states.Size() < sizeof(Header) || std::memcmp(HeaderOf(states).magic, kMagic, sizeof kMagic) != 0)
+        throw std::runtime_error(StatesPath(path) + ": isn't the description of a simulated chip");
+    const Header &header = HeaderOf(states);
+    const bool known = header.ecc == Ecc::Host || header.ecc == Ecc::Chip;
+    if (!known || header.geometry.Problem(header.ecc) != nullptr || states.Size() != StatesSize(header.geometry))
+        throw std::runtime_error(StatesPath(path) + ": is damaged");
+    return states;
+}
+
+SharedFile OpenCells(const std::string &path, const NandGeometry &geometry) {
+    SharedFile cells = SharedFile::Open(path);
+    if (cells.Size() != geometry.RawSize())
+        throw std::runtime_error(path + ": has " + std::to_string(cells.Size()) + " bytes, its chip has " +
+                                 std::to_string(geometry.RawSize()));
+    return cells;
+}
+
+} // namespace
+
+void ChipFile::Create(const std::string &path, const NandGeometry &geometry, Ecc ecc,
+                      const std::vector<std::uint32_t> &factoryBadBlocks) {
+    if (const char *problem = geometry.Problem(ecc))
+        throw std::runtime_error(problem);
+    for (const std::uint32_t block : factoryBadBlocks) {
+        if (block >= geometry.Blocks())
+            throw std::runtime_error("bad block " + std::to_string(block) + " isn't on the chip, which has " +
+                                     std::to_string(geometry.Blocks()) + " blocks");
+    }
+    const SharedFile states = SharedFile::Create(StatesPath(path), StatesSize(geometry), SharedFile::Room::AtOnce);
+    const SharedFile cells = SharedFile::Create(path, geometry.RawSize(), SharedFile::Room::AtOnce);
+    Header &header = HeaderOf(states);
+    header.geometry = geometry;
+    header.ecc = ecc;
+    NandChip chip(geometry, ecc, MemoryOf(states, cells));
+    chip.Format();
+    for (const std::uint32_t block : factoryBadBlocks)
+        chip.MarkBad(block);
+    // Last: a creation that was ended early leaves no chip.
+    std::memcpy(header.magic, kMagic, sizeof kMagic);
+}
+
+ChipFile::ChipFile(const std::string &path)
+    : m_states(OpenStates(path)), m_cells(OpenCells(path, HeaderOf(m_states).geometry)),
+      m_chip(HeaderOf(m_states).geometry, HeaderOf(m_states).ecc, MemoryOf(m_states, m_cells)) {}

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "NandChip.h"
+#include "SharedFile.h"
+
+#include <string>
+#include <vector>
+
+/// A chip kept in files, shared by every process that opens them.
+///
+/// `path` holds the cells alone: pages and OOB interleaved, as `nanddump --oob` lays them. `path`.chip beside it holds
+/// geometry, ECC mode, bad blocks and the states of pages and blocks. What one process changes, the others see at
+/// once; nothing is copied to open or to close. The cells are only changed through a chip, never with other tools.
+class ChipFile {
+public:
+    /// Makes a chip fresh from the factory; files that stand there are replaced.
+    /// @param factoryBadBlocks block numbers
+    /// @throw std::runtime_error with one line when the geometry makes no chip, a block isn't on it or a file can't
+    ///        be written
+    static void Create(const std::string &path, const NandGeometry &geometry, Ecc ecc,
+                       const std::vector<std::uint32_t> &factoryBadBlocks);
+
+    /// Opens both files.
+    /// @throw std::runtime_error with one line when one is missing, isn't a chip's or hasn't the length it should have
+    explicit ChipFile(const std::string &path);
+
+    NandChip &Chip() { return m_chip; }
+    const NandChip &Chip() const { return m_chip; }
+
+private:
+    SharedFile m_states;
+    SharedFile m_cells;
+    NandChip m_chip;
+};

@@ -1,0 +1,145 @@
+#include "DeviceInit.h"
+
+#include "ScopedFd.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <linux/close_range.h>
+#include <map>
+#include <stdexcept>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kLookMicroseconds = 500;
+/// A command that never sleeps (a busy loop) is taken as up after so many looks.
+constexpr int kMostLooks = 4000;
+
+std::vector<char *> Pointers(const std::vector<std::string> &texts) {
+    std::vector<char *> pointers;
+    pointers.reserve(texts.size() + 1);
+    for (const std::string &text : texts)
+        pointers.push_back(const_cast<char *>(text.c_str()));
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+/// Programs start with the signals as a shell would leave them, not as this process holds them.
+void FreeSignals() {
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+class Device {
+public:
+    Device(const DeviceJob &job, int report) : m_job(job), m_nReport(report) {}
+
+    /// @return the program's status as waitpid gives it.
+    int Run() {
+        for (const std::string &command : m_job.starts)
+            BringUp(command);
+        const pid_t program = Start(m_job.program);
+        int status = 0;
+        while (Reap(program, status, 0) != program)
+            continue;
+        return status;
+    }
+
+private:
+    pid_t Start(const std::vector<std::string> &command) {
+        const pid_t pid = fork();
+        if (pid < 0)
+            throw std::runtime_error(std::string("can't start a process: ") + strerror(errno));
+        if (pid == 0) {
+            FreeSignals();
+            execve(command[0].c_str(), Pointers(command).data(), Pointers(m_job.environment).data());
+            dprintf(m_nReport, "error can't run %s: %s\n", command[0].c_str(), strerror(errno));
+            _exit(127);
+        }
+        return pid;
+    }
+
+    /// Everything that loses its parent in the device becomes a child of this process.
+    /// @return what waitpid gives; `status` is set when it was the process asked for.
+    static pid_t Reap(pid_t wanted, int &status, int options) {
+        int any = 0;
+        const pid_t ended = waitpid(-1, &any, options);
+        if (ended == wanted)
+            status = any;
+        return ended;
+    }
+
+    void BringUp(const std::string &command) {
+        const pid_t pid = Start({"/bin/sh", "-c", command});
+        std::map<std::string, std::string> before;
+        for (int look = 0; look < kMostLooks; ++look) {
+            usleep(kLookMicroseconds);
+            int status = 0;
+            pid_t ended = 0;
+            while ((ended = Reap(pid, status, WNOHANG)) > 0) {
+                if (ended == pid && status != 0)
+                    throw std::runtime_error("a background command didn't come up: " + command);
+            }
+            std::map<std::string, std::string> now;
+            if (AllSleep(now) && now == before)
+                return;
+            before.swap(now);
+        }
+    }
+
+    /// Notes how often each process but this one has been switched.
+    /// @return whether all of them sleep. Two looks that give the same say that nothing ran in between.
+    static bool AllSleep(std::map<std::string, std::string> &switches) {
+        bool allSleep = true;
+        for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
+            const std::string name = entry.path().filename();
+            if (name.find_first_not_of("0123456789") != std::string::npos || name == "1")
+                continue;
+            std::ifstream file(entry.path() / "status");
+            std::string line;
+            while (std::getline(file, line)) {
+                if (line.rfind("State:", 0) == 0 && line.find_first_of("RD") != std::string::npos)
+                    allSleep = false;
+                if (line.find("ctxt_switches:") != std::string::npos)
+                    switches[name] += line;
+            }
+        }
+        return allSleep;
+    }
+
+    const DeviceJob &m_job;
+    int m_nReport;
+};
+
+/// No descriptor of the host but these three reaches the device's programs.
+void SetStreams(int out, int err, int report) {
+    const ScopedFd none(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (dup2(none.Get(), STDIN_FILENO) < 0 || dup2(out, STDOUT_FILENO) < 0 || dup2(err, STDERR_FILENO) < 0 ||
+        close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) < 0 || fcntl(report, F_SETFD, FD_CLOEXEC) < 0)
+        throw std::runtime_error(std::string("can't set up the device's streams: ") + strerror(errno));
+}
+
+} // namespace
+
+void RunDevice(const DeviceJob &job, int out, int err, int report) {
+    try {
+        // A signal to a whole process group must not leave the device, nor the terminal's enter it.
+        setsid();
+        prctl(PR_SET_NAME, "init");
+        EnterDeviceRoot(job.layout);
+        SetStreams(out, err, report);
+        dprintf(report, "status %d\n", Device(job, report).Run());
+    } catch (const std::exception &failure) {
+        dprintf(report, "error %s\n", failure.what());
+    }
+    _exit(0);
+}

@@ -1,0 +1,128 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+/// Who keeps the error-correcting code of a page.
+enum class Ecc : std::uint32_t {
+    Host, ///< the kernel, in OOB bytes that only a normal write fills: raw writes leave none
+    Chip, ///< the chip, out of sight: every read gives the data
+};
+
+/// Sizes of a chip, in bytes.
+struct NandGeometry {
+    std::uint64_t size;      ///< data bytes of the whole chip, OOB not counted
+    std::uint32_t eraseSize; ///< data bytes of an erase block
+    std::uint32_t pageSize;  ///< data bytes of a page
+    std::uint32_t oobSize;   ///< out-of-band bytes of a page
+
+    std::uint32_t Blocks() const { return static_cast<std::uint32_t>(size / eraseSize); }
+    std::uint32_t PagesPerBlock() const { return eraseSize / pageSize; }
+    std::uint32_t Pages() const { return static_cast<std::uint32_t>(size / pageSize); }
+    /// Bytes of a page with its OOB, as they lie in the cells.
+    std::uint32_t RawPageSize() const { return pageSize + oobSize; }
+    /// Bytes of all pages with their OOB.
+    std::uint64_t RawSize() const { return std::uint64_t{Pages()} * RawPageSize(); }
+
+    /// @return nullptr when a chip can have these sizes, else what is wrong with them, in words without a full stop.
+    const char *Problem(Ecc ecc) const;
+};
+
+/// What has become of a block since ForgetMarks.
+enum class BlockMark : std::uint8_t {
+    Untouched,
+    Erased,              ///< erased, nothing programmed since
+    Written,             ///< erased, then programmed
+    WrittenWithoutErase, ///< programmed, and not erased before that
+    Bad,                 ///< known to be bad, whatever was done to it
+};
+
+/// How far an operation gets: the first half of its bytes when the power goes.
+enum class Extent { Whole, FirstHalf };
+
+/// One NAND chip on memory that its owner provides.
+///
+/// Erased cells hold 0xFF; programming turns bits from 1 to 0 and never back. Blocks and pages are absolute numbers
+/// and have to be on the chip; nothing here checks a range. All state is in the given memory, so processes that share
+/// it share the chip. An object isn't used by two threads at once.
+class NandChip {
+public:
+    static constexpr std::uint32_t kMaxOob = 2048; ///< most OOB bytes that a page can have
+
+    /// The chip's memory; it outlives the chip.
+    struct Memory {
+        std::uint8_t *cells;       ///< RawSize() bytes: page 0, its OOB, page 1, its OOB, ...
+        std::uint8_t *pageStates;  ///< a byte a page; 0 is an erased page
+        std::uint8_t *blockStates; ///< a byte a block; 0 is a good, untouched block
+    };
+
+    /// Bytes for one page. A null pointer leaves its area alone.
+    struct PageProgram {
+        const std::uint8_t *data = nullptr;
+        std::uint32_t column = 0; ///< where in the page the data goes
+        std::uint32_t length = 0; ///< data bytes, up to the page's end
+        const std::uint8_t *oob = nullptr;
+        std::uint32_t oobLength = 0; ///< OOB bytes, from the first one on
+        bool withEcc = false;        ///< a normal write: with Ecc::Host its ECC bytes replace those of `oob`
+        Extent extent = Extent::Whole;
+    };
+
+    struct Programmed {
+        bool done;         ///< false when the chip says that the program failed
+        bool overUnerased; ///< a bit that should have become 1 was 0 already and stayed so
+    };
+
+    enum class ReadResult {
+        Clean,
+        Corrected,     ///< at least one step had a bit turned to fit its ECC, rightly or not
+        Uncorrectable, ///< at least one step fits its ECC in no way; the data is given all the same
+    };
+
+    /// @param geometry one without a Problem
+    NandChip(const NandGeometry &geometry, Ecc ecc, const Memory &memory);
+
+    const NandGeometry &Geometry() const { return m_geometry; }
+    Ecc EccMode() const { return m_ecc; }
+    /// Smallest part of a page that a normal or raw write may address, in bytes.
+    std::uint32_t SubPageSize() const;
+    /// Places of the OOB bytes that neither the ECC nor the bad-block mark uses, ascending.
+    const std::vector<std::uint32_t> &FreeOob() const { return m_freeOob; }
+
+    /// Makes the memory that of a chip fresh from the factory: all erased, no bad blocks.
+    void Format();
+
+    bool IsBad(std::uint32_t block) const;
+    /// Marks a block bad, in its state and in the OOB of its first page.
+    void MarkBad(std::uint32_t block);
+    /// Wears a block out: its erases are carried out from now on, but reported as failed.
+    void MakeWeakBlock(std::uint32_t block);
+    /// Wears a page out: its programs are carried out from now on, but reported as failed.
+    void MakeWeakPage(std::uint32_t page);
+
+    BlockMark Mark(std::uint32_t block) const;
+    /// Begins a new account: every block is untouched or bad.
+    void ForgetMarks();
+
+    /// @return false when the chip says that the erase failed.
+    bool Erase(std::uint32_t block, Extent extent = Extent::Whole);
+
+    Programmed Program(std::uint32_t page, const PageProgram &program);
+
+    /// Reads page data through the ECC.
+    /// @param column,length the part of the page that is wanted, in bytes
+    ReadResult Read(std::uint32_t page, std::uint32_t column, std::uint32_t length, std::uint8_t *data) const;
+
+    /// The cells of a page as they are: pageSize bytes of data, then oobSize of OOB.
+    const std::uint8_t *Cells(std::uint32_t page) const;
+
+private:
+    std::uint8_t *CellsOf(std::uint32_t page);
+    void FillEcc(const PageProgram &program, std::uint8_t *oob) const;
+    void SetMark(std::uint32_t block, BlockMark mark);
+
+    NandGeometry m_geometry;
+    Ecc m_ecc;
+    Memory m_memory;
+    std::vector<std::uint32_t> m_eccOob; ///< places of the ECC bytes in the OOB, step by step
+    std::vector<std::uint32_t> m_freeOob;
+};

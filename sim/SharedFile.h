@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+/// A file in memory, read and written by every process that maps it.
+class SharedFile {
+public:
+    /// When a new file takes its room on the disk.
+    enum class Room { AtOnce, AsWritten };
+
+    /// Makes a file of `size` zero bytes in place of any that stands there.
+    /// @throw std::runtime_error with one line, for want of room too when that is taken at once
+    static SharedFile Create(const std::string &path, std::uint64_t size, Room room);
+
+    /// Maps the whole of a file that is there.
+    /// @throw std::runtime_error with one line
+    static SharedFile Open(const std::string &path);
+
+    SharedFile(SharedFile &&other) noexcept;
+    SharedFile &operator=(SharedFile &&) = delete;
+    SharedFile(const SharedFile &) = delete;
+    SharedFile &operator=(const SharedFile &) = delete;
+    ~SharedFile();
+
+    std::uint8_t *Data() const { return m_data; }
+    std::uint64_t Size() const { return m_size; }
+
+private:
+    SharedFile(std::uint8_t *data, std::size_t size) : m_data(data), m_size(size) {}
+    static SharedFile Map(int fd, std::uint64_t size, const std::string &path);
+
+    std::uint8_t *m_data;
+    std::size_t m_size;
+};

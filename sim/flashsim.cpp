@@ -1,0 +1,241 @@
+// Runs an update with the real updater on a simulated chip, and tells what came of it.
+
+#include "ChipFile.h"
+#include "HeldSignals.h"
+#include "RunSummary.h"
+#include "SimRun.h"
+#include "SimText.h"
+#include "TempFolder.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <sys/ioctl.h>
+#include <tuple>
+#include <unistd.h>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+enum ExitStatus { kClean = 0, kFindings = 1, kWrongUse = 2 };
+
+/// Room that a trace may take: that of a gigabyte written page by page.
+constexpr std::uint64_t kTraceLimit = std::uint64_t{1} << 30;
+constexpr size_t kUsualWidth = 80;
+constexpr const char *kUsualChip = "32M,128K,2K,64";
+constexpr const char *kUsualEcc = "host";
+
+constexpr const char *kExamples = R"(Kinds of request for --fault:
+  open lseek read write fsync close MEMGETBADBLOCK MEMERASE64 MEMERASE MEMWRITE MEMWRITEOOB64 MEMREADOOB64
+
+Exit status:
+  0 clean, 1 something was found, 2 wrong use; with --raw that of the updater.
+
+Examples:
+  flashsim update/
+      runs the unpacked update in the folder on a new chip of 32 MiB and shows the chip
+  flashsim --chip 256M,128K,2K,64 --bad 40,100-103 --root device/ update.img
+      unpacks an image with the device's own device/app/prepare_flashrig.sh, on a chip with five bad blocks
+  flashsim --flash unit7.nand update/
+      the same chip in every run; its pages and OOB are left in unit7.nand as nanddump --oob lays them
+  flashsim --fault MEMWRITE:3=EIO --trace requests.txt update/
+      the third raw page program fails; every request is told in requests.txt
+  flashsim --cut 100 --flash unit7.nand update/ ; flashsim --flash unit7.nand update/
+      the power goes in the middle of the 100th page or block; the update is run again
+  flashsim --root device/ --mount /opt --start 'exec /opt/bin/HeartGuard' update/
+      an application runs from a mounted /opt, for an update that stops and unmounts it)";
+
+struct Options {
+    std::string chip;
+    std::string bad;
+    std::string ecc;
+    std::string flash;
+    std::string trace;
+    std::vector<std::string> faults;
+    std::uint64_t cut = 0;
+    std::string missingSysfs;
+    std::vector<std::string> devices;
+    std::string root;
+    std::vector<std::string> mounts;
+    std::vector<std::string> starts;
+    std::string program;
+    bool isRaw = false;
+    std::string place;
+    std::string update;
+    std::vector<std::string> arguments;
+};
+
+/// Finds a file that is built or installed with this program.
+std::string Companion(const char *name) {
+    const fs::path here = fs::read_symlink("/proc/self/exe").parent_path();
+    for (const fs::path &folder : {here, here / "../lib/flashsim"}) {
+        if (fs::exists(folder / name))
+            return folder / name;
+    }
+    throw std::runtime_error(std::string("can't find ") + name + " beside this program");
+}
+
+/// Checks of option values, as CLI11 wants them: an empty text for a good one, else what is wrong.
+std::string CheckDevicePath(const std::string &path) {
+    return path.size() > 1 && path[0] == '/' ? std::string() : path + " is no absolute path in the device";
+}
+
+std::string CheckFolder(const std::string &path) {
+    return fs::is_directory(path) ? std::string() : path + " is no folder";
+}
+
+std::string CheckPresent(const std::string &path) { return fs::exists(path) ? std::string() : path + " doesn't exist"; }
+
+void Describe(CLI::App &app, Options &options) {
+    app.footer(kExamples);
+    app.add_option("UPDATE", options.update, "update image, or folder with an unpacked update; it stays as it is")
+        ->check(CheckPresent)
+        ->type_name("");
+    app.add_option("ARGUMENTS", options.arguments, "further arguments for the updater, such as a notify script")
+        ->type_name("");
+
+    // Each option takes one value, so that what follows is never taken for another of it.
+    std::string group;
+    const auto add = [&](const char *name, const char *type, auto &value, const char *words) {
+        return app.add_option(name, value, words)->allow_extra_args(false)->option_text(type)->group(group);
+    };
+    group = "The chip";
+    add("--chip", "SIZE,ERASE,PAGE,OOB", options.chip, "its sizes in bytes, with K, M or G [32M,128K,2K,64]");
+    add("--bad", "LIST", options.bad, "bad blocks: numbers and ranges such as 7,64-66");
+    add("--ecc", "host|chip", options.ecc, "who keeps it; host: raw writes leave none and later reads suffer [host]");
+    add("--flash", "FILE", options.flash, "keep the chip in FILE and FILE.chip; made when missing");
+
+    group = "The device (--mtd, --mount and --start may be repeated)";
+    add("--mtd", "N:NAME[:OFFSET,SIZE]", options.devices, "an MTD device [0:boot 1:kernel 9:opt 12:all]");
+    add("--no-sysfs", "LIST", options.missingSysfs, "sysfs files of MTD devices that are missing: erasesize,oobsize");
+    add("--root", "DIR", options.root, "its own files, laid out as from /; it stays as it is")->check(CheckFolder);
+    add("--mount", "PATH", options.mounts, "a mount of its own, with what --root has for it")->check(CheckDevicePath);
+    add("--start", "COMMAND", options.starts, "shell command that runs before the update and on");
+
+    group = "The run (--fault may be repeated)";
+    add("--as", "PATH", options.place, "where the device shows UPDATE [/tmp/update; an image: /tmp/NAME]")
+        ->check(CheckDevicePath);
+    add("--program", "FILE", options.program, "the updater under test [the one of this build]")->check(CheckPresent);
+    add("--fault", "KIND[:N]=ERRNO", options.faults, "each request of the kind fails, or the N-th alone");
+    add("--cut", "N", options.cut, "the power goes in the middle of the N-th page program or block erase");
+    add("--trace", "FILE", options.trace, "write a line for each request");
+    app.add_flag("--raw", options.isRaw, "only the updater's own output and exit status, for scripts")->group(group);
+}
+
+/// Makes the chip, or takes the one that is kept. Blocks that are to be bad are so in either case.
+void PrepareChip(const Options &options, const std::string &path) {
+    const NandGeometry geometry = ParseGeometry(options.chip.empty() ? kUsualChip : options.chip);
+    const Ecc ecc = ParseEcc(options.ecc.empty() ? kUsualEcc : options.ecc);
+    const std::vector<std::uint32_t> bad = ParseBlocks(options.bad);
+    if (!fs::exists(path)) {
+        ChipFile::Create(path, geometry, ecc, bad);
+        return;
+    }
+    ChipFile file(path);
+    NandChip &kept = file.Chip();
+    const NandGeometry &its = kept.Geometry();
+    const bool isAsked = std::tie(geometry.size, geometry.eraseSize, geometry.pageSize, geometry.oobSize) ==
+                         std::tie(its.size, its.eraseSize, its.pageSize, its.oobSize);
+    if ((!options.chip.empty() && !isAsked) || (!options.ecc.empty() && ecc != kept.EccMode()))
+        throw std::invalid_argument("the chip in " + path + " is another one than asked for");
+    for (std::uint32_t block : bad) {
+        if (block >= its.Blocks())
+            throw std::invalid_argument("block " + std::to_string(block) + " is not on the chip in " + path);
+        if (!kept.IsBad(block))
+            kept.MarkBad(block);
+    }
+    kept.ForgetMarks();
+}
+
+RunSettings Settings(const Options &options, const NandGeometry &geometry) {
+    RunSettings settings;
+    settings.update = options.update;
+    settings.place = options.place;
+    if (options.place.empty())
+        settings.place =
+            fs::is_directory(options.update) ? "/tmp/update" : "/tmp" / fs::path(options.update).filename();
+    settings.arguments = options.arguments;
+    settings.root = options.root;
+    settings.mounts = options.mounts;
+    settings.starts = options.starts;
+    settings.missingSysfs = SplitList(options.missingSysfs);
+    for (const std::string &device : options.devices)
+        settings.sim.devices.push_back(ParseDevice(device, geometry));
+    if (options.devices.empty())
+        settings.sim.devices = DefaultDevices(geometry);
+    for (const std::string &fault : options.faults)
+        settings.sim.faults.push_back(ReadFault(fault));
+    settings.sim.cutAtChange = options.cut;
+    // The summary finds its notes in the trace.
+    settings.sim.traceLimit = options.isRaw && options.trace.empty() ? 0 : kTraceLimit;
+    settings.passOut = STDOUT_FILENO;
+    settings.passErr = STDERR_FILENO;
+    settings.program = options.program.empty() ? Companion("flashrig") : options.program;
+    settings.preload = Companion("libflashsim.so");
+    return settings;
+}
+
+void SaveTrace(const SimState &state, const std::string &path) {
+    std::ofstream file(path);
+    file << state.TraceText() << std::flush;
+    if (!file)
+        throw std::runtime_error("can't write the trace to " + path);
+    if (state.TraceOverflowed())
+        fprintf(stderr, "flashsim: the trace in %s is not complete: there was no room for all of it\n", path.c_str());
+}
+
+size_t TerminalWidth() {
+    winsize size = {};
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kUsualWidth;
+}
+
+int Rehearse(const Options &options) {
+    const HeldSignals signals;
+    const TempFolder folder;
+    const std::string path = options.flash.empty() ? folder.File("flash") : options.flash;
+    PrepareChip(options, path);
+    const ChipFile chip(path);
+    const std::string statePath = folder.File("state");
+    const RunOutcome outcome = RunUpdate(Settings(options, chip.Chip().Geometry()), path, statePath, signals);
+    const SimState state(statePath);
+    if (!options.trace.empty())
+        SaveTrace(state, options.trace);
+    if (options.isRaw)
+        return RunSummary::ShellStatus(outcome);
+    const RunSummary summary(chip.Chip(), state, outcome);
+    const bool inColour = isatty(STDOUT_FILENO) == 1 && getenv("NO_COLOR") == nullptr;
+    printf("\n%s", summary.Text(TerminalWidth(), inColour).c_str());
+    fflush(stdout);
+    return summary.IsClean() ? kClean : kFindings;
+}
+
+} // namespace
+
+int main(int argc, char *argv[]) {
+    try {
+        Options options;
+        CLI::App app("Runs an update with the real updater on a simulated NAND chip. Nothing of this machine changes.",
+                     "flashsim");
+        Describe(app, options);
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::CallForHelp &help) {
+            return app.exit(help);
+        }
+        if (options.update.empty())
+            throw std::invalid_argument("UPDATE is missing; flashsim --help tells more");
+        return Rehearse(options);
+    } catch (const std::exception &failure) {
+        fprintf(stderr, "flashsim: %s\n", failure.what());
+        return kWrongUse;
+    }
+}

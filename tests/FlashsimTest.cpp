@@ -1,0 +1,144 @@
+#include "ChipMap.h"
+#include "SimText.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string Load(const fs::path &path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// An update folder and a stand-in for the updater, written in shell: what runs in the device is not the point here.
+class Flashsim : public testing::Test {
+protected:
+    Flashsim() {
+        Save("update/flashrig.script", "erase 0 20000\nwrite 20000 40000 image\n");
+        Save("update/image", std::string(2048, 'k') + "tail");
+    }
+    ~Flashsim() override { fs::remove_all(m_folder); }
+
+    fs::path Save(const std::string &name, const std::string &text) {
+        fs::path path = m_folder / name;
+        fs::create_directories(path.parent_path());
+        std::ofstream(path, std::ios::binary) << text;
+        fs::permissions(path, fs::perms(0755));
+        return path;
+    }
+
+    std::string Updater(const std::string &commands) {
+        return " --program " + Save("updater", "#!/bin/sh\n" + commands).string() + " ";
+    }
+
+    /// Runs flashsim with the update folder as its last argument; keeps what it says.
+    int Run(const std::string &options) { return RunBare(options + " " + (m_folder / "update").string()); }
+
+    int RunBare(const std::string &arguments) {
+        const std::string command = std::string(FLASHSIM) + " " + arguments + " >" + (m_folder / "out").string() +
+                                    " 2>" + (m_folder / "err").string();
+        const int status = system(command.c_str());
+        m_out = Load(m_folder / "out");
+        m_err = Load(m_folder / "err");
+        return WEXITSTATUS(status);
+    }
+
+    const fs::path m_folder = fs::path(testing::TempDir()) / ("flashsim" + std::to_string(getpid()));
+    std::string m_out, m_err;
+};
+
+} // namespace
+
+TEST_F(Flashsim, RawPassesStreamsAndStatusAndNothingElse) {
+    EXPECT_EQ(Run(Updater("echo to $*; echo aside >&2; exit 7") + "--raw"), 7);
+    EXPECT_EQ(m_out, "to /tmp/update\n");
+    EXPECT_EQ(m_err, "aside\n");
+    EXPECT_EQ(Run(Updater("kill -TERM $$") + "--raw"), 128 + SIGTERM);
+}
+
+TEST_F(Flashsim, WrongUseGetsOneLineAndStatusTwo) {
+    for (const char *options :
+         {"--frob", "--chip 8M,128K,2K", "--chip 8M,128K,2Q,64", "--chip 8M,100K,2K,64", "--ecc none", "--bad 3-1",
+          "--bad 256", "--fault MEMWRITE", "--fault read=EFROG", "--cut x", "--mtd 3", "--mtd 3:part:1,128K",
+          "--mount opt", "--as update", "--root /nowhere", "--program /nowhere", "--start false"}) {
+        EXPECT_EQ(Run(options), 2) << options;
+        EXPECT_EQ(m_out, "") << options;
+        EXPECT_EQ(m_err.rfind("flashsim: ", 0), 0U) << options;
+        EXPECT_EQ(m_err.find('\n'), m_err.size() - 1) << options << m_err;
+    }
+    EXPECT_EQ(RunBare("/nowhere"), 2);
+}
+
+TEST_F(Flashsim, DeviceHasItsOwnFilesMountsAndProcesses) {
+    Save("root/bin/bootvars", "#!/bin/sh\necho vars \"$@\"\n");
+    Save("root/opt/user/app", "#!/bin/sh\ncd /opt/user && exec sleep 1000\n");
+    Save("root/usr/local/lib/device.so", "device's\n");
+    const std::string updater = Updater("/bin/bootvars -s a b; cat /usr/local/lib/device.so\n"
+                                        "grep -o '[^ ]*/opt[^ ]*' /proc/mounts; cat /sys/class/mtd/mtd5/oobsize\n"
+                                        "pidof sleep | wc -w; umount /opt/user 2>/dev/null || echo busy\n"
+                                        "fuser -s -k -m /opt/user; while pidof sleep; do :; done\n"
+                                        "umount /opt/user && umount /opt; grep -c /opt /proc/mounts\n"
+                                        "ls /sys/class/mtd/mtd5 | tr '\\n' ' '");
+    EXPECT_EQ(Run(updater +
+                  "--mount /opt/user --mount /opt --start /opt/user/app --mtd 5:all --no-sysfs size,type "
+                  "--raw --root " +
+                  (m_folder / "root").string()),
+              0);
+    EXPECT_EQ(m_err, "Killed\n"); // the shell of --start tells what became of its child
+    EXPECT_EQ(m_out, "vars -s a b\ndevice's\n/opt\n/opt/user\n64\n1\nbusy\n0\nerasesize name oobsize writesize ");
+}
+
+TEST_F(Flashsim, HostStaysAsItIs) {
+    const pid_t bystander = fork();
+    if (bystander == 0) {
+        execlp("sleep", "sleep", "1000", nullptr);
+        _exit(127);
+    }
+    const std::string mounts = Load("/proc/self/mounts");
+    const std::string lingerer = "linger" + std::to_string(getpid());
+    EXPECT_EQ(
+        Run(Updater("exec 2>/dev/null; rm -r /tmp/update/*; echo new >/tmp/update/file; killall sleep\n"
+                    "mount -t tmpfs none /opt; umount -l /usr; hostname device\n"
+                    "touch /etc/file || mknod /tmp/disk b 8 0 || echo 60 >/proc/sys/vm/swappiness || echo held\n") +
+            "--start 'sleep 1000' --start 'cp /bin/sleep /tmp/" + lingerer + "; exec /tmp/" + lingerer +
+            " 1000' --raw"),
+        0);
+    EXPECT_EQ(m_out, "held\n");
+    EXPECT_NE(system(("pidof " + lingerer).c_str()), 0);
+    EXPECT_EQ(waitpid(bystander, nullptr, WNOHANG), 0);
+    EXPECT_EQ(Load("/proc/self/mounts"), mounts);
+    EXPECT_EQ(Load(m_folder / "update/image").size(), 2052U);
+    EXPECT_FALSE(fs::exists(m_folder / "update/file"));
+    kill(bystander, SIGKILL);
+    waitpid(bystander, nullptr, 0);
+}
+
+TEST(ChipMap, FitsAChipOfAnySizeToTheTerminal) {
+    std::vector<BlockMark> marks(64, BlockMark::Untouched);
+    marks[1] = BlockMark::Written;
+    marks[2] = BlockMark::Bad;
+    marks[63] = BlockMark::WrittenWithoutErase;
+    EXPECT_EQ(ChipMap(marks, 0x20000).Text(60, false), "            +0              +200000\n"
+                                                       "0x00000000  .#X.............................\n"
+                                                       "0x00400000  ...............................!\n"
+                                                       "one cell = 1 block of 128 KiB\n"
+                                                       "! written without erase 1  X bad 1  # written 1  e erased 0"
+                                                       "  . untouched 61\n");
+    marks.resize(8192, BlockMark::Erased);
+    const std::string large = ChipMap(marks, 0x20000).Text(80, false);
+    EXPECT_NE(large.find("0x00000000  X......!eeee"), std::string::npos) << large;
+    EXPECT_NE(large.find("one cell = 8 blocks of 128 KiB"), std::string::npos) << large;
+    EXPECT_NE(ChipMap(marks, 0x20000).Text(80, true).find("\033[1;31mX\033[0m"), std::string::npos);
+}
