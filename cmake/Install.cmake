@@ -8,10 +8,8 @@ install(FILES docs/flashrig.script.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 CO
 
 if(TARGET flashsim)
   # The simulator brings the updater that it runs, out of everyone's path: on a workstation it would do harm.
-  install(TARGETS flashrig flashsim_preload
-    RUNTIME DESTINATION lib/flashsim
-    LIBRARY DESTINATION lib/flashsim
-    COMPONENT flashsim)
+  install(TARGETS flashrig RUNTIME DESTINATION lib/flashsim COMPONENT flashsim)
+  install(TARGETS flashsim_preload LIBRARY DESTINATION lib/flashsim COMPONENT flashsim)
   install(TARGETS flashsim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT flashsim)
   install(FILES docs/flashsim.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT flashsim)
   install(FILES docs/flashrig.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT flashsim)
@@ -44,9 +42,9 @@ set(CPACK_DEBIAN_FLASHSIM_PACKAGE_SECTION devel)
 # The manuals are in both packages, and an updater in the path of a workstation is a danger to it.
 set(CPACK_DEBIAN_FLASHSIM_PACKAGE_CONFLICTS flashrig)
 set(CPACK_COMPONENT_FLASHSIM_DESCRIPTION "rehearsal of flashrig updates on a simulated NAND chip
-Runs the real updater with an update on a simulated chip in a device of its own,
-and tells whether the update is clean: bad blocks, failing requests and power
-cuts included. Nothing of the machine changes.")
+Runs the real updater with an update on a simulated chip, in a device of its
+own, and tells whether the update is clean: bad blocks, failing requests and
+power cuts included. Nothing of the machine changes.")
 
 if(CMAKE_CROSSCOMPILING)
   # dpkg-shlibdeps would want the device's libraries installed here: the presets tell what they need.
