@@ -4,6 +4,7 @@
 #include "UTextUtil.h"
 #include "UTypeUtil.h"
 
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -37,14 +38,12 @@ constexpr const char *kDetachUbi = "ubidetach -p /dev/mtd9";
 constexpr std::size_t kPipeChunk = 128;
 constexpr std::size_t kPidLine = 32;
 
-using Pipe = std::unique_ptr<FILE, decltype(&pclose)>;
+struct ClosePipe {
+    void operator()(FILE *pipe) const { pclose(pipe); }
+};
+using Pipe = std::unique_ptr<FILE, ClosePipe>;
 
-Pipe OpenPipe(const std::string &command) { return {popen(command.c_str(), "r"), &pclose}; }
-
-void PrintLine(const char *text) {
-    puts(text);
-    fflush(stdout);
-}
+Pipe OpenPipe(const std::string &command) { return Pipe(popen(command.c_str(), "r")); }
 
 void StopByName(const std::string &name) { KillProcess(GetProcessIdByName(name), nullptr); }
 
@@ -69,10 +68,12 @@ bool ReadProcessId(const std::string &field, int &id) {
 int ParentOf(int id) {
     // "<id> (<name>) <state> <parent> ...": the name may hold anything, parentheses too.
     const std::string status = UFile::ReadFile(("/proc/" + std::to_string(id) + "/stat").c_str());
-    const std::size_t name = status.rfind(") ");
-    if (name == std::string::npos || name + 4 > status.size())
+    const std::size_t nameEnd = status.rfind(')');
+    if (nameEnd == std::string::npos)
         return 0;
-    return UTextUtil::ToInt(status.c_str() + name + 4, 10);
+    std::vector<std::string> fields;
+    UTextUtil::Split(status.c_str() + nameEnd + 1, " ", fields);
+    return fields.size() < 2 ? 0 : UTextUtil::ToInt(fields[1].c_str(), 10);
 }
 
 /// Neither groups of processes (negative ids), nor init, nor the line of processes that this update hangs on.
@@ -98,8 +99,13 @@ bool CommandFits(const std::string &command) {
 bool RunCommand(const std::string &command) {
     if (!CommandFits(command))
         return false;
-    static_cast<void>(system(command.c_str()));
+    [[maybe_unused]] const int status = system(command.c_str());
     return true;
+}
+
+void PrintLine(const char *text) {
+    puts(text);
+    fflush(stdout);
 }
 
 std::string ShellCmd(const char *command) {
@@ -120,7 +126,9 @@ int GetProcessIdByName(const std::string &name) {
         return 0;
     trim(line);
     printf("[%s]\n", line);
-    return static_cast<int>(std::strtoul(line, nullptr, 10));
+    const unsigned long id = std::strtoul(line, nullptr, 10);
+    // A number that is no process id must not wrap into one: -1 would be every process.
+    return id > INT_MAX ? 0 : static_cast<int>(id);
 }
 
 int KillProcess(int id, int *status) {

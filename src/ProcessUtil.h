@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -14,12 +15,15 @@ bool CommandFits(const std::string &command);
 /// @return false when the command was refused for its length.
 bool RunCommand(const std::string &command);
 
+/// Prints a line on standard output at once: what runs next may print too.
+void PrintLine(const char *text);
+
 /// Runs a command line by the shell and waits for its end.
 /// @return all that it wrote to standard output, line ends included; its exit status is not looked at.
 /// @throws std::runtime_error when no pipe could be made.
 std::string ShellCmd(const char *command);
 
-/// Asks pidof for the processes of a name and prints its answer on standard output.
+/// Asks pidof for the processes of a name and prints the first 31 characters of its answer on standard output, if any.
 /// @return the first process id, or 0 when there is none.
 int GetProcessIdByName(const std::string &name);
 
@@ -36,15 +40,16 @@ int ExecuteCommand(char *const *arguments, bool wait);
 
 /// Frees the partition that holds /opt for a rewrite: stops the device's applications and whatever else uses the file
 /// system, unmounts it and detaches UBI. No failure keeps a later step from running, and nothing is started again.
+/// This and its three steps throw std::runtime_error when a shell command got no pipe.
 /// @return what PrepareMtd gave.
-/// @throws std::runtime_error when a shell command got no pipe.
 int PrepareUBI();
 
 /// Sends SIGTERM to the device's applications, the supervising process first.
 /// @return 1.
 int PrepareProcess2();
 
-/// Stops the processes that hold /opt: politely, and by force those that are left.
+/// Stops the processes that hold /opt: politely, and by force those that are left. Of the ids that fuser lists,
+/// init, this process and its line of parents get no signal.
 /// @return 0 when nothing is mounted or nothing holds it, else 1.
 int PrepareProcess();
 

@@ -7,14 +7,15 @@
 #include "UTextUtil.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <fcntl.h>
 #include <fstream>
 #include <memory>
 #include <mtd/mtd-user.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -27,13 +28,13 @@ constexpr std::size_t kLineLimit = 255;
 constexpr char kErasedByte = '\xFF';
 constexpr std::size_t kLongSetEnvTokens = 5;
 
-/// The programs of a hand-over come with the update, at fixed places.
+/// The programs of an `ubiformat` line come with the update, at fixed places.
 constexpr const char *kShell = "/bin/sh";
 constexpr const char *kPrepareScript = "/tmp/update/prepare.sh";
 constexpr const char *kUbiformat = "/tmp/update/ubiformat";
 
-/// A hand-over reports three blocks on its own and ends this much short of its image's blocks.
-constexpr int kHandOverShortfall = 10;
+/// Behind the format the image's blocks less these count as written; three more are reported singly.
+constexpr int kUbiformatHeldBack = 10;
 
 /// Device number of the whole flash; set before anything opens a device.
 int nTotalMtdPartition = 12;
@@ -58,14 +59,11 @@ int BlocksWithPart(int size, int block) {
     return WholeBlocks(size, block) + (part ? 1 : 0);
 }
 
-/// A descriptor that closes itself. It may be -1: the first read tells.
+/// A descriptor that closes itself. It may be -1: the first read tells, and closing that does no harm.
 class ScopedFd {
 public:
     explicit ScopedFd(int fd) : m_nFd(fd) {}
-    ~ScopedFd() {
-        if (m_nFd >= 0)
-            close(m_nFd);
-    }
+    ~ScopedFd() { close(m_nFd); }
     ScopedFd(const ScopedFd &) = delete;
     ScopedFd &operator=(const ScopedFd &) = delete;
     int Get() const { return m_nFd; }
@@ -130,7 +128,7 @@ bool IsAligned(const SNandUtil &nand, int offset, int size) {
 
 /// Page commands divide by both sizes.
 bool HasPages(const SNandUtil &nand) {
-    if (nand.m_nEraseSize > 0 && nand.m_nWriteSize > 0 && nand.m_nOobSize >= 0)
+    if (nand.m_nWriteSize > 0 && nand.m_nWriteSize <= nand.m_nEraseSize && nand.m_nOobSize >= 0)
         return true;
     fprintf(stderr, "error : unknown flash geometry, blocksize = %d, pagesize = %d\n", nand.m_nEraseSize,
             nand.m_nWriteSize);
@@ -138,9 +136,6 @@ bool HasPages(const SNandUtil &nand) {
 }
 
 unsigned PagesPerBlock(const SNandUtil &nand) { return static_cast<unsigned>(nand.m_nEraseSize / nand.m_nWriteSize); }
-
-/// One read of up to the buffer's size, whatever becomes of it.
-int ReadInto(int file, std::vector<char> &buffer) { return static_cast<int>(read(file, buffer.data(), buffer.size())); }
 
 /// Reads `size` bytes of flash page by page, bad blocks like all others.
 /// @return 0, or what the failing ReadPage gave.
@@ -164,6 +159,178 @@ void Execute(std::vector<const char *> arguments) {
     ExecuteCommand(const_cast<char *const *>(arguments.data()), true);
 }
 
+/// What an image file holds for each page.
+struct ImageFormat {
+    bool carriesOob; ///< a page's out-of-band bytes stand behind its data
+
+    /// Reads the next record and warns of a short one.
+    /// @return what `read` gave: the end of the file is 0, a failure is negative.
+    int (*readRecord)(int file, std::vector<char> &record, int pageSize);
+};
+
+/// One read of up to the record's size, whatever becomes of it.
+int ReadInto(int file, std::vector<char> &record) { return static_cast<int>(read(file, record.data(), record.size())); }
+
+int ReadPlainPage(int file, std::vector<char> &page, int pageSize) {
+    std::fill(page.begin(), page.end(), kErasedByte);
+    const int count = ReadInto(file, page);
+    if (count > 0 && count < pageSize)
+        fprintf(stderr, "warning : file readsize = %d, pending to pagesize = %d\n", count, pageSize);
+    return count;
+}
+
+int ReadPageWithOob(int file, std::vector<char> &record, int pageSize) {
+    // Not cleared in between: a short record keeps the tail of the one before.
+    const int count = ReadInto(file, record);
+    // The end of the file is told as a short record too, and the number is the page's.
+    if (count >= 0 && static_cast<std::size_t>(count) != record.size())
+        fprintf(stderr, "warning : file read datasize = %d, pending to pagesize = %d\n", count, pageSize);
+    return count;
+}
+
+/// An image file that goes to flash record by record.
+class ImageFile {
+public:
+    ImageFile(const char *path, const ImageFormat &format, const SNandUtil &nand)
+        : m_format(format), m_nPageSize(nand.m_nWriteSize), m_nOobSize(format.carriesOob ? nand.m_nOobSize : 0),
+          m_record(static_cast<std::size_t>(m_nPageSize) + static_cast<std::size_t>(m_nOobSize), kErasedByte),
+          m_file(open(path, O_RDONLY)) {}
+
+    /// Reads the next record; tells the end of the file and a failure.
+    /// @return bytes read, 0 at the end, negative for a failure.
+    int Next() {
+        const int count = m_format.readRecord(m_file.Get(), m_record, m_nPageSize);
+        if (count < 0)
+            fprintf(stderr, "error : file readsize = %d, pagesize = %d\n", count, m_nPageSize);
+        else if (count == 0)
+            fprintf(stderr, "write file complete\n read size = %d\n", m_nBytesRead);
+        else
+            m_nBytesRead = WrapAdd(m_nBytesRead, count);
+        return count;
+    }
+
+    /// Programs the record into a page and says so when that fails.
+    /// @return true when it is written.
+    bool Write(SNandUtil &nand, int page) const {
+        const char *data = m_record.data();
+        const char *oob = m_format.carriesOob ? data + m_nPageSize : nullptr;
+        const int written = nand.WritePageWithOob(page, data, m_nPageSize, oob, m_nOobSize, MTD_OPS_RAW);
+        if (written != 0)
+            fprintf(stderr, "error : write page return %d\n", written);
+        return written == 0;
+    }
+
+private:
+    ImageFormat m_format;
+    int m_nPageSize;
+    int m_nOobSize;
+    std::vector<char> m_record;
+    ScopedFd m_file;
+    int m_nBytesRead = 0;
+};
+
+/// @param forPages a page command follows: refuse unknown page sizes while nothing is erased yet.
+/// @return 0 when every block of a non-empty range was erased or passed over.
+int EraseRange(int offset, int size, bool forPages) {
+    SNandUtil nand(nTotalMtdPartition);
+    if (!IsAligned(nand, offset, size))
+        return -1;
+    if (forPages && !HasPages(nand))
+        return -1;
+    int result = -1;
+    // A size that sysfs didn't tell makes an empty range.
+    const unsigned first = nand.m_nEraseSize == 0 ? 0 : BlockOf(nand, offset);
+    const unsigned end = nand.m_nEraseSize == 0 ? 0 : first + BlockOf(nand, size);
+    if (first < end) {
+        int erased = 0;
+        const int checked = WalkGoodBlocks(nand, first, end, [&](unsigned block) {
+            erased = Erase(nand, block);
+            return erased == 0;
+        });
+        result = checked != 0 ? checked : erased;
+    }
+    fprintf(stderr, "erase complete\n offset=%x size=%x\n", offset, size);
+    return result;
+}
+
+/// Lays a file down in the good blocks of an erased range.
+/// @param endPage gets the page at which the file's end was found; it stays as it is when it wasn't.
+/// @return 0, or the first failure's negative result.
+int WritePages(UpdateScript &script, SNandUtil &nand, int offset, int size, ImageFile &file, int &endPage) {
+    const unsigned first = BlockOf(nand, offset);
+    const unsigned rangeEnd = first + BlockOf(nand, size);
+    // To the end of the chip: only behind the range it shows whether the file ended with it or goes on.
+    const unsigned bound = BlockOf(nand, nand.m_nTotalSize);
+    const unsigned pagesPerBlock = PagesPerBlock(nand);
+    int result = 0;
+    const int checked = WalkGoodBlocks(nand, first, bound, [&](unsigned block) {
+        for (unsigned i = 0; i < pagesPerBlock; ++i) {
+            const int page = static_cast<int>(block * pagesPerBlock + i);
+            const int count = file.Next();
+            if (count == 0) {
+                endPage = page;
+                return false;
+            }
+            const bool outruns = count > 0 && block >= rangeEnd;
+            if (outruns)
+                fprintf(stderr, "error : file outruns the erased range at %x\n", ByteOffset(nand, block));
+            if (count < 0 || outruns || !file.Write(nand, page)) {
+                result = -1;
+                return false;
+            }
+        }
+        script.IncBlockWritten();
+        return true;
+    });
+    return checked != 0 ? checked : result;
+}
+
+/// Erases a range and writes an image file into it.
+int WriteImage(UpdateScript &script, int offset, int size, const char *path, const ImageFormat &format) {
+    const int erased = EraseRange(offset, size, true);
+    if (erased != 0)
+        return erased;
+    SNandUtil nand(nTotalMtdPartition);
+    if (!HasPages(nand))
+        return -1;
+    int endPage = 0;
+    int result;
+    {
+        // Closed before the last report: the notify script is not to inherit it.
+        ImageFile file(path, format, nand);
+        result = WritePages(script, nand, offset, size, file, endPage);
+    }
+    if (endPage != 0)
+        script.IncBlockWritten();
+    return result;
+}
+
+/// Writes an environment block to the good blocks from `offset` on.
+/// @return -1 when a page write failed; other failures end the walk and give 0.
+int WriteEnvironment(UpdateScript &script, SNandUtil &nand, int offset, const UEnvTool &environment) {
+    const int pageSize = nand.m_nWriteSize;
+    const unsigned first = BlockOf(nand, offset);
+    const unsigned pagesPerBlock = PagesPerBlock(nand);
+    const char *data = environment.m_pBlock;
+    int result = 0;
+    WalkGoodBlocks(nand, first, first + BlockOf(nand, environment.m_nSize), [&](unsigned block) {
+        if (Erase(nand, block) != 0)
+            return false;
+        for (unsigned i = 0; i < pagesPerBlock; ++i) {
+            const int written = nand.WritePage(static_cast<int>(block * pagesPerBlock + i), data, pageSize);
+            if (written != pageSize) {
+                fprintf(stderr, "error : write page return %d\n", written);
+                result = -1;
+                return false;
+            }
+            data += pageSize;
+        }
+        script.IncBlockWritten();
+        return true;
+    });
+    return result;
+}
+
 } // namespace
 
 int GetAllPartitionNumber() {
@@ -183,6 +350,17 @@ int GetAllPartitionNumber() {
     }
     return 0;
 }
+
+enum class UpdateScript::LineState { Ready, Unknown, Incomplete, FileMissing };
+
+/// One line of the script and what it asks for.
+struct UpdateScript::Line {
+    std::string text;
+    Tokens tokens;
+    const Command *command; ///< null for an unknown one
+    std::string path;       ///< of the image file; empty when the command takes none
+    LineState state;
+};
 
 /// What a script line needs of the flash to be counted.
 struct UpdateScript::Geometry {
@@ -217,15 +395,6 @@ const UpdateScript::Command UpdateScript::kCommands[] = {
      [](const Geometry &flash, const Tokens &, int fileSize) { return BlocksWithPart(fileSize, flash.eraseSize); }},
 };
 
-/// What an image file holds for each page.
-struct UpdateScript::ImageFormat {
-    bool carriesOob; ///< a page's out-of-band bytes stand behind its data
-
-    /// Reads the next record and warns of a short one.
-    /// @return what `read` gave: the end of the file is 0, a failure is negative.
-    int (*readRecord)(int file, std::vector<char> &record, int pageSize);
-};
-
 UpdateScript::UpdateScript(const char *scriptPath, const char *notifyScript, bool reboot)
     : m_nTotalBlock(0), m_nBlockWritten(0), m_nLastPercent(0), m_bReboot(reboot) {
     nTotalMtdPartition = GetAllPartitionNumber();
@@ -246,7 +415,7 @@ int UpdateScript::Run() {
         fprintf(stderr, "error : %s\n", broken.c_str());
         return -1;
     }
-    VisitLines([this](const std::string &line, const Tokens &tokens) { return RunLine(line, tokens); });
+    VisitLines([this](const Line &line) { return RunLine(line); });
     Finish();
     return 0;
 }
@@ -257,22 +426,13 @@ int UpdateScript::GetTotalBlock() {
     const SNandUtil nand(nTotalMtdPartition);
     const Geometry flash = {nand.m_nEraseSize, nand.m_nWriteSize, nand.m_nOobSize};
     int total = 0;
-    VisitLines([&](const std::string &line, const Tokens &tokens) {
-        const Command *command = FindCommand(tokens[0]);
-        if (command == nullptr) {
-            fprintf(stderr, "Unknown script command %s\n", line.c_str());
+    VisitLines([&](const Line &line) {
+        if (line.state == LineState::Unknown)
+            fprintf(stderr, "Unknown script command %s\n", line.text.c_str());
+        if (line.state != LineState::Ready)
             return true;
-        }
-        if (tokens.size() < command->tokens)
-            return true;
-        int fileSize = 0;
-        if (command->fileToken != 0) {
-            const std::string path = m_sScriptDir + tokens[command->fileToken];
-            if (!UFile::Exist(path.c_str()))
-                return true;
-            fileSize = FileSize(path.c_str());
-        }
-        total = WrapAdd(total, command->count(flash, tokens, fileSize));
+        const int fileSize = line.path.empty() ? 0 : FileSize(line.path.c_str());
+        total = WrapAdd(total, line.command->count(flash, line.tokens, fileSize));
         return true;
     });
     return total;
@@ -288,7 +448,7 @@ void UpdateScript::IncBlockWritten() {
     m_nLastPercent = percent;
     if (m_sNotifyScript.empty())
         return;
-    // Refused once for its length, it would be refused at each percentage.
+    // Said once, not at each percentage: a call that is too long stays so, but for a fall to fewer digits.
     if (!RunCommand(m_sNotifyScript + " " + std::to_string(percent)))
         m_sNotifyScript.clear();
 }
@@ -298,27 +458,40 @@ void UpdateScript::Finish() {
     sync();
     if (m_bReboot) {
         sleep(3);
-        static_cast<void>(system("reboot"));
+        RunCommand("reboot");
     }
 }
 
-const UpdateScript::Command *UpdateScript::FindCommand(const std::string &name) {
+/// Finds out what a line asks for.
+UpdateScript::Line UpdateScript::Resolve(const std::string &text, Tokens tokens) const {
+    Line line = {text, std::move(tokens), nullptr, std::string(), LineState::Unknown};
     for (const Command &command : kCommands) {
-        if (name == command.name)
-            return &command;
+        if (line.tokens[0] == command.name)
+            line.command = &command;
     }
-    return nullptr;
+    if (line.command == nullptr)
+        return line;
+    line.state = LineState::Incomplete;
+    if (line.tokens.size() < line.command->tokens)
+        return line;
+    line.state = LineState::Ready;
+    if (line.command->fileToken == 0)
+        return line;
+    line.path = m_sScriptDir + line.tokens[line.command->fileToken];
+    if (!UFile::Exist(line.path.c_str()))
+        line.state = LineState::FileMissing;
+    return line;
 }
 
-/// Calls `visit` with each line that holds a command, and its tokens, until it gives false.
+/// Calls `visit` with each line that isn't empty or a comment, until it gives false.
 template <typename Visit> void UpdateScript::VisitLines(Visit visit) const {
     std::vector<std::string> lines;
     UTextUtil::Split(m_sScript.c_str(), kLineEnds, lines);
-    for (const std::string &line : lines) {
+    for (const std::string &text : lines) {
         Tokens tokens;
-        if (UTextUtil::Split(line.c_str(), kBlanks, tokens) == 0 || tokens[0].find('#') != std::string::npos)
+        if (UTextUtil::Split(text.c_str(), kBlanks, tokens) == 0 || tokens[0].find('#') != std::string::npos)
             continue;
-        if (!visit(line, tokens))
+        if (!visit(Resolve(text, std::move(tokens))))
             break;
     }
 }
@@ -343,26 +516,22 @@ std::string UpdateScript::BrokenLimit() const {
 
 /// Carries out one line.
 /// @return false when its failure ends the script.
-bool UpdateScript::RunLine(const std::string &line, const Tokens &tokens) {
-    const Command *command = FindCommand(tokens[0]);
-    if (command == nullptr) {
-        fprintf(stderr, "Unknown script command %s\n", line.c_str());
+bool UpdateScript::RunLine(const Line &line) {
+    switch (line.state) {
+    case LineState::Unknown:
+        fprintf(stderr, "Unknown script command %s\n", line.text.c_str());
         return true;
-    }
-    if (tokens.size() < command->tokens) {
-        fprintf(stderr, "incomplete script command %s\n", line.c_str());
+    case LineState::Incomplete:
+        fprintf(stderr, "incomplete script command %s\n", line.text.c_str());
         return true;
-    }
-    std::string path;
-    if (command->fileToken != 0) {
-        path = m_sScriptDir + tokens[command->fileToken];
-        if (!UFile::Exist(path.c_str())) {
-            fprintf(stderr, "%s doesn't exist\n", path.c_str());
-            return true;
-        }
+    case LineState::FileMissing:
+        fprintf(stderr, "%s doesn't exist\n", line.path.c_str());
+        return true;
+    case LineState::Ready:
+        break;
     }
     try {
-        return (this->*command->run)(tokens, path) >= 0;
+        return (this->*line.command->run)(line.tokens, line.path) >= 0;
     } catch (const std::exception &problem) {
         fprintf(stderr, "error : %s\n", problem.what());
         return false;
@@ -385,8 +554,10 @@ int UpdateScript::RunImage(const Tokens &tokens, const std::string &path) {
 
 int UpdateScript::RunSetEnv(const Tokens &tokens, const std::string &) {
     const bool isLong = tokens.size() >= kLongSetEnvTokens;
-    const char *name = tokens[isLong ? 3 : 1].c_str();
-    const char *value = tokens[isLong ? 4 : 2].c_str();
+    // In the long form offset and size stand in front.
+    const std::size_t nameToken = isLong ? 3 : 1;
+    const char *name = tokens[nameToken].c_str();
+    const char *value = tokens[nameToken + 1].c_str();
     if (isLong)
         CmdSetEnv(ReadHex(tokens[1]), ReadHex(tokens[2]), name, value);
     else
@@ -403,106 +574,12 @@ int UpdateScript::RunUbiformat(const Tokens &tokens, const std::string &path) {
 
 int UpdateScript::CmdErase(int offset, int size) { return EraseRange(offset, size, false); }
 
-/// @param forPages a page command follows: refuse unknown page sizes while nothing is erased yet.
-int UpdateScript::EraseRange(int offset, int size, bool forPages) {
-    SNandUtil nand(nTotalMtdPartition);
-    if (!IsAligned(nand, offset, size))
-        return -1;
-    if (forPages && !HasPages(nand))
-        return -1;
-    const unsigned first = nand.m_nEraseSize == 0 ? 0 : BlockOf(nand, offset);
-    const unsigned end = nand.m_nEraseSize == 0 ? 0 : first + BlockOf(nand, size);
-    int result = -1;
-    if (first < end) {
-        int erased = 0;
-        const int checked = WalkGoodBlocks(nand, first, end, [&](unsigned block) {
-            erased = Erase(nand, block);
-            return erased == 0;
-        });
-        result = checked != 0 ? checked : erased;
-    }
-    fprintf(stderr, "erase complete\n offset=%x size=%x\n", offset, size);
-    return result;
-}
-
-int UpdateScript::WriteImage(int offset, int size, const char *path, const ImageFormat &format) {
-    const int erased = EraseRange(offset, size, true);
-    if (erased != 0)
-        return erased;
-    SNandUtil nand(nTotalMtdPartition);
-    if (!HasPages(nand))
-        return -1;
-
-    const int pageSize = nand.m_nWriteSize;
-    const int oobSize = format.carriesOob ? nand.m_nOobSize : 0;
-    std::vector<char> record(static_cast<std::size_t>(pageSize) + static_cast<std::size_t>(oobSize), kErasedByte);
-    const char *oob = format.carriesOob ? record.data() + pageSize : nullptr;
-    const ScopedFd file(open(path, O_RDONLY));
-    const unsigned first = BlockOf(nand, offset);
-    const unsigned rangeEnd = first + BlockOf(nand, size);
-    // The bound is the end of the chip, not of the erased range: bad blocks push the data back.
-    const unsigned bound = BlockOf(nand, nand.m_nTotalSize);
-    const unsigned pagesPerBlock = PagesPerBlock(nand);
-    int bytesRead = 0;
-    int result = 0;
-
-    const int checked = WalkGoodBlocks(nand, first, bound, [&](unsigned block) {
-        for (unsigned i = 0; i < pagesPerBlock; ++i) {
-            const int page = static_cast<int>(block * pagesPerBlock + i);
-            const int count = format.readRecord(file.Get(), record, pageSize);
-            if (count < 0) {
-                fprintf(stderr, "error : file readsize = %d, pagesize = %d\n", count, pageSize);
-                result = -1;
-                return false;
-            }
-            if (count == 0) {
-                fprintf(stderr, "write file complete\n read size = %d\n", bytesRead);
-                if (page != 0)
-                    IncBlockWritten();
-                return false;
-            }
-            bytesRead = WrapAdd(bytesRead, count);
-            if (block >= rangeEnd) {
-                fprintf(stderr, "error : file outruns the erased range at %x\n", ByteOffset(nand, block));
-                result = -1;
-                return false;
-            }
-            const int written = nand.WritePageWithOob(page, record.data(), pageSize, oob, oobSize, MTD_OPS_RAW);
-            if (written != 0) {
-                fprintf(stderr, "error : write page return %d\n", written);
-                result = -1;
-                return false;
-            }
-        }
-        IncBlockWritten();
-        return true;
-    });
-    return checked != 0 ? checked : result;
-}
-
 int UpdateScript::CmdWrite(int offset, int size, const char *path) {
-    return WriteImage(offset, size, path, {false, [](int file, std::vector<char> &page, int pageSize) {
-                                               std::fill(page.begin(), page.end(), kErasedByte);
-                                               const int count = ReadInto(file, page);
-                                               if (count > 0 && count < pageSize)
-                                                   fprintf(stderr,
-                                                           "warning : file readsize = %d, pending to pagesize = %d\n",
-                                                           count, pageSize);
-                                               return count;
-                                           }});
+    return WriteImage(*this, offset, size, path, {false, ReadPlainPage});
 }
 
 int UpdateScript::CmdWriteOob(int offset, int size, const char *path) {
-    return WriteImage(offset, size, path,
-                      {true, [](int file, std::vector<char> &record, int pageSize) {
-                           // Not cleared in between: a short record keeps the tail of the one before.
-                           const int count = ReadInto(file, record);
-                           // The end of the file is told as a short record too, and the number is the page's.
-                           if (count >= 0 && static_cast<std::size_t>(count) != record.size())
-                               fprintf(stderr, "warning : file read datasize = %d, pending to pagesize = %d\n", count,
-                                       pageSize);
-                           return count;
-                       }});
+    return WriteImage(*this, offset, size, path, {true, ReadPageWithOob});
 }
 
 int UpdateScript::CmdSetEnv(const char *name, const char *value) {
@@ -518,7 +595,7 @@ int UpdateScript::CmdSetEnv(int offset, int size, const char *name, const char *
         PrintInvalidSize(nand, size);
         return -1;
     }
-    // Not filled: a size beyond the chip must fail at its first page, not take the device's memory.
+    // Not filled: a size beyond the chip must fail at its first unreadable page, not take the device's memory.
     std::unique_ptr<char[]> flash(new char[static_cast<std::size_t>(size)]);
     const int read = ReadPages(nand, offset, size, flash.get());
     if (read != 0)
@@ -529,33 +606,7 @@ int UpdateScript::CmdSetEnv(int offset, int size, const char *name, const char *
         return -1;
     }
     flash.reset();
-    return WriteEnvironment(nand, offset, environment);
-}
-
-/// Writes an environment block to the good blocks from `offset` on.
-/// @return -1 when a page write failed; other failures end the walk and give 0.
-int UpdateScript::WriteEnvironment(SNandUtil &nand, int offset, const UEnvTool &environment) {
-    const int pageSize = nand.m_nWriteSize;
-    const unsigned first = BlockOf(nand, offset);
-    const unsigned pagesPerBlock = PagesPerBlock(nand);
-    const char *data = environment.m_pBlock;
-    int result = 0;
-    WalkGoodBlocks(nand, first, first + BlockOf(nand, environment.m_nSize), [&](unsigned block) {
-        if (Erase(nand, block) != 0)
-            return false;
-        for (unsigned i = 0; i < pagesPerBlock; ++i) {
-            const int written = nand.WritePage(static_cast<int>(block * pagesPerBlock + i), data, pageSize);
-            if (written != pageSize) {
-                fprintf(stderr, "error : write page return %d\n", written);
-                result = -1;
-                return false;
-            }
-            data += pageSize;
-        }
-        IncBlockWritten();
-        return true;
-    });
-    return result;
+    return WriteEnvironment(*this, nand, offset, environment);
 }
 
 int UpdateScript::CmdUbiformat(const char *device, const char *path) {
@@ -574,13 +625,12 @@ int UpdateScript::CmdUbiformat(const char *device, const char *path) {
     }
     if (access(kPrepareScript, R_OK) != 0)
         return -1;
-    printf("prepare ubi ...\n");
-    fflush(stdout);
+    PrintLine("prepare ubi ...");
     Execute({kShell, "sh", kPrepareScript});
     IncBlockWritten();
     Execute({kUbiformat, "ubiformat", device, "-y", "-f", path});
     if (nand.m_nEraseSize != 0)
-        m_nBlockWritten = WrapAdd(m_nBlockWritten, Quotient(size, nand.m_nEraseSize) - kHandOverShortfall);
+        m_nBlockWritten = WrapAdd(m_nBlockWritten, WrapAdd(Quotient(size, nand.m_nEraseSize), -kUbiformatHeldBack));
     IncBlockWritten();
     return 0;
 }

@@ -1,11 +1,7 @@
 #pragma once
 
-#include <cstddef>
 #include <string>
 #include <vector>
-
-class SNandUtil;
-class UEnvTool;
 
 /// @return the number of the MTD device that spans the whole flash: the first one in "/proc/mtd" whose line holds
 ///         "all"; 0 when no line does; -1 when the table can't be opened.
@@ -13,9 +9,9 @@ int GetAllPartitionNumber();
 
 /// Carries out an update script: one command a line, in file order, each on the whole-flash device.
 ///
-/// Offsets and sizes are bytes in the whole flash, 32-bit signed. Messages go to standard error: a line that begins
-/// with "warning : " lets the work go on, one that begins with "error : " ends the command. Nothing is rolled back.
-/// One object is one run; it isn't copied.
+/// Offsets and sizes are bytes in the whole flash, 32-bit signed. Messages go to standard error: after one that begins
+/// with "warning : " the command goes on; one that begins with "error : " tells what was not done. Nothing is rolled
+/// back. One object is one run; it isn't copied.
 class UpdateScript {
 public:
     /// Reads the script, finds the whole-flash device and counts the blocks that the script will report.
@@ -25,14 +21,15 @@ public:
     UpdateScript(const char *scriptPath, const char *notifyScript, bool reboot);
     ~UpdateScript() {}
 
-    /// Carries out all lines, up to the first write that fails, then flushes.
+    /// Carries out all lines, up to the first `write`, `writeoob` or `ubiformat` that fails or the first exception that
+    /// leaves a command, then flushes.
     /// @return -1 when the script is empty, unreadable or over its limits (nothing was done), else 0.
     int Run();
 
     /// Counts one finished block and tells the notify script when the whole percentage has changed.
     void IncBlockWritten();
 
-    /// Flushes all file systems.
+    /// Flushes all file systems; with m_bReboot it then waits 3 seconds and reboots the device.
     void Finish();
 
     /// @return how many blocks the script's commands are expected to report, from the sizes of its image files.
@@ -43,11 +40,14 @@ public:
     int CmdErase(int offset, int size);
 
     /// Erases a range and writes a file into its good blocks, page by page; the last page is filled up with 0xFF.
-    /// @return 0, or the first failure's negative result. What was erased and written up to then stays so.
+    /// A file that goes on behind the range fails there, before it reaches a block that was not erased.
+    /// @return 0, or the first failure's negative result; -1 with untouched flash when the page size isn't known.
+    ///         What was erased and written up to a failure stays so.
     int CmdWrite(int offset, int size, const char *path);
 
     /// Does the same with a raw image: each page's data is followed by its out-of-band bytes, and both are programmed
-    /// as they are, without ECC of the kernel's. A short last record keeps the tail of the record before.
+    /// as they are, without ECC of the kernel's. A short record keeps the tail of the record
+    /// before it; behind a short first one stands 0xFF.
     /// @return as CmdWrite.
     int CmdWriteOob(int offset, int size, const char *path);
 
@@ -79,21 +79,18 @@ private:
     using Tokens = std::vector<std::string>;
     struct Geometry;
     struct Command;
-    struct ImageFormat;
+    enum class LineState;
+    struct Line;
     static const Command kCommands[];
 
-    static const Command *FindCommand(const std::string &name);
+    Line Resolve(const std::string &text, Tokens tokens) const;
     template <typename Visit> void VisitLines(Visit visit) const;
     std::string BrokenLimit() const;
-    bool RunLine(const std::string &line, const Tokens &tokens);
+    bool RunLine(const Line &line);
 
     int RunErase(const Tokens &tokens, const std::string &path);
     template <int (UpdateScript::*Command)(int, int, const char *)>
     int RunImage(const Tokens &tokens, const std::string &path);
     int RunSetEnv(const Tokens &tokens, const std::string &path);
     int RunUbiformat(const Tokens &tokens, const std::string &path);
-
-    int EraseRange(int offset, int size, bool forPages);
-    int WriteEnvironment(SNandUtil &nand, int offset, const UEnvTool &environment);
-    int WriteImage(int offset, int size, const char *path, const ImageFormat &format);
 };

@@ -6,7 +6,6 @@
 #include "UpdateScript.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <unistd.h>
 
@@ -26,11 +25,11 @@ int HandOver(const std::string &folder, const char *notifyScript) {
     if (!CommandFits(command))
         return -1;
     printf("new program detected, running %s\n", command.c_str());
-    // The copy writes to the same streams: our line comes first.
-    fflush(stdout);
-    static_cast<void>(system(command.c_str()));
+    RunCommand(command);
     return 0;
 }
+
+std::string PrepareCommand(const char *image) { return std::string("/app/prepare_flashrig.sh ") + image; }
 
 } // namespace
 
@@ -58,8 +57,9 @@ int main(int argc, char *argv[]) {
     if (UFile::IsDir(source)) {
         folder = source;
     } else {
-        if (PrepareUpdate(source) != 0)
+        if (!CommandFits(PrepareCommand(source)))
             return -1;
+        PrepareUpdate(source);
         if (CheckNewUpdateProgram(folder.c_str()))
             return HandOver(folder, argc > 2 ? argv[2] : nullptr);
     }
@@ -75,7 +75,7 @@ int main(int argc, char *argv[]) {
     }
     printf("running update script %s\n", script.c_str());
 
-    static_cast<void>(chroot("/"));
+    [[maybe_unused]] const int rooted = chroot("/");
     if (setuid(0) < 0)
         fprintf(stderr, "The switch to root user failed!");
 

@@ -4,7 +4,8 @@
 void PrintUsage();
 
 /// Lets the device's prepare script unpack an image into "/tmp/update"; the script's exit status is not looked at.
-/// @return 0, or -1 when the command would be too long and nothing was run.
+/// An image whose command would be too long is refused before this.
+/// @return 0.
 int PrepareUpdate(const char *image);
 
 /// @return non-zero when the folder holds a file with this program's own name, whatever its contents.
