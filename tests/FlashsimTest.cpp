@@ -88,7 +88,7 @@ TEST_F(Flashsim, DeviceHasItsOwnFilesMountsAndProcesses) {
     const std::string updater = Updater("/bin/bootvars -s a b; cat /usr/local/lib/device.so\n"
                                         "grep -o '[^ ]*/opt[^ ]*' /proc/mounts; cat /sys/class/mtd/mtd5/oobsize\n"
                                         "pidof sleep | wc -w; umount /opt/user 2>/dev/null || echo busy\n"
-                                        "fuser -s -k -m /opt/user; while pidof -q sleep; do :; done\n"
+                                        "fuser -s -k -m /opt/user; while pidof sleep; do :; done\n"
                                         "umount /opt/user && umount /opt; grep -c /opt /proc/mounts\n"
                                         "ls /sys/class/mtd/mtd5 | tr '\\n' ' '");
     EXPECT_EQ(Run(updater +
