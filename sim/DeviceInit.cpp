@@ -34,8 +34,10 @@ std::vector<char *> Pointers(const std::vector<std::string> &texts) {
     return pointers;
 }
 
-/// Programs start with the signals as a shell would leave them, not as this process holds them.
+/// Programs start with the signals as a device has them, not as this process or its caller (nohup) holds them.
 void FreeSignals() {
+    for (int number = 1; number < NSIG; ++number)
+        signal(number, SIG_DFL);
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);

@@ -681,7 +681,7 @@ INTERPOSED int system(const char *command) {
     TraceAhead([command] { return "system " + Quoted(command); });
     const int status = nextSystem(command);
     const int error = errno;
-    TraceAhead([status] { return Format("system ended %d", status); });
+    TraceAhead([status] { return Format("returned from system: %d", status); });
     errno = error;
     return status;
 }

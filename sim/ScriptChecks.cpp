@@ -98,13 +98,17 @@ bool Destroys(const UpdateLine &later, const FlashRange &its, const UpdateLine &
 }
 
 void CheckOverlaps(const std::vector<LineVerdict> &lines, const WholeFlash &flash, std::vector<Finding> &findings) {
+    const auto rangeOf = [&flash](const LineVerdict &verdict) {
+        const std::optional<FlashRange> range = flash.RangeOf(verdict.line);
+        return range && flash.IsAligned(*range) ? range : std::nullopt; // a command refuses the others untouched
+    };
     for (auto later = lines.begin(); later != lines.end(); ++later) {
-        const std::optional<FlashRange> its = flash.RangeOf(later->line);
+        const std::optional<FlashRange> its = rangeOf(*later);
         if (!its)
             continue;
         std::string numbers;
         for (auto earlier = lines.begin(); earlier != later; ++earlier) {
-            const std::optional<FlashRange> former = flash.RangeOf(earlier->line);
+            const std::optional<FlashRange> former = rangeOf(*earlier);
             if (former && Destroys(later->line, *its, earlier->line, *former))
                 numbers += (numbers.empty() ? "" : ", ") + std::to_string(earlier->line.number);
         }

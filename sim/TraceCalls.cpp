@@ -6,7 +6,7 @@
 namespace {
 
 constexpr const char *kShellCall = "system \"";
-constexpr const char *kShellEnd = "system ended ";
+constexpr const char *kShellEnd = "returned from system: ";
 constexpr const char *kNote = "note: page at ";
 
 /// Takes a text out of its quotes.

@@ -387,35 +387,34 @@ private:
         const std::vector<char> bytes = ReadRange(range);
         const auto size = static_cast<int>(bytes.size());
         const UEnvTool block(bytes.data(), size);
-        // Written anew, a block that reads back whole is the same again, seal and all.
-        UEnvTool again(bytes.data(), size);
-        const bool isSame = again.SetEnv(last->Name().c_str(), block.GetEnv(last->Name().c_str()).c_str()) == 0 &&
-                            std::equal(bytes.begin(), bytes.end(), again.m_pBlock);
+        UEnvTool sealed(bytes.data(), size);
+        sealed.UpdateCRC();
         const auto bad = static_cast<std::int64_t>(m_flash.BadBlocks(range).size());
         // The list as it lies in the block, which a reading may not see to its end.
         std::size_t length = bytes.size() - kSealBytes;
         while (length > 0 && bytes[kSealBytes + length - 1] == '\0')
             --length;
         const std::size_t excess = std::max(length + 1 + kLostOfEnvironment, bytes.size()) - bytes.size();
-        if (bad > 0 && !isSame)
+        if (!std::equal(bytes.begin(), bytes.end(), sealed.m_pBlock)) {
             Add(*last, "environment-lost",
-                "its range holds " + Count(bad, "bad block") + ": the last " +
-                    std::to_string(bad * m_flash.EraseSize()) + " bytes of the environment are written nowhere",
-                "nothing in the update: this device's environment needs good blocks");
-        else if (excess > 0 && !isSame)
+                bad > 0
+                    ? "its range holds " + Count(bad, "bad block") + ": the last " +
+                          std::to_string(bad * m_flash.EraseSize()) + " bytes of the environment are written nowhere"
+                    : "the block has no valid seal any more when the update ends",
+                bad > 0 ? "nothing in the update: this device's environment needs good blocks"
+                        : "see what the lines behind it do to the block");
+        } else if (excess > 0) {
             Add(*last, "environment-lost",
                 "the variables take " + std::to_string(length + 1) + " of " + std::to_string(bytes.size()) +
                     " bytes: the next reading loses the last one",
                 "shorten the variables by " + Count(static_cast<std::int64_t>(excess), "byte"));
-        else if (!isSame)
-            Add(*last, "environment-lost", "the block doesn't read back with a valid seal and its variables",
-                "see what else was written to it, or give its true size");
-        else
+        } else {
             for (const auto &[name, line] : setters) {
                 if (block.HasEnv(name.c_str()) == 0 || block.GetEnv(name.c_str()) != line->Value())
                     Add(*line, "environment-lost", name + " isn't in the block any more when the update ends",
                         "see what the lines behind it do to the block");
             }
+        }
     }
 
     /// @return the line, among those that ran, whose range holds an offset; null for none.
@@ -439,10 +438,7 @@ private:
         for (const PageNote &note : m_calls.notes) {
             const std::int64_t offset = m_flash.FromChip(note.offset);
             if (note.text == kUnsoundRead) {
-                const auto changesVariable = [](const LineVerdict &verdict) {
-                    return verdict.line.kind == LineKind::SetEnv && HasRun(verdict);
-                };
-                unsound[FindLine(m_verdict.lines.begin(), m_verdict.lines.end(), offset, changesVariable)].insert(
+                unsound[FindLine(m_verdict.lines.begin(), m_verdict.lines.end(), offset, ChangedVariable)].insert(
                     offset);
             } else {
                 unerased[FindLine(m_verdict.lines.rbegin(), m_verdict.lines.rend(), offset, HasRun)].insert(offset);
@@ -456,7 +452,7 @@ private:
                     "lay the block down with writeoob and an image that carries ECC; a raw write leaves none");
             else
                 AddForRun("unsound-read",
-                          count + " without valid ECC were read normally, first at " + Hex(*pages.begin()),
+                          count + " read normally without valid ECC, first at " + Hex(*pages.begin()),
                           "read raw what was written raw, or write it with its ECC", Severity::Warning);
         }
         for (const auto &[line, pages] : unerased)

@@ -209,6 +209,11 @@ void SaveReport(const nlohmann::ordered_json &report, const std::string &path) {
         throw std::runtime_error("can't write the report to " + path);
 }
 
+bool WantsColour() {
+    const char *refusal = getenv("NO_COLOR");
+    return isatty(STDOUT_FILENO) == 1 && (refusal == nullptr || *refusal == '\0');
+}
+
 size_t TerminalWidth() {
     winsize size = {};
     return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kUsualWidth;
@@ -234,8 +239,7 @@ int Rehearse(const Options &options) {
     if (options.isRaw)
         return RunSummary::ShellStatus(outcome);
     const RunSummary summary(chip.Chip(), state, outcome);
-    const bool inColour = isatty(STDOUT_FILENO) == 1 && getenv("NO_COLOR") == nullptr;
-    printf("\n%s", summary.Text(TerminalWidth(), inColour).c_str());
+    printf("\n%s", summary.Text(TerminalWidth(), WantsColour()).c_str());
     if (isJudged)
         printf("%s", VerdictText(verdict, kScriptName).c_str());
     fflush(stdout);

@@ -88,15 +88,15 @@ TEST_F(Flashsim, DeviceHasItsOwnFilesMountsAndProcesses) {
     const std::string updater = Updater("/bin/bootvars -s a b; cat /usr/local/lib/device.so\n"
                                         "grep -o '[^ ]*/opt[^ ]*' /proc/mounts; cat /sys/class/mtd/mtd5/oobsize\n"
                                         "pidof sleep | wc -w; umount /opt/user 2>/dev/null || echo busy\n"
-                                        "fuser -s -k -m /opt/user; while pidof sleep; do :; done\n"
+                                        "fuser -s -k -m /opt/user; while pidof sleep >/dev/null; do :; done\n"
                                         "umount /opt/user && umount /opt; grep -c /opt /proc/mounts\n"
                                         "ls /sys/class/mtd/mtd5 | tr '\\n' ' '");
     EXPECT_EQ(Run(updater +
-                  "--mount /opt/user --mount /opt --start /opt/user/app --mtd 5:all --no-sysfs size,type "
+                  "--mount /opt/user --mount /opt --start 'exec /opt/user/app' --mtd 5:all --no-sysfs size,type "
                   "--raw --root " +
                   (m_folder / "root").string()),
               0);
-    EXPECT_EQ(m_err, "Killed\n"); // the shell of --start tells what became of its child
+    EXPECT_EQ(m_err, "");
     EXPECT_EQ(m_out, "vars -s a b\ndevice's\n/opt\n/opt/user\n64\n1\nbusy\n0\nerasesize name oobsize writesize ");
 }
 
@@ -123,6 +123,37 @@ TEST_F(Flashsim, HostStaysAsItIs) {
     EXPECT_FALSE(fs::exists(m_folder / "update/file"));
     kill(bystander, SIGKILL);
     waitpid(bystander, nullptr, 0);
+}
+
+TEST_F(Flashsim, FlashFileKeepsTheChipBetweenRuns) {
+    constexpr size_t kBlockTwo = size_t{2} * 64 * 2112;
+    const std::string flash = (m_folder / "unit.nand").string();
+    const std::string pages = std::string(2048, 'k') + std::string(64, '\xff') + "tail" + std::string(2044, '\xff');
+    EXPECT_EQ(Run("--raw --chip 1M,128K,2K,64 --bad 1 --flash " + flash), 0);
+    EXPECT_EQ(Load(flash).substr(kBlockTwo, pages.size()), pages);
+
+    Save("update/flashrig.script", "erase 0 20000\n");
+    EXPECT_EQ(Run("--flash " + flash), 0);
+    EXPECT_NE(m_out.find("0x00000000  eX......\n"), std::string::npos) << m_out;
+    EXPECT_NE(m_out.find("\nverdict: clean: 1 of 1 line carried out\n"), std::string::npos) << m_out;
+    EXPECT_EQ(Load(flash).substr(kBlockTwo, pages.size()), pages);
+    EXPECT_EQ(Run("--chip 2M,128K,2K,64 --flash " + flash), 2);
+}
+
+TEST_F(Flashsim, FindingsAreToldOneALineWithStatusOne) {
+    const struct {
+        const char *options;
+        const char *found;
+    } rows[] = {
+        {"--fault MEMWRITE:2=EIO", "\nflashrig.script:2: error: write 20000 40000 image: write page return -1: "},
+        {"--cut 4", "\nflashrig.script: error: the power goes during MEMWRITE at 0x20000; "},
+        {"--mtd 3:all:0,128K", "\nflashrig.script:2: error: write 20000 40000 image: fail to check bad block at 20000: "},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(Run(row.options), 1) << row.options;
+        EXPECT_NE(m_out.find(row.found), std::string::npos) << m_out;
+        EXPECT_NE(m_out.find("\nverdict: NOT clean: "), std::string::npos) << m_out;
+    }
 }
 
 TEST(ChipMap, FitsAChipOfAnySizeToTheTerminal) {

@@ -1,0 +1,244 @@
+#include "Device.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+const std::string kErasedBlock(Device::kBlock, '\xFF');
+const std::string kUsedBlock(Device::kBlock, '\x5A');
+
+} // namespace
+
+TEST(Write, PutsTheFileIntoTheGoodBlocksAndWarnsTwiceOfBadOnes) {
+    Device device("5,7");
+    device.UseUp();
+    const std::string bad = device.Raw(5 * 32, 32);
+    const std::string image = Pattern(2 * Device::kBlock + 700, 1);
+    device.File("big", image);
+    const Outcome outcome = device.Run("write 0x10000 0x1c000 big\n");
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err, "write /tmp/update/big to flash address 10000\n"
+                           "warning : skip bad block at 14000\n"
+                           "warning : skip bad block at 1c000\n"
+                           "erase complete\n offset=10000 size=1c000\n"
+                           "warning : skip bad block at 14000\n"
+                           "warning : skip bad block at 1c000\n"
+                           "warning : file readsize = 188, pending to pagesize = 512\n"
+                           "write file complete\n read size = 33468\n");
+    EXPECT_EQ(device.Flash(0x0c000, Device::kBlock), kUsedBlock);
+    EXPECT_EQ(device.Flash(0x10000, Device::kBlock), image.substr(0, Device::kBlock));
+    EXPECT_EQ(device.Raw(5 * 32, 32), bad);
+    EXPECT_EQ(device.Flash(0x18000, Device::kBlock), image.substr(Device::kBlock, Device::kBlock));
+    EXPECT_EQ(device.Flash(0x20000, Device::kBlock), image.substr(2 * Device::kBlock) + kErasedBlock.substr(700));
+    EXPECT_EQ(device.Flash(0x24000, 2 * Device::kBlock), kErasedBlock + kErasedBlock);
+    EXPECT_EQ(device.Flash(0x2c000, Device::kBlock), kUsedBlock);
+}
+
+TEST(Write, AsksForOneRawPageARequest) {
+    Device device;
+    device.File("small", Pattern(513, 2));
+    const Outcome outcome = device.Run("write 4000 4000 small\n");
+    EXPECT_EQ(outcome.Only({"open", "close", "MEMGETBADBLOCK", "MEMERASE64", "MEMWRITE", "sync"}),
+              (Texts{
+                  "open mtd12 flags=O_RDWR = 4",
+                  "close mtd12 = 0",
+                  "open mtd12 flags=O_RDWR = 4",
+                  "MEMGETBADBLOCK mtd12 offset=0x4000 = 0",
+                  "MEMERASE64 mtd12 start=0x4000 length=0x4000 = 0",
+                  "close mtd12 = 0",
+                  "open mtd12 flags=O_RDWR = 4",
+                  "MEMGETBADBLOCK mtd12 offset=0x4000 = 0",
+                  "MEMWRITE mtd12 start=0x4000 len=512 ooblen=0 data=set oob=null mode=2 = 0",
+                  "MEMWRITE mtd12 start=0x4200 len=512 ooblen=0 data=set oob=null mode=2 = 0",
+                  "close mtd12 = 0",
+                  "sync",
+                  "sync",
+              }));
+    EXPECT_EQ(outcome.Count("fsync"), 3U);
+}
+
+TEST(Write, EndsAtTheFailureAndTheScriptWithIt) {
+    const struct {
+        const char *line;
+        Texts options;
+        const char *err;
+        std::size_t erased;  ///< erase requests that went out
+        std::size_t written; ///< page requests that went out
+    } rows[] = {
+        {"write 10001 4000 image", {}, "error : invalid offset=65537, blocksize = 16384\n", 0, 0},
+        {"write 10000 4001 image", {}, "error : invalid size=16385, blocksize = 16384\n", 0, 0},
+        {"write 10000 0 image", {}, "erase complete\n offset=10000 size=0\n", 0, 0},
+        {"write 10000 8000 image",
+         {"--fault", "MEMGETBADBLOCK:2=EIO"},
+         "error : fail to check bad block at 14000\nerase complete\n offset=10000 size=8000\n",
+         1,
+         0},
+        {"write 10000 4000 image",
+         {"--fault", "MEMGETBADBLOCK:2=EIO"},
+         "erase complete\n offset=10000 size=4000\nerror : fail to check bad block at 10000\n",
+         1,
+         0},
+        {"write 10000 c000 image",
+         {"--fault", "MEMERASE64:2=EIO", "--fault", "MEMERASE=EIO"},
+         "error : erase failed at 14000\nerase complete\n offset=10000 size=c000\n",
+         3,
+         0},
+        {"write 10000 4000 folder",
+         {},
+         "erase complete\n offset=10000 size=4000\nerror : file readsize = -1, pagesize = 512\n",
+         1,
+         0},
+        {"write 10000 4000 image",
+         {"--fault", "MEMWRITE:3=EIO"},
+         "erase complete\n offset=10000 size=4000\nerror : write page return -1\n",
+         1,
+         3},
+        {"write 10000 4000 outruns",
+         {},
+         "erase complete\n offset=10000 size=4000\n"
+         "warning : file readsize = 1, pending to pagesize = 512\nerror : file outruns the erased range at 14000\n",
+         1,
+         32},
+        {"write 10000 4000 image",
+         {"--fault", "open=ENODEV"},
+         "error : fail to check bad block at 10000\nerase complete\n offset=10000 size=4000\n",
+         0,
+         0},
+        {"write 0 0 image",
+         {"--no-sysfs", "erasesize"},
+         "error : unknown flash geometry, blocksize = 0, pagesize = 512\n",
+         0,
+         0},
+        {"write 10000 4000 image",
+         {"--no-sysfs", "writesize"},
+         "error : unknown flash geometry, blocksize = 16384, pagesize = 0\n",
+         0,
+         0},
+        {"write 10000 4000 image", {"--no-sysfs", "erasesize"}, "error : invalid offset=65536, blocksize = 0\n", 0, 0},
+    };
+    for (const auto &row : rows) {
+        const std::string line = row.line;
+        SCOPED_TRACE(line + " " + (row.options.empty() ? "" : row.options[1]));
+        Device device;
+        device.Options(row.options);
+        device.File("image", Pattern(2000, 3));
+        device.File("outruns", Pattern(Device::kBlock + 1, 3));
+        device.File("folder/file", "");
+        const Outcome outcome = device.Run(line + "\nerase 0 4000\n");
+        const std::string path = "/tmp/update/" + line.substr(line.rfind(' ') + 1);
+        const std::string offset = line.substr(6, line.find(' ', 6) - 6);
+        EXPECT_EQ(outcome.status, 0);
+        EXPECT_EQ(outcome.err, "write " + path + " to flash address " + offset + "\n" + row.err);
+        EXPECT_EQ(outcome.Count("MEMERASE64") + outcome.Count("MEMERASE"), row.erased);
+        EXPECT_EQ(outcome.Count("MEMWRITE"), row.written);
+        EXPECT_EQ(outcome.Count("sync"), 2U);
+    }
+}
+
+TEST(Write, EndsWithTheFileWhereverThatIs) {
+    const struct {
+        const char *script;
+        std::size_t size;
+        const char *err;
+        const char *percents;
+    } rows[] = {
+        // An empty file at offset 0 reports nothing, elsewhere one block.
+        {"write 0 4000 image\nwrite 4000 4000 block", 0, "write file complete\n read size = 0\n", "100\n200\n"},
+        {"write 4000 4000 image\nwrite 8000 4000 block", 0, "write file complete\n read size = 0\n", "100\n200\n300\n"},
+        // Whole blocks end at the next block's first page and report one more.
+        {"write 4000 8000 image", 2 * Device::kBlock, "write file complete\n read size = 32768\n", "50\n100\n150\n"},
+        {"write 4000 8000 image", Device::kBlock + 512, "write file complete\n read size = 16896\n", "50\n100\n"},
+        // A file that fills the device ends at its bound without a word; so does what is left of a longer one.
+        {"write f8000 8000 image", 2 * Device::kBlock, "", "50\n100\n"},
+        {"write f8000 8000 image", 2 * Device::kBlock + 1, "", "33\n66\n"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(std::string(row.script) + " " + std::to_string(row.size));
+        Device device;
+        device.File("progress_script.sh", "#!/bin/sh\necho $1\n");
+        device.File("image", Pattern(row.size, 4));
+        device.File("block", Pattern(Device::kBlock, 5));
+        const Outcome outcome = device.Run(row.script);
+        EXPECT_EQ(outcome.OthersOut(), row.percents);
+        std::string first = outcome.err.substr(0, outcome.err.find("write /tmp", 1));
+        first.erase(0, first.find("size=") + 5);
+        first.erase(0, first.find('\n') + 1);
+        EXPECT_EQ(first, row.err);
+    }
+}
+
+TEST(Write, WorksOnKernelsWithoutTheNewerRequests) {
+    for (const char *error : {"ENOTTY", "EOPNOTSUPP"}) {
+        Device device("1");
+        const std::string image = Pattern(Device::kBlock + 1, 6);
+        device.File("image", image);
+        device.Options({"--fault", std::string("MEMWRITE=") + error, "--fault", std::string("MEMERASE64=") + error});
+        const Outcome outcome = device.Run("write 0 c000 image\n");
+        EXPECT_EQ(device.Flash(0, Device::kBlock) + device.Flash(0x8000, 1), image);
+        EXPECT_EQ(outcome.Count("MEMERASE"), 2U);
+        EXPECT_EQ(outcome.Count("MEMWRITEOOB64"), 0U);
+        EXPECT_EQ(outcome.Count("write"), 33U);
+    }
+}
+
+TEST(Write, LeavesAllElseAsItWasWhenPowerIsCutAnywhere) {
+    Device whole("4");
+    const std::string image = Pattern(Device::kBlock + 3 * Device::kPage, 7);
+    const std::string script = "write c000 10000 image\n";
+    const int changes = 3 + 32 + 3;
+    for (int cut = 1; cut <= changes + 1; cut += 4) {
+        SCOPED_TRACE(cut);
+        Device device("4");
+        device.UseUp();
+        device.File("image", image);
+        device.Options({"--cut", std::to_string(cut)});
+        const Outcome outcome = device.Run(script);
+        EXPECT_EQ(outcome.Count("power"), cut <= changes ? 1U : 0U);
+        EXPECT_EQ(outcome.Count("MEMERASE64"), static_cast<std::size_t>(std::min(cut, 3) - (cut <= 3 ? 1 : 0)));
+        EXPECT_EQ(device.Flash(0, 0xc000), kUsedBlock + kUsedBlock + kUsedBlock);
+        EXPECT_EQ(device.Flash(0x1c000, Device::kBlock), kUsedBlock);
+        const int pages = std::max(cut - 4, 0);
+        EXPECT_EQ(device.Flash(0xc000, pages * Device::kPage).substr(0, Device::kBlock),
+                  image.substr(0, static_cast<std::size_t>(pages * Device::kPage)).substr(0, Device::kBlock));
+    }
+}
+
+TEST(Erase, PassesOverBadBlocksAndLetsTheNextLineRunAfterAFailure) {
+    const struct {
+        const char *line;
+        Texts options;
+        const char *err;
+    } rows[] = {
+        {"erase 0 10000 # two more tokens",
+         {},
+         "warning : skip bad block at 8000\nwarning : skip bad block at c000\nerase complete\n offset=0 size=10000\n"},
+        {"erase 8000 8000",
+         {},
+         "warning : skip bad block at 8000\nwarning : skip bad block at c000\nerase complete\n offset=8000 "
+         "size=8000\n"},
+        {"erase 1 4000", {}, "error : invalid offset=1, blocksize = 16384\n"},
+        {"erase -4000 4000",
+         {},
+         "error : fail to check bad block at ffffc000\nerase complete\n offset=ffffc000 size=4000\n"},
+        {"erase fc000 8000",
+         {},
+         "error : fail to check bad block at 100000\nerase complete\n offset=fc000 size=8000\n"},
+        {"erase 80000000 4000", {}, "error : invalid offset=2147483647, blocksize = 16384\n"},
+        {"erase 4000 xyz", {}, "erase complete\n offset=4000 size=0\n"},
+        {"erase 0 0", {"--no-sysfs", "erasesize"}, "erase complete\n offset=0 size=0\n"},
+        {"erase 0 4000",
+         {"--fault", "MEMERASE64=EIO", "--fault", "MEMERASE=EIO"},
+         "error : erase failed at 0\nerase complete\n offset=0 size=4000\n"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.line);
+        Device device("2,3");
+        device.Options(row.options);
+        const Outcome outcome = device.Run(std::string(row.line) + "\nincomplete\n");
+        EXPECT_EQ(outcome.err,
+                  "Unknown script command incomplete\n" + std::string(row.err) + "Unknown script command incomplete\n");
+        EXPECT_EQ(outcome.status, 0);
+    }
+}
