@@ -18,6 +18,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <termios.h>
 
 namespace {
 
@@ -35,17 +36,34 @@ constexpr const char *kPassedOn[] = {"TERM", "LSAN_OPTIONS", "UBSAN_OPTIONS"};
 
 [[noreturn]] void Fail(const std::string &what) { throw std::runtime_error(what + ": " + strerror(errno)); }
 
-struct Pipe {
-    Pipe() {
-        int ends[2];
-        if (pipe2(ends, O_CLOEXEC) < 0)
-            Fail("can't make a pipe");
-        reader = ScopedFd(ends[0]);
-        writer = ScopedFd(ends[1]);
-    }
+/// What one of the device's streams goes through.
+struct Channel {
     ScopedFd reader;
     ScopedFd writer;
 };
+
+Channel MakePipe() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) < 0)
+        Fail("can't make a pipe");
+    return {ScopedFd(ends[0]), ScopedFd(ends[1])};
+}
+
+/// A terminal that changes no byte, like a device's serial console without its line discipline.
+Channel MakeConsole() {
+    Channel console = {ScopedFd(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)), ScopedFd()};
+    char name[64];
+    if (console.reader.Get() < 0 || unlockpt(console.reader.Get()) < 0 ||
+        ptsname_r(console.reader.Get(), name, sizeof name) != 0)
+        Fail("can't make a console");
+    console.writer = ScopedFd(open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
+    termios mode = {};
+    if (console.writer.Get() < 0 || tcgetattr(console.writer.Get(), &mode) < 0)
+        Fail("can't make a console");
+    cfmakeraw(&mode);
+    tcsetattr(console.writer.Get(), TCSANOW, &mode);
+    return console;
+}
 
 /// The device's first process, seen from the host; everything in the device ends with it.
 class DeviceProcess {
@@ -206,7 +224,8 @@ RunOutcome RunUpdate(const RunSettings &settings, const std::string &chip, const
                      const HeldSignals &signals) {
     SimState::Create(state, settings.sim);
     const DeviceJob job = MakeJob(settings, chip, state);
-    Pipe out, err;
+    Channel out = settings.isConsole ? MakeConsole() : MakePipe();
+    Channel err = MakePipe();
     // It may hold more than a pipe does while nobody reads.
     const ScopedFd report(memfd_create("report", MFD_CLOEXEC));
     if (report.Get() < 0)

@@ -190,6 +190,8 @@ RunSettings Settings(const Options &options, const NandGeometry &geometry) {
     settings.sim.cutAtChange = options.cut;
     // The verdict finds notes and calls in the trace.
     settings.sim.traceLimit = options.WantsVerdict() || !options.trace.empty() ? kTraceLimit : 0;
+    // As whoever sits at a device's console sees it; scripts get a pipe.
+    settings.isConsole = !options.isRaw;
     settings.passOut = STDOUT_FILENO;
     settings.passErr = STDERR_FILENO;
     settings.program = options.program.empty() ? Companion("flashrig") : options.program;
