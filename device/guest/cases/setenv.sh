@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/board.sh
+# shellcheck shell=dash source=device/guest/board.sh
 # The long form changes a variable in an environment on the chip: entries, zero tail, seal, and the ECC of each page.
 . /board.sh
 new_flash badblocks=65,67
@@ -48,4 +48,16 @@ write a = 3 to env
 TEXT
 environment $((2 * block)) a=3 b=2 | head -c $block >sealed
 nanddump -q -s 0x800000 -l $block /dev/mtd0 | cmp - sealed
+
+# A range behind the chip's end can't be read, so nothing of it is erased.
+fill 0xffe0000 1
+cells 0xffe0000 1 >before
+update <<SCRIPT
+setenv ffe0000 40000 a 3
+SCRIPT
+says err <<TEXT
+error : read failed at 10000000
+write a = 3 to env
+TEXT
+cells 0xffe0000 1 | cmp - before
 no_ecc_events

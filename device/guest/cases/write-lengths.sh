@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/board.sh
+# shellcheck shell=dash source=device/guest/board.sh
 # Plain writes of the lengths that matter, page and block borders, between neighbours that must stay.
 . /board.sh
 new_flash
@@ -28,3 +28,15 @@ SCRIPT
     nandwrite -q -n -p -s 0x820000 /dev/mtd0 update/image
     same_cells 0x400000 0x800000 16
 done
+
+# The chip's last two blocks: nothing tells of a file's end that comes with the chip's.
+noise 0 $((2 * block)) >update/image
+update <<SCRIPT
+write ffc0000 40000 image
+SCRIPT
+says err <<TEXT
+write update/image to flash address ffc0000
+erase complete
+ offset=ffc0000 size=40000
+TEXT
+data 0xffc0000 $((2 * block)) | cmp - update/image

@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/board.sh
+# shellcheck shell=dash source=device/guest/board.sh
 # An update image: unpacked by the device's script, percentages to its notify script, hand-over to its own updater.
 . /board.sh
 new_flash
@@ -27,10 +27,12 @@ for copy in "" flashrig; do
     tar -cf image -C tree .
     run flashrig image
     [ "$status" -eq 0 ]
+    # Sorted: each program writes its lines when it ends.
     {
         [ -z "$copy" ] || echo "new program detected, running /tmp/update/flashrig /tmp/update"
         echo "running update script /tmp/update/flashrig.script"
-    } | says out
+    } >expected
+    sort out | says expected
     says err <<TEXT
 write /tmp/update/rootfs to flash address 400000
 erase complete

@@ -1,5 +1,6 @@
-# shellcheck shell=dash source=device/board.sh
-# An erase leaves 0xFF in its good blocks alone; a range that isn't whole blocks is left as it is.
+# shellcheck shell=dash source=device/guest/board.sh
+# An erase leaves 0xFF in its good blocks alone; a range that isn't whole blocks is left as it is, and one that goes
+# on behind the chip is erased as far as there is a chip.
 . /board.sh
 new_flash badblocks=34,66
 
@@ -31,3 +32,14 @@ erase complete
  offset=400000 size=0
 TEXT
 same_cells 0x400000 0x800000 6
+
+fill 0xffe0000 1
+update <<SCRIPT
+erase ffe0000 40000
+SCRIPT
+says err <<TEXT
+error : fail to check bad block at 10000000
+erase complete
+ offset=ffe0000 size=40000
+TEXT
+[ "$(cells 0xffe0000 1 | tr -d '\377' | wc -c)" -eq 0 ]
