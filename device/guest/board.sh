@@ -93,8 +93,8 @@ occupy_opt() {
         chmod +x "applications/$name"
         ("applications/$name" &)
     done
-    (cd /opt && sh -c 'echo $$ >/tmp/work/polite; exec sleep 1000' &)
-    (cd /opt && sh -c 'echo $$ >/tmp/work/deaf; trap "" TERM; exec sleep 1000' &)
+    (cd /opt && sh -c 'echo $$ >/tmp/case/polite; exec sleep 1000' &)
+    (cd /opt && sh -c 'echo $$ >/tmp/case/deaf; trap "" TERM; exec sleep 1000' &)
     sleep 1
 }
 
@@ -108,7 +108,7 @@ opt_is_free() {
     [ "$(grep -cE ' /opt| /usr/local/lib' /proc/mounts)" -eq 0 ]
     [ ! -e /sys/class/ubi/ubi0 ]
     for holder in polite deaf; do
-        grep -qx "####$(cat /tmp/work/$holder)###" out
-        [ ! -e "/proc/$(cat /tmp/work/$holder)" ]
+        grep -qx "####$(cat /tmp/case/$holder)###" out
+        [ ! -e "/proc/$(cat /tmp/case/$holder)" ]
     done
 }

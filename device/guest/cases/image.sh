@@ -11,7 +11,7 @@ PREPARE
 mkdir tree
 cat >tree/progress_script.sh <<'NOTIFY'
 #!/bin/sh
-echo "$*" >>/tmp/work/percentages
+echo "$*" >>/tmp/case/percentages
 NOTIFY
 cat >tree/flashrig.script <<'SCRIPT'
 write 400000 80000 rootfs

@@ -5,7 +5,7 @@ new_flash
 
 cat >/bin/bootvars <<'TOOL'
 #!/bin/sh
-printf '%s\n' "$@" >/tmp/work/arguments
+printf '%s\n' "$@" >/tmp/case/arguments
 TOOL
 chmod +x /bin/bootvars
 mkdir update

@@ -5,9 +5,9 @@ occupy_opt
 
 mkdir /tmp/update
 cp /usr/sbin/ubiformat /opt.new.ubi /tmp/update
-echo "echo prepared >/tmp/work/prepared" >/tmp/update/prepare.sh
+echo "echo prepared >/tmp/case/prepared" >/tmp/update/prepare.sh
 cat >/tmp/update/progress_script.sh <<'NOTIFY'
-echo "$*" >>/tmp/work/percentages
+echo "$*" >>/tmp/case/percentages
 NOTIFY
 chmod +x /tmp/update/progress_script.sh
 echo "ubiformat /dev/mtd9 opt.new.ubi" >/tmp/update/flashrig.script
