@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <linux/close_range.h>
 #include <map>
 #include <stdexcept>
@@ -19,6 +20,7 @@
 
 namespace {
 
+constexpr const char *kScriptName = "flashrig.script";
 constexpr int kLookMicroseconds = 500;
 /// A command that never sleeps (a busy loop) is taken as up after so many looks.
 constexpr int kMostLooks = 4000;
@@ -54,6 +56,31 @@ public:
         while (Reap(program, status, 0) != program)
             continue;
         return status;
+    }
+
+    /// Writes what the update holds to the report.
+    void TellUpdate() const {
+        namespace fs = std::filesystem;
+        const bool isUsual = fs::exists(fs::path(m_job.update) / kScriptName);
+        const fs::path folder = isUsual ? fs::path(m_job.update) : "/";
+        std::string text;
+        std::error_code gone; // what still runs in the device may take files away
+        for (auto entry = fs::recursive_directory_iterator(folder, gone); entry != fs::end(entry);
+             entry.increment(gone)) {
+            if (!isUsual)
+                entry.disable_recursion_pending();
+            const auto size = entry->is_regular_file(gone) ? entry->file_size(gone) : 0;
+            if (!entry->is_directory(gone) && !gone)
+                text += std::to_string(size) + " " + entry->path().lexically_relative(folder).string() + "\n";
+        }
+        std::ifstream script(folder / kScriptName, std::ios::binary);
+        text += "\n" + std::string(std::istreambuf_iterator<char>(script), {});
+        for (std::size_t done = 0; done < text.size();) {
+            const ssize_t written = write(m_nReport, text.data() + done, text.size() - done);
+            if (written <= 0)
+                return;
+            done += static_cast<std::size_t>(written);
+        }
     }
 
 private:
@@ -139,7 +166,9 @@ void RunDevice(const DeviceJob &job, int out, int err, int report) {
         prctl(PR_SET_NAME, "init");
         EnterDeviceRoot(job.layout);
         SetStreams(out, err, report);
-        dprintf(report, "status %d\n", Device(job, report).Run());
+        Device device(job, report);
+        dprintf(report, "status %d\n", device.Run());
+        device.TellUpdate();
     } catch (const std::exception &failure) {
         dprintf(report, "error %s\n", failure.what());
     }

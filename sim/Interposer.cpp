@@ -679,7 +679,11 @@ INTERPOSED int kill(pid_t process, int signal) noexcept {
 
 INTERPOSED int system(const char *command) {
     TraceAhead([command] { return "system " + Quoted(command); });
-    return nextSystem(command);
+    const int status = nextSystem(command);
+    const int error = errno;
+    TraceAhead([status] { return Format("returned from system: %d", status); });
+    errno = error;
+    return status;
 }
 
 INTERPOSED FILE *popen(const char *command, const char *mode) {

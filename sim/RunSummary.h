@@ -14,10 +14,7 @@ public:
     /// The three are looked at once, here.
     RunSummary(const NandChip &chip, const SimState &state, const RunOutcome &outcome);
 
-    /// @return whether the updater ended well, with the power on, without a complaint and without a note.
-    bool IsClean() const { return m_findings.empty(); }
-
-    /// The chip's map, the requests by kind, what was found and a verdict, as lines.
+    /// The chip's map, the requests by kind and how the updater ended, as lines.
     /// @param width columns of the terminal
     std::string Text(size_t width, bool inColour) const;
 
@@ -27,7 +24,6 @@ public:
 private:
     std::string m_requests;
     std::string m_ending;
-    std::vector<std::string> m_findings;
     std::vector<BlockMark> m_marks;
     std::uint32_t m_nEraseSize;
 };

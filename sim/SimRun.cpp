@@ -11,8 +11,11 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <iterator>
 #include <poll.h>
+#include <sstream>
 #include <stdexcept>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
@@ -23,6 +26,9 @@ constexpr const char *kChipPlace = "/.flashsim/chip";
 constexpr const char *kStatePlace = "/.flashsim/state";
 /// Beside the cells, as ChipFile keeps it.
 constexpr const char *kChipStates = ".chip";
+
+/// Where a device's prepare script unpacks an image.
+constexpr const char *kUnpackedUpdate = "/tmp/update";
 
 /// The caller's variables that reach the device's programs.
 constexpr const char *kPassedOn[] = {"TERM", "LSAN_OPTIONS", "UBSAN_OPTIONS"};
@@ -121,6 +127,7 @@ DeviceJob MakeJob(const RunSettings &settings, const std::string &chip, const st
     };
     job.environment = Environment(programName);
     job.starts = settings.starts;
+    job.update = std::filesystem::is_directory(settings.update) ? settings.place : kUnpackedUpdate;
     job.program = {program, settings.place};
     job.program.insert(job.program.end(), settings.arguments.begin(), settings.arguments.end());
     return job;
@@ -171,18 +178,26 @@ bool Follow(Stream &out, Stream &err, const HeldSignals &signals) {
     return true;
 }
 
-/// @return the status in the device's report, which has one line.
-int ReadReport(const ScopedFd &report) {
+/// Takes the device's report into an outcome.
+void TakeReport(const ScopedFd &report, RunOutcome &outcome) {
+    lseek(report.Get(), 0, SEEK_SET);
     Stream stream = {ScopedFd(dup(report.Get())), -1, ""};
     while (stream.source.Get() >= 0)
         stream.Take();
-    const std::string line = stream.text.substr(0, stream.text.find('\n'));
-    int status = 0;
-    if (sscanf(line.c_str(), "status %d", &status) == 1)
-        return status;
+    std::istringstream text(stream.text);
+    std::string line;
+    std::getline(text, line);
     if (line.rfind("error ", 0) == 0)
         throw std::runtime_error(line.substr(strlen("error ")));
-    throw std::runtime_error("the simulated device ended without a word");
+    if (sscanf(line.c_str(), "status %d", &outcome.status) != 1)
+        throw std::runtime_error("the simulated device ended without a word");
+    while (std::getline(text, line) && !line.empty()) {
+        char *path = nullptr;
+        const std::uint64_t size = strtoull(line.c_str(), &path, 10);
+        if (*path == ' ')
+            outcome.files[path + 1] = size;
+    }
+    outcome.script.assign(std::istreambuf_iterator<char>(text), {});
 }
 
 } // namespace
@@ -191,17 +206,20 @@ RunOutcome RunUpdate(const RunSettings &settings, const std::string &chip, const
                      const HeldSignals &signals) {
     SimState::Create(state, settings.sim);
     const DeviceJob job = MakeJob(settings, chip, state);
-    Pipe out, err, report;
+    Pipe out, err;
+    // It may hold more than a pipe does while nobody reads.
+    const ScopedFd report(memfd_create("report", MFD_CLOEXEC));
+    if (report.Get() < 0)
+        Fail("can't make the device's report");
     const pid_t pid = ForkIntoNamespaces();
     if (pid == 0) {
         // Not even a killed simulator leaves its device running.
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        RunDevice(job, out.writer.Get(), err.writer.Get(), report.writer.Get());
+        RunDevice(job, out.writer.Get(), err.writer.Get(), report.Get());
     }
     DeviceProcess device(pid);
     out.writer.Close();
     err.writer.Close();
-    report.writer.Close();
 
     Stream outStream = {std::move(out.reader), settings.passOut, ""};
     Stream errStream = {std::move(err.reader), settings.passErr, ""};
@@ -209,7 +227,7 @@ RunOutcome RunUpdate(const RunSettings &settings, const std::string &chip, const
     outcome.isInterrupted = !Follow(outStream, errStream, signals);
     if (!outcome.isInterrupted) {
         device.Join();
-        outcome.status = ReadReport(report.reader);
+        TakeReport(report, outcome);
     }
     outcome.out = std::move(outStream.text);
     outcome.err = std::move(errStream.text);

@@ -3,6 +3,8 @@
 #include "HeldSignals.h"
 #include "SimState.h"
 
+#include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -24,10 +26,12 @@ struct RunSettings {
 
 /// What came of a run. The counters and the trace are in the state file.
 struct RunOutcome {
-    bool isInterrupted = false; ///< a held signal ended it early
-    int status = 0;             ///< the updater's, as waitpid gives it; 0 when interrupted
-    std::string out;            ///< all output of the updater and of whatever it and the device started
-    std::string err;            ///< the same for the error output
+    bool isInterrupted = false;                 ///< a held signal ended it early
+    int status = 0;                             ///< the updater's, as waitpid gives it; 0 when interrupted
+    std::string out;                            ///< all output of the updater and of whatever it and the device started
+    std::string err;                            ///< the same for the error output
+    std::string script;                         ///< bytes of the update's script, as it stands in the device at the end
+    std::map<std::string, std::uint64_t> files; ///< sizes of the update's files by path below the script's folder
 };
 
 /// Runs the update once in a device of its own. Nothing of the host changes but the chip and the state file.

@@ -2,10 +2,12 @@
 
 #include "ChipFile.h"
 #include "HeldSignals.h"
+#include "Report.h"
 #include "RunSummary.h"
 #include "SimRun.h"
 #include "SimText.h"
 #include "TempFolder.h"
+#include "Verdict.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
@@ -15,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <sys/ioctl.h>
@@ -30,6 +33,7 @@ enum ExitStatus { kClean = 0, kFindings = 1, kWrongUse = 2 };
 
 /// Room that a trace may take: that of a gigabyte written page by page.
 constexpr std::uint64_t kTraceLimit = std::uint64_t{1} << 30;
+constexpr const char *kScriptName = "flashrig.script";
 constexpr size_t kUsualWidth = 80;
 constexpr const char *kUsualChip = "32M,128K,2K,64";
 constexpr const char *kUsualEcc = "host";
@@ -60,6 +64,7 @@ struct Options {
     std::string ecc;
     std::string flash;
     std::string trace;
+    std::string report;
     std::vector<std::string> faults;
     std::uint64_t cut = 0;
     std::string missingSysfs;
@@ -128,6 +133,7 @@ void Describe(CLI::App &app, Options &options) {
     add("--fault", "KIND[:N]=ERRNO", options.faults, "each request of the kind fails, or the N-th alone");
     add("--cut", "N", options.cut, "the power goes in the middle of the N-th page program or block erase");
     add("--trace", "FILE", options.trace, "write a line for each request");
+    add("--report", "FILE.json", options.report, "write the verdict and what it is drawn from, for programs");
     app.add_flag("--raw", options.isRaw, "only the updater's own output and exit status, for scripts")->group(group);
 }
 
@@ -175,8 +181,8 @@ RunSettings Settings(const Options &options, const NandGeometry &geometry) {
     for (const std::string &fault : options.faults)
         settings.sim.faults.push_back(ReadFault(fault));
     settings.sim.cutAtChange = options.cut;
-    // The summary finds its notes in the trace.
-    settings.sim.traceLimit = options.isRaw && options.trace.empty() ? 0 : kTraceLimit;
+    // The verdict finds notes and calls in the trace.
+    settings.sim.traceLimit = options.isRaw && options.trace.empty() && options.report.empty() ? 0 : kTraceLimit;
     settings.passOut = STDOUT_FILENO;
     settings.passErr = STDERR_FILENO;
     settings.program = options.program.empty() ? Companion("flashrig") : options.program;
@@ -191,6 +197,16 @@ void SaveTrace(const SimState &state, const std::string &path) {
         throw std::runtime_error("can't write the trace to " + path);
     if (state.TraceOverflowed())
         fprintf(stderr, "flashsim: the trace in %s is not complete: there was no room for all of it\n", path.c_str());
+}
+
+void SaveReport(const nlohmann::ordered_json &report, const std::string &path) {
+    using Json = nlohmann::ordered_json;
+    constexpr int kIndent = 2;
+    std::ofstream file(path);
+    // A script's bytes may be no text.
+    file << report.dump(kIndent, ' ', false, Json::error_handler_t::replace) << std::endl;
+    if (!file)
+        throw std::runtime_error("can't write the report to " + path);
 }
 
 bool WantsColour() {
@@ -214,12 +230,20 @@ int Rehearse(const Options &options) {
     const SimState state(statePath);
     if (!options.trace.empty())
         SaveTrace(state, options.trace);
+    const Rehearsal rehearsal = {outcome.script, outcome.files, state.Devices(),   outcome.status,
+                                 outcome.out,    outcome.err,   state.TraceText(), state.CutPlace()};
+    const bool isJudged = !outcome.isInterrupted && (!options.isRaw || !options.report.empty());
+    const Verdict verdict = isJudged ? Judge(rehearsal, chip.Chip()) : Verdict();
+    if (isJudged && !options.report.empty())
+        SaveReport(MakeReport(rehearsal, verdict, chip.Chip(), state), options.report);
     if (options.isRaw)
         return RunSummary::ShellStatus(outcome);
     const RunSummary summary(chip.Chip(), state, outcome);
     printf("\n%s", summary.Text(TerminalWidth(), WantsColour()).c_str());
+    if (isJudged)
+        printf("%s", VerdictText(verdict, kScriptName).c_str());
     fflush(stdout);
-    return summary.IsClean() ? kClean : kFindings;
+    return isJudged && verdict.IsClean() ? kClean : kFindings;
 }
 
 } // namespace

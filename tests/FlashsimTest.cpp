@@ -135,7 +135,7 @@ TEST_F(Flashsim, FlashFileKeepsTheChipBetweenRuns) {
     Save("update/flashrig.script", "erase 0 20000\n");
     EXPECT_EQ(Run("--flash " + flash), 0);
     EXPECT_NE(m_out.find("0x00000000  eX......\n"), std::string::npos) << m_out;
-    EXPECT_NE(m_out.find("\nverdict: clean\n"), std::string::npos) << m_out;
+    EXPECT_NE(m_out.find("\nverdict: clean: 1 of 1 line carried out\n"), std::string::npos) << m_out;
     EXPECT_EQ(Load(flash).substr(kBlockTwo, pages.size()), pages);
     EXPECT_EQ(Run("--chip 2M,128K,2K,64 --flash " + flash), 2);
 }
@@ -145,14 +145,14 @@ TEST_F(Flashsim, FindingsAreToldOneALineWithStatusOne) {
         const char *options;
         const char *found;
     } rows[] = {
-        {"--fault MEMWRITE:2=EIO", "found: error : write page return -1\n"},
-        {"--cut 4", "found: the power went during MEMWRITE at 0x20000\n"},
-        {"--mtd 3:all:0,128K", "found: error : "},
+        {"--fault MEMWRITE:2=EIO", "\nflashrig.script:2: error: write 20000 40000 image: write page return -1: "},
+        {"--cut 4", "\nflashrig.script: error: the power goes during MEMWRITE at 0x20000; "},
+        {"--mtd 3:all:0,128K", "\nflashrig.script:2: error: write 20000 40000 image: fail to check bad block at 20000: "},
     };
     for (const auto &row : rows) {
         EXPECT_EQ(Run(row.options), 1) << row.options;
         EXPECT_NE(m_out.find(row.found), std::string::npos) << m_out;
-        EXPECT_NE(m_out.find("\nverdict: NOT clean\n"), std::string::npos) << m_out;
+        EXPECT_NE(m_out.find("\nverdict: NOT clean: "), std::string::npos) << m_out;
     }
 }
 

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "Verdict.h"
+
+#include <vector>
+
+class WholeFlash;
+
+/// What a script's lines tell by themselves, whatever a run on one chip showed: words that don't mean what they seem
+/// to, ranges in each other's way, room for bad blocks, and the ranges of lines that the run didn't reach.
+std::vector<Finding> CheckScript(const std::vector<LineVerdict> &lines, const WholeFlash &flash);
+
+/// @return a finding about a line.
+Finding About(const UpdateLine &line, Severity severity, const char *kind, const std::string &happens,
+              const std::string &change);
+
+/// @return a number as the updater's messages and scripts show it: "0x1f000", "-0x1000".
+std::string Hex(std::int64_t number);
+
+/// @return "1 page", "2 pages".
+std::string Count(std::int64_t number, const std::string &noun);
