@@ -12,11 +12,11 @@
 #include "ChipFile.h"
 #include "MtdDevice.h"
 #include "SimState.h"
+#include "TraceText.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
-#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -24,9 +24,8 @@
 #include <dlfcn.h>
 #include <exception>
 #include <fcntl.h>
-#include <linux/ioctl.h>
 #include <memory>
-#include <mtd/mtd-user.h>
+#include <stdexcept>
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -104,7 +103,14 @@ constexpr int kInheritedDescriptors = 64; ///< shells keep theirs below
 /// The run that this process takes part in.
 struct Simulation {
     Simulation(const char *chipPath, const char *statePath)
-        : chip(chipPath), state(statePath), devices(state.Devices()) {}
+        : chip(chipPath), state(statePath), devices(state.Devices()) {
+        const NandGeometry &geometry = chip.Chip().Geometry();
+        for (const SimDevice &device : devices) {
+            const bool whole = device.offset % geometry.eraseSize == 0 && device.size % geometry.eraseSize == 0;
+            if (!whole || device.offset > geometry.size || device.size > geometry.size - device.offset)
+                throw std::runtime_error(device.name + ": isn't a part of the chip in whole blocks");
+        }
+    }
 
     const SimDevice *FindDevice(int number) const {
         const auto found = std::find_if(devices.begin(), devices.end(),
@@ -142,98 +148,6 @@ Simulation *FindSimulation() {
     return simulation;
 }
 
-// Trace lines.
-
-__attribute__((format(printf, 1, 2))) std::string Format(const char *format, ...) {
-    char line[PATH_MAX];
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(line, sizeof line, format, arguments);
-    va_end(arguments);
-    return line;
-}
-
-constexpr const char *kDecimal = "%" PRId64;
-
-std::string Result(std::int64_t result, const char *format = kDecimal) {
-    if (result < 0)
-        return " = -1 " + ErrnoName(static_cast<int>(-result));
-    char number[32];
-    std::snprintf(number, sizeof number, format, result); // NOLINT(clang-diagnostic-format-nonliteral)
-    return std::string(" = ") + number;
-}
-
-/// A text as a trace shows it: one line, in quotes.
-std::string Quoted(const char *text) {
-    if (text == nullptr)
-        return "null";
-    std::string quoted = "\"";
-    for (; *text != '\0'; ++text) {
-        if (*text == '\n') {
-            quoted += "\\n";
-            continue;
-        }
-        if (*text == '"' || *text == '\\')
-            quoted += '\\';
-        quoted += *text;
-    }
-    return quoted + '"';
-}
-
-std::string FlagNames(int flags) {
-    const struct {
-        int flag;
-        const char *name;
-    } names[] = {{O_CREAT, "O_CREAT"},       {O_EXCL, "O_EXCL"}, {O_TRUNC, "O_TRUNC"},    {O_APPEND, "O_APPEND"},
-                 {O_NONBLOCK, "O_NONBLOCK"}, {O_SYNC, "O_SYNC"}, {O_CLOEXEC, "O_CLOEXEC"}};
-    const char *modes[] = {"O_RDONLY", "O_WRONLY", "O_RDWR", "O_ACCMODE"};
-    std::string text = modes[flags & O_ACCMODE];
-    for (const auto &row : names) {
-        if ((flags & row.flag) == row.flag)
-            text.append("|").append(row.name);
-    }
-    return text;
-}
-
-const char *NullOrSet(std::uint64_t address) { return address == 0 ? "null" : "set"; }
-
-std::string DescribeOob(const char *name, int device, const void *argument) {
-    const auto *request = static_cast<const mtd_oob_buf64 *>(argument);
-    return Format("%s mtd%d start=0x%" PRIx64 " length=%" PRIu32 " oob=%s", name, device, std::uint64_t{request->start},
-                  request->length, NullOrSet(request->usr_ptr));
-}
-
-template <typename Range> std::string DescribeErase(const char *name, int device, const void *argument) {
-    const auto *range = static_cast<const Range *>(argument);
-    return Format("%s mtd%d start=0x%" PRIx64 " length=0x%" PRIx64, name, device, std::uint64_t{range->start},
-                  std::uint64_t{range->length});
-}
-
-/// The requests of the MTD interface that a run counts and a trace explains.
-const struct {
-    unsigned long number;
-    RequestKind kind;
-    std::string (*describe)(const char *name, int device, const void *argument);
-} kRequests[] = {
-    {MEMWRITE, RequestKind::WritePage,
-     [](const char *name, int device, const void *argument) {
-         const auto *request = static_cast<const mtd_write_req *>(argument);
-         return Format("%s mtd%d start=0x%" PRIx64 " len=%" PRIu64 " ooblen=%" PRIu64 " data=%s oob=%s mode=%u", name,
-                       device, std::uint64_t{request->start}, std::uint64_t{request->len},
-                       std::uint64_t{request->ooblen}, NullOrSet(request->usr_data), NullOrSet(request->usr_oob),
-                       static_cast<unsigned>(request->mode));
-     }},
-    {MEMGETBADBLOCK, RequestKind::GetBadBlock,
-     [](const char *name, int device, const void *argument) {
-         const auto offset = static_cast<std::uint64_t>(*static_cast<const loff_t *>(argument));
-         return Format("%s mtd%d offset=0x%" PRIx64, name, device, offset);
-     }},
-    {MEMERASE64, RequestKind::Erase64, DescribeErase<erase_info_user64>},
-    {MEMERASE, RequestKind::Erase, DescribeErase<erase_info_user>},
-    {MEMWRITEOOB64, RequestKind::WriteOob, DescribeOob},
-    {MEMREADOOB64, RequestKind::ReadOob, DescribeOob},
-};
-
 // Devices.
 
 /// A descriptor's device and what it is used with.
@@ -259,39 +173,38 @@ template <typename Number> Number Return(std::int64_t result) {
 
 /// Makes one request: counts it, lets a fault fail it or `carryOut` answer it, traces it as `describe` says.
 template <typename CarryOut, typename Describe>
-std::int64_t Perform(SimState &state, RequestKind kind, const char *format, CarryOut carryOut, Describe describe) {
+std::int64_t Perform(SimState &state, RequestKind kind, Base base, CarryOut carryOut, Describe describe) {
     const bool traces = state.Traces();
     const std::string text = traces ? describe() : std::string();
     const int fault = state.Begin(kind);
     const std::int64_t result = fault != 0 ? -fault : carryOut();
     if (traces)
-        state.Trace(text + Result(result, format));
+        state.Trace(text + ResultText(result, base));
     return result;
 }
 
-/// Makes a descriptor that stands for an open file description.
+/// Makes a descriptor that stands for an open file description; it has the lowest free number, as the real one would.
 /// @param forStdio a stream that writes can be made on it; exec closes it
 /// @return the descriptor or a negative errno value
 int MakePlaceholder(int openFile, bool closeOnExec, bool forStdio) {
     const std::string name = kPlaceholderName + std::to_string(openFile);
-    int fd = memfd_create(name.c_str(), MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    const int fd = memfd_create(name.c_str(), MFD_CLOEXEC | MFD_ALLOW_SEALING);
     if (fd < 0)
         return -errno;
-    nextFcntl(fd, F_ADD_SEALS, F_SEAL_WRITE | F_SEAL_GROW | F_SEAL_SHRINK);
-    if (!forStdio) {
+    int error = fd < kDescriptors ? 0 : EMFILE;
+    if (forStdio) {
+        nextFcntl(fd, F_ADD_SEALS, F_SEAL_WRITE | F_SEAL_GROW | F_SEAL_SHRINK);
+    } else if (error == 0) {
         // A path descriptor refuses reads too.
-        const std::string self = "/proc/self/fd/" + std::to_string(fd);
-        const int path = nextOpen(self.c_str(), O_PATH | (closeOnExec ? O_CLOEXEC : 0));
-        const int error = errno;
-        nextClose(fd);
-        if (path < 0)
-            return -error;
-        fd = path;
+        const int path = nextOpen(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_PATH);
+        if (path < 0 || nextDup3(path, fd, closeOnExec ? O_CLOEXEC : 0) < 0)
+            error = errno;
+        nextClose(path);
     }
-    if (fd < kDescriptors)
+    if (error == 0)
         return fd;
     nextClose(fd);
-    return -EMFILE;
+    return -error;
 }
 
 /// @return the table's device that a path names, or nullptr.
@@ -319,8 +232,9 @@ int OpenDevice(const SimDevice &device, int flags, bool forStdio) {
             openFileOf[fd] = openFile + 1;
         return fd;
     };
-    return Return<int>(Perform(state, RequestKind::Open, kDecimal, open,
-                               [&] { return Format("open mtd%d flags=%s", device.number, FlagNames(flags).c_str()); }));
+    return Return<int>(Perform(state, RequestKind::Open, Base::Decimal, open, [&] {
+        return FormatText("open mtd%d flags=%s", device.number, OpenFlagsText(flags).c_str());
+    }));
 }
 
 /// Forgets a descriptor that is about to be closed. @return what closing gives the program, should it fail
@@ -328,8 +242,8 @@ std::int64_t CloseDevice(int fd) {
     const Handle handle(fd);
     openFileOf[fd] = 0;
     return Perform(
-        handle.simulation.state, RequestKind::Close, kDecimal, [] { return 0; },
-        [&] { return Format("close mtd%d", handle.part.number); });
+        handle.simulation.state, RequestKind::Close, Base::Decimal, [] { return 0; },
+        [&] { return FormatText("close mtd%d", handle.part.number); });
 }
 
 bool IsDeviceTable(const char *path) {
@@ -379,10 +293,11 @@ ssize_t Transfer(int fd, RequestKind kind, const char *name, size_t length, cons
     OpenFile &file = offset != nullptr ? own : handle.file;
     const auto transfer = [&] { return file.position < 0 ? -EINVAL : move(handle.device, file); };
     const auto describe = [&] {
-        const std::string place = offset != nullptr ? Format(" offset=%#" PRIx64, *offset) : "";
-        return Format("%s mtd%d%s length=%zu", name, handle.part.number, place.c_str(), length);
+        const std::string place =
+            offset != nullptr ? FormatText(" offset=0x%" PRIx64, static_cast<std::uint64_t>(*offset)) : "";
+        return FormatText("%s mtd%d%s length=%zu", name, handle.part.number, place.c_str(), length);
     };
-    return Return<ssize_t>(Perform(handle.simulation.state, kind, kDecimal, transfer, describe));
+    return Return<ssize_t>(Perform(handle.simulation.state, kind, Base::Decimal, transfer, describe));
 }
 
 ssize_t ReadDevice(int fd, void *data, size_t length, const off64_t *offset) {
@@ -417,29 +332,27 @@ off64_t SeekDevice(int fd, off64_t offset, int whence) {
         const char *sign = offset < 0 ? "-" : "";
         const std::uint64_t distance =
             offset < 0 ? 0 - static_cast<std::uint64_t>(offset) : static_cast<std::uint64_t>(offset);
-        return Format("lseek mtd%d offset=%s0x%" PRIx64 "%s", handle.part.number, sign, distance, from);
+        return FormatText("lseek mtd%d offset=%s0x%" PRIx64 "%s", handle.part.number, sign, distance, from);
     };
-    return Return<off64_t>(Perform(handle.simulation.state, RequestKind::Lseek, "0x%" PRIx64, seek, describe));
+    return Return<off64_t>(Perform(handle.simulation.state, RequestKind::Lseek, Base::Hex, seek, describe));
 }
 
 int ControlDevice(int fd, unsigned long number, void *argument) {
     Handle handle(fd);
     SimState &state = handle.simulation.state;
-    const auto *row = std::find_if(std::begin(kRequests), std::end(kRequests),
-                                   [number](const auto &known) { return known.number == number; });
-    if (row == std::end(kRequests)) {
-        const int result = handle.device.Request(handle.file, number, argument);
+    const MtdRequest *request = FindMtdRequest(number);
+    const auto ask = [&] { return handle.device.Request(handle.file, number, argument); };
+    if (request == nullptr) {
+        const int result = ask();
         if (state.Traces())
-            state.Trace(Format("ioctl mtd%d request=0x%lx", handle.part.number, number) + Result(result));
+            state.Trace(FormatText("ioctl mtd%d request=0x%lx", handle.part.number, number) + ResultText(result));
         return Return<int>(result);
     }
-    return Return<int>(Perform(
-        state, row->kind, kDecimal, [&] { return handle.device.Request(handle.file, number, argument); },
-        [&] {
-            const char *name = RequestName(row->kind);
-            return argument == nullptr ? Format("%s mtd%d argument=null", name, handle.part.number)
-                                       : row->describe(name, handle.part.number, argument);
-        }));
+    return Return<int>(Perform(state, request->kind, Base::Decimal, ask, [&] {
+        return argument != nullptr
+                   ? request->describe(handle.part.number, argument)
+                   : FormatText("%s mtd%d argument=null", RequestName(request->kind), handle.part.number);
+    }));
 }
 
 /// Notes that `copy` is a descriptor of what `fd` stands for; `copy` may be a failure.
@@ -499,7 +412,7 @@ SimState *ProgramTrace() {
 template <typename Describe> int Traced(int result, Describe describe) {
     const int error = errno;
     if (SimState *state = ProgramTrace())
-        state->Trace(describe() + Result(result < 0 ? -error : result));
+        state->Trace(describe() + ResultText(result < 0 ? -error : result));
     errno = error;
     return result;
 }
@@ -512,12 +425,12 @@ template <typename Describe> void TraceAhead(Describe describe) {
 
 template <typename Call> int Sync(int fd, Call call) {
     if (!IsSimulated(fd))
-        return Traced(call(fd), [fd] { return Format("fsync fd=%d", fd); });
+        return Traced(call(fd), [fd] { return FormatText("fsync fd=%d", fd); });
     const Handle handle(fd);
     // The driver has nothing to sync and the kernel says so.
     return Return<int>(Perform(
-        handle.simulation.state, RequestKind::Fsync, kDecimal, [] { return -EINVAL; },
-        [&] { return Format("fsync mtd%d", handle.part.number); }));
+        handle.simulation.state, RequestKind::Fsync, Base::Decimal, [] { return -EINVAL; },
+        [&] { return FormatText("fsync mtd%d", handle.part.number); }));
 }
 
 mode_t ModeArgument(int flags, va_list arguments) {
@@ -666,45 +579,47 @@ INTERPOSED void sync() noexcept {
 }
 
 INTERPOSED int umount(const char *path) noexcept {
-    return Traced(nextUmount(path), [path] { return "umount " + Quoted(path); });
+    return Traced(nextUmount(path), [path] { return "umount " + QuotedText(path); });
 }
 
 INTERPOSED int umount2(const char *path, int flags) noexcept {
-    return Traced(nextUmount2(path, flags), [=] { return "umount2 " + Quoted(path) + Format(" flags=0x%x", flags); });
+    return Traced(nextUmount2(path, flags),
+                  [=] { return "umount2 " + QuotedText(path) + FormatText(" flags=0x%x", flags); });
 }
 
 INTERPOSED int kill(pid_t process, int signal) noexcept {
-    return Traced(nextKill(process, signal), [=] { return Format("kill pid=%d signal=%d", process, signal); });
+    return Traced(nextKill(process, signal), [=] { return FormatText("kill pid=%d signal=%d", process, signal); });
 }
 
 INTERPOSED int system(const char *command) {
-    TraceAhead([command] { return "system " + Quoted(command); });
+    TraceAhead([command] { return "system " + QuotedText(command); });
     const int status = nextSystem(command);
     const int error = errno;
-    TraceAhead([status] { return Format("returned from system: %d", status); });
+    TraceAhead([status] { return "returned from system: " + std::to_string(status); });
     errno = error;
     return status;
 }
 
 INTERPOSED FILE *popen(const char *command, const char *mode) {
-    TraceAhead([command] { return "popen " + Quoted(command); });
+    TraceAhead([command] { return "popen " + QuotedText(command); });
     return nextPopen(command, mode);
 }
 
 INTERPOSED int execv(const char *path, char *const arguments[]) noexcept {
-    TraceAhead([path] { return "execv " + Quoted(path); });
+    TraceAhead([path] { return "execv " + QuotedText(path); });
     return nextExecv(path, arguments);
 }
 
 INTERPOSED int chroot(const char *path) noexcept {
-    return Traced(nextChroot(path), [path] { return "chroot " + Quoted(path); });
+    return Traced(nextChroot(path), [path] { return "chroot " + QuotedText(path); });
 }
 
 INTERPOSED int setuid(uid_t user) noexcept {
-    return Traced(nextSetuid(user), [user] { return Format("setuid %u", user); });
+    return Traced(nextSetuid(user), [user] { return FormatText("setuid %u", user); });
 }
 
-// What programs built with _FORTIFY_SOURCE call instead. Their checks are libc's and were made for a real descriptor.
+// What programs built with _FORTIFY_SOURCE call instead.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 
 INTERPOSED int __open_2(const char *path, int flags) { return open(path, flags); }
 INTERPOSED int __open64_2(const char *path, int flags) { return open64(path, flags); }
@@ -722,3 +637,5 @@ INTERPOSED ssize_t __pread_chk(int fd, void *data, size_t length, off_t offset, 
 INTERPOSED ssize_t __pread64_chk(int fd, void *data, size_t length, off64_t offset, size_t room) {
     return length > room ? (std::abort(), -1) : pread64(fd, data, length, offset);
 }
+
+// NOLINTEND(bugprone-reserved-identifier)

@@ -1,6 +1,7 @@
 #include "Report.h"
 
 #include <algorithm>
+#include <cctype>
 #include <nlohmann/json.hpp>
 #include <sys/wait.h>
 
@@ -69,6 +70,14 @@ ordered_json DescribeFinding(const Finding &finding) {
     return described;
 }
 
+/// A script's line for a terminal, which takes no orders from it.
+std::string Shown(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(),
+        [](char character) { return std::iscntrl(static_cast<unsigned char>(character)) != 0; }, ' ');
+    return text;
+}
+
 std::string Counted(std::ptrdiff_t number, const char *noun) {
     return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
 }
@@ -116,9 +125,10 @@ std::string VerdictText(const Verdict &verdict, const std::string &scriptName) {
     std::ptrdiff_t counts[3] = {};
     for (const Finding &finding : verdict.findings) {
         ++counts[static_cast<std::size_t>(finding.severity)];
+        const std::string about = finding.text.empty() ? "" : finding.text + ": ";
         text += scriptName + (finding.line == 0 ? "" : ":" + std::to_string(finding.line)) + ": " +
-                SeverityName(finding.severity) + ": " + (finding.text.empty() ? "" : finding.text + ": ") +
-                finding.happens + "; " + finding.change + " [" + finding.kind + "]\n";
+                SeverityName(finding.severity) + ": " +
+                Shown(about + finding.happens + "; " + finding.change + " [" + finding.kind + "]") + "\n";
     }
     const auto ran = std::count_if(verdict.lines.begin(), verdict.lines.end(),
                                    [](const LineVerdict &line) { return line.result == LineResult::Clean; });

@@ -16,8 +16,9 @@ constexpr const char *kWarning = "warning : ";
 constexpr const char *kEraseEnd = "erase complete";
 constexpr const char *kWriteEnd = "write file complete";
 constexpr const char *kPreparesUbi = "prepare ubi ...";
-constexpr const char *kPrepareStatus = "execute /bin/sh status ";
-constexpr const char *kFormatStatus = "execute /tmp/update/ubiformat status ";
+/// The programs of a ubiformat line, and what is said when each has ended.
+constexpr const char *kFormatPrograms[][2] = {{"/tmp/update/prepare.sh", "execute /bin/sh status "},
+                                              {"/tmp/update/ubiformat", "execute /tmp/update/ubiformat status "}};
 
 bool BeginsWith(const std::string &text, const std::string &start) { return text.compare(0, start.size(), start) == 0; }
 
@@ -224,11 +225,11 @@ private:
         });
         const std::size_t next = index + 1 < m_lines.size() ? FindMarker(index + 1, m_err.next) : kNowhere;
         const std::size_t prepares = m_out.FindStart(m_out.next, kPreparesUbi);
-        for (const char *status : {kPrepareStatus, kFormatStatus}) {
+        for (const auto &[program, status] : kFormatPrograms) {
             const std::size_t at = prepares == kNowhere ? kNowhere : m_out.FindStart(prepares, status);
             if (at == kNowhere)
                 continue;
-            story.exits.push_back(std::atoi(m_out.lines[at].c_str() + std::string(status).size()));
+            story.exits.emplace_back(program, std::atoi(m_out.lines[at].c_str() + std::string(status).size()));
             m_out.next = at + 1;
         }
         if (next == kNowhere && (complaint != kNowhere || story.exits.size() < 2)) {

@@ -3,6 +3,7 @@
 #include "UpdateLines.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 /// What became of a script line.
@@ -18,7 +19,7 @@ struct LineStory {
     std::string complaint;           ///< what the updater said of a skipped or failed line; empty when it said nothing
     std::vector<std::string> others; ///< further messages that begin with "warning : "
     bool readsToTheEnd = false;      ///< an image file was read to its end
-    std::vector<int> exits;          ///< of ubiformat: wait statuses of the prepare script and of the format program
+    std::vector<std::pair<std::string, int>> exits; ///< of ubiformat: the programs that it ran and their wait statuses
 };
 
 /// What the updater's own messages tell of a run, line by line. Other programs' output in between is passed over.

@@ -126,7 +126,7 @@ std::vector<Finding> CheckScript(const std::vector<LineVerdict> &lines, const Wh
     std::vector<Finding> findings;
     for (const LineVerdict &verdict : lines) {
         CheckWords(verdict.line, findings);
-        if (verdict.line.hasRange && verdict.result == LineResult::NeverRan)
+        if (verdict.line.hasRange && !verdict.line.IsTurnedLong() && verdict.result == LineResult::NeverRan)
             CheckUnreachedRange(verdict.line, flash, findings);
         CheckRoom(verdict, findings);
     }

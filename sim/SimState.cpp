@@ -59,6 +59,12 @@ int ParseErrno(const std::string &text) {
     return 0;
 }
 
+/// Ends the process with nothing tidied up, as a device without power does.
+[[noreturn]] void EndHere() {
+    std::raise(SIGKILL);
+    std::abort(); // the first process of a namespace survives that signal
+}
+
 } // namespace
 
 /// What the file holds; the trace follows it.
@@ -163,7 +169,7 @@ std::string SimState::DeviceTable(std::uint32_t eraseSize) const {
 
 int SimState::Begin(RequestKind kind) {
     if (PowerWasCut())
-        std::raise(SIGKILL);
+        EndHere();
     m_current = kind;
     const std::uint64_t number = ++m_shared->requests[static_cast<std::size_t>(kind)];
     for (std::size_t i = 0; i < m_shared->faultCount; ++i) {
@@ -197,7 +203,7 @@ void SimState::Trace(const std::string &line) {
     if (start > m_shared->traceLimit || length > m_shared->traceLimit - start)
         return;
     char *text = m_shared->TraceText() + start;
-    std::memcpy(text, line.data(), line.size());
+    line.copy(text, line.size());
     text[line.size()] = '\n';
 }
 
@@ -241,6 +247,5 @@ void SimState::PowerOff(std::uint64_t offset) {
     m_shared->powerIsOff = 1;
     if (Traces())
         Trace("power cut during " + CutPlace());
-    std::raise(SIGKILL);
-    std::abort();
+    EndHere();
 }

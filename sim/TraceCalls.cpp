@@ -1,6 +1,7 @@
 #include "TraceCalls.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 
 namespace {
@@ -28,7 +29,7 @@ TraceCalls::TraceCalls(const std::string &trace) {
     std::vector<std::size_t> running; // a copy that takes over makes calls within the call that runs it
     for (std::string line; std::getline(lines, line);) {
         const auto rest = [&line](const char *start) -> const char * {
-            const std::size_t length = std::string(start).size();
+            const std::size_t length = std::strlen(start);
             return line.compare(0, length, start) == 0 ? line.c_str() + length : nullptr;
         };
         if (const char *command = rest(kShellCall)) {

@@ -17,15 +17,15 @@ constexpr std::size_t kVisibleBytes = 0x100000;
 /// The commands and the places of their tokens; 0 is no such token. A row with more tokens comes before its short form.
 struct CommandRow {
     const char *name;
-    LineKind kind;
     std::size_t tokens;
-    bool hasRange;
     std::size_t imageToken;
+    LineKind kind;
+    bool hasRange;
 };
 constexpr CommandRow kCommands[] = {
-    {"write", LineKind::Write, 4, true, 3},     {"writeoob", LineKind::WriteOob, 4, true, 3},
-    {"erase", LineKind::Erase, 3, true, 0},     {"setenv", LineKind::SetEnv, 5, true, 0},
-    {"setenv", LineKind::HandEnv, 3, false, 0}, {"ubiformat", LineKind::Ubiformat, 3, false, 2},
+    {"write", 4, 3, LineKind::Write, true},     {"writeoob", 4, 3, LineKind::WriteOob, true},
+    {"erase", 3, 0, LineKind::Erase, true},     {"setenv", 5, 0, LineKind::SetEnv, true},
+    {"setenv", 3, 0, LineKind::HandEnv, false}, {"ubiformat", 3, 2, LineKind::Ubiformat, false},
 };
 
 const CommandRow *FindCommand(const std::vector<std::string> &tokens) {

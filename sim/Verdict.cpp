@@ -229,7 +229,7 @@ private:
             JudgeCleanLine(verdict, story);
             break;
         case LineResult::NeverRan:
-            if (m_story.hasStarted && m_story.refusal.empty())
+            if (m_story.hasStarted)
                 JudgeUnreached(line);
             break;
         }
@@ -263,12 +263,10 @@ private:
 
     void JudgeCleanLine(const LineVerdict &verdict, const LineStory &story) {
         const UpdateLine &line = verdict.line;
-        const char *const programs[] = {"/tmp/update/prepare.sh", "/tmp/update/ubiformat"};
-        for (std::size_t i = 0; i < story.exits.size(); ++i) {
-            if (story.exits[i] != 0)
+        for (const auto &[program, status] : story.exits) {
+            if (status != 0)
                 Add(line, "format-failed",
-                    std::string(programs[i]) + " ends with " + Ending(story.exits[i]) +
-                        ", and the device goes on as if it had done its work",
+                    program + " ends with " + Ending(status) + ", and the device goes on as if it had done its work",
                     "mend the program; exit status 255 is one that can't be started");
         }
         const std::optional<FlashRange> range = m_flash.RangeOf(line);
@@ -371,6 +369,11 @@ private:
         }
     }
 
+    bool HasBadBlocks(const UpdateLine &line) const {
+        const std::optional<FlashRange> range = m_flash.RangeOf(line);
+        return range && !m_flash.BadBlocks(*range).empty();
+    }
+
     static bool ChangedVariable(const LineVerdict &verdict) {
         return verdict.line.kind == LineKind::SetEnv && verdict.result == LineResult::Clean;
     }
@@ -451,8 +454,7 @@ private:
                     count + " of the block had no valid ECC: bits were turned as it was read, and are written back so",
                     "lay the block down with writeoob and an image that carries ECC; a raw write leaves none");
             else
-                AddForRun("unsound-read",
-                          count + " read normally without valid ECC, first at " + Hex(*pages.begin()),
+                AddForRun("unsound-read", count + " read normally without valid ECC, first at " + Hex(*pages.begin()),
                           "read raw what was written raw, or write it with its ECC", Severity::Warning);
         }
         for (const auto &[line, pages] : unerased)
@@ -560,7 +562,8 @@ private:
             const bool endsInBlock = ImageSize(verdict.line).value_or(0) % m_flash.EraseSize() != 0;
             if (verdict.line.kind == LineKind::WriteOob || (verdict.line.kind == LineKind::Write && !endsInBlock))
                 more.push_back(verdict.line.number);
-            else if (verdict.line.kind == LineKind::Ubiformat || verdict.line.kind == LineKind::SetEnv)
+            else if (verdict.line.kind == LineKind::Ubiformat ||
+                     (verdict.line.kind == LineKind::SetEnv && HasBadBlocks(verdict.line)))
                 fewer.push_back(verdict.line.number);
         }
         std::string why;

@@ -42,13 +42,13 @@ TEST(Write, AsksForOneRawPageARequest) {
     const Outcome outcome = device.Run("write 4000 4000 small\n");
     EXPECT_EQ(outcome.Only({"open", "close", "MEMGETBADBLOCK", "MEMERASE64", "MEMWRITE", "sync"}),
               (Texts{
-                  "open mtd12 flags=O_RDWR = 4",
+                  "open mtd12 flags=O_RDWR = 3",
                   "close mtd12 = 0",
-                  "open mtd12 flags=O_RDWR = 4",
+                  "open mtd12 flags=O_RDWR = 3",
                   "MEMGETBADBLOCK mtd12 offset=0x4000 = 0",
                   "MEMERASE64 mtd12 start=0x4000 length=0x4000 = 0",
                   "close mtd12 = 0",
-                  "open mtd12 flags=O_RDWR = 4",
+                  "open mtd12 flags=O_RDWR = 3",
                   "MEMGETBADBLOCK mtd12 offset=0x4000 = 0",
                   "MEMWRITE mtd12 start=0x4000 len=512 ooblen=0 data=set oob=null mode=2 = 0",
                   "MEMWRITE mtd12 start=0x4200 len=512 ooblen=0 data=set oob=null mode=2 = 0",

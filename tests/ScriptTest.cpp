@@ -120,7 +120,7 @@ TEST(Script, TakesTheFirstDeviceWhoseLineHoldsAll) {
             device.Options({"--mtd", entry});
         const Outcome outcome = device.Run("erase 0 4000\n");
         ASSERT_FALSE(outcome.trace.empty());
-        EXPECT_EQ(outcome.Only({"open"}).front(), std::string("open ") + row.device + " flags=O_RDWR = 4");
+        EXPECT_EQ(outcome.Only({"open"}).front(), std::string("open ") + row.device + " flags=O_RDWR = 3");
         EXPECT_EQ(outcome.Count("MEMERASE64"), 1U);
     }
 }
