@@ -122,7 +122,7 @@ void SimState::Create(const std::string &path, const SimSettings &settings) {
         if (device.name.size() > kMaxName)
             throw std::runtime_error("a device name of more than " + std::to_string(kMaxName) + " characters");
     }
-    const SharedFile file = SharedFile::Create(path, sizeof(Shared) + settings.traceLimit, SharedFile::Room::AsWritten);
+    const SharedFile file = SharedFile::Create(path, sizeof(Shared) + settings.traceLimit);
     auto *shared = reinterpret_cast<Shared *>(file.Data());
     shared->cutAtChange = settings.cutAtChange;
     shared->traceLimit = settings.traceLimit;
