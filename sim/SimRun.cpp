@@ -32,9 +32,6 @@ constexpr const char *kStatePlace = "/.flashsim/state";
 /// Beside the cells, as ChipFile keeps it.
 constexpr const char *kChipStates = ".chip";
 
-/// Where a device's prepare script unpacks an image.
-constexpr const char *kUnpackedUpdate = "/tmp/update";
-
 /// The caller's variables that reach the device's programs.
 constexpr const char *kPassedOn[] = {"TERM", "LSAN_OPTIONS", "UBSAN_OPTIONS"};
 
@@ -55,8 +52,6 @@ struct Pipe {
 std::string UpdaterPlace(const RunSettings &settings) {
     return "/bin/" + std::filesystem::path(settings.program).filename().string();
 }
-
-bool IsImage(const RunSettings &settings) { return !std::filesystem::is_directory(settings.update); }
 
 /// The nodes and sysfs files by which programs find the MTD devices.
 void AddMtdFiles(const RunSettings &settings, const NandGeometry &geometry, DeviceLayout &layout) {
@@ -260,6 +255,8 @@ bool UpdateDevice::Follow(RunOutcome &outcome, const HeldSignals &signals, int m
         }
     }
 }
+
+bool IsImage(const RunSettings &settings) { return !std::filesystem::is_directory(settings.update); }
 
 std::vector<std::string> UpdaterCommand(const RunSettings &settings) {
     std::vector<std::string> command = {UpdaterPlace(settings), settings.place};

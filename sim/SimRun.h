@@ -73,6 +73,12 @@ private:
     pid_t m_nPid = -1;
 };
 
+/// Where a device's prepare script unpacks an image.
+constexpr const char *kUnpackedUpdate = "/tmp/update";
+
+/// @return whether the update is an image, which a device unpacks, and no folder.
+bool IsImage(const RunSettings &settings);
+
 /// @return the updater's path in the device and its arguments.
 std::vector<std::string> UpdaterCommand(const RunSettings &settings);
 
