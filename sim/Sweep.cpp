@@ -296,6 +296,12 @@ Sweeper::Sweeper(const RunSettings &settings, const std::string &start, const He
 
 Sweeper::~Sweeper() = default;
 
+std::size_t Sweeper::Places(SweepKind kind) const {
+    SweepSettings all;
+    all.kind = kind;
+    return m_base->yardstick ? MakePlan(*m_base->yardstick, all).places : 0;
+}
+
 SweepResult Sweeper::Run(const SweepSettings &settings,
                          const std::function<void(const SweepResult &result)> &progress) const {
     SweepResult result;

@@ -79,6 +79,9 @@ public:
     Sweeper(const RunSettings &settings, const std::string &start, const HeldSignals &signals);
     ~Sweeper();
 
+    /// @return how many blocks, changes or requests a sweep of all of them goes by; 0 when interrupted.
+    std::size_t Places(SweepKind kind) const;
+
     /// @param progress gets the result so far whenever it has changed
     SweepResult Run(const SweepSettings &settings,
                     const std::function<void(const SweepResult &result)> &progress) const;

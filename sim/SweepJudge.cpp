@@ -11,20 +11,40 @@ namespace {
 
 constexpr const char *kErrorMark = "error : ";
 constexpr std::size_t kMostNames = 12;
+constexpr std::size_t kMostOfName = 32;
 
-/// The variables that a block no longer holds as it should.
-std::string LostVariables(const std::vector<char> &wanted, const std::vector<char> &found) {
+bool Holds(const UEnvTool &environment, const std::string &entry) {
+    const auto &entries = environment.m_vEntry;
+    return std::find(entries.begin(), entries.end(), entry) != entries.end();
+}
+
+/// @return an entry's name, as far as people can read it.
+std::string NameOf(const std::string &entry) {
+    std::string name = entry.substr(0, std::min(entry.find('='), kMostOfName));
+    std::replace_if(
+        name.begin(), name.end(), [](char character) { return character <= ' ' || character > '~'; }, '?');
+    return name;
+}
+
+/// What became of an environment whose bytes aren't as they should be.
+std::string EnvironmentLoss(const std::vector<char> &wanted, const std::vector<char> &found) {
     const UEnvTool whole(wanted.data(), static_cast<int>(wanted.size()));
     const UEnvTool rest(found.data(), static_cast<int>(found.size()));
     std::string names;
-    std::size_t count = 0;
+    std::size_t lost = 0;
     for (const std::string &entry : whole.m_vEntry) {
-        if (std::find(rest.m_vEntry.begin(), rest.m_vEntry.end(), entry) != rest.m_vEntry.end())
-            continue;
-        if (++count <= kMostNames)
-            names += (names.empty() ? "" : ", ") + entry.substr(0, entry.find('='));
+        if (!Holds(rest, entry) && ++lost <= kMostNames)
+            names += (names.empty() ? "" : ", ") + NameOf(entry);
     }
-    return count > kMostNames ? names + " and " + std::to_string(count - kMostNames) + " more" : names;
+    std::string loss = lost == 0 ? "brings back all variables" : "doesn't bring back " + names;
+    if (lost > kMostNames)
+        loss += " and " + std::to_string(lost - kMostNames) + " more";
+    std::size_t strange = 0;
+    for (const std::string &entry : rest.m_vEntry)
+        strange += Holds(whole, entry) ? 0 : entry.size();
+    if (strange > 0)
+        loss += ", and leaves " + Count(static_cast<std::int64_t>(strange), "byte") + " that are no such variable";
+    return loss;
 }
 
 std::string Trouble(const LineStory &story) {
@@ -205,12 +225,9 @@ std::string SweepJudge::LossIn(const NandChip &chip, std::uint32_t block) const 
         const std::optional<FlashRange> range = m_yardstick.DoneRange(i);
         if (m_yardstick.lines[i].kind != LineKind::SetEnv || !range || !range->Holds(offset))
             continue;
-        const std::string names = LostVariables(m_flash.Read(*range), flash.Read(*range));
-        std::string loss =
-            "power that goes while the environment at " + Hex(range->begin) + " is rewritten takes it away; ";
-        loss += names.empty() ? "the second run brings back all variables, and other bytes"
-                              : "the second run starts from what is left and doesn't bring back " + names;
-        return loss;
+        return "power that goes while the environment at " + Hex(range->begin) +
+               " is rewritten takes it away; the second run starts from what is left: it " +
+               EnvironmentLoss(m_flash.Read(*range), flash.Read(*range));
     }
     const std::size_t line = LineOf(block);
     return (line == 0 ? "flash outside all ranges" : "the range of line " + std::to_string(line)) +

@@ -54,9 +54,10 @@ std::vector<Trouble> GatherTroubles(const std::vector<SweepFailure> &failures) {
     return troubles;
 }
 
-/// A file's name with nothing in it that a shell could take otherwise.
+/// The file in which a command keeps its chip.
 std::string KeptChip(const SweepFailure &failure) {
-    return (failure.what.cutAtChange != 0 ? "cut" : "run") + std::to_string(failure.number) + ".nand";
+    const std::uint64_t change = failure.what.cutAtChange;
+    return (change != 0 ? "cut" + std::to_string(change) : "run" + std::to_string(failure.number)) + ".nand";
 }
 
 } // namespace
