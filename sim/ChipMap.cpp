@@ -1,5 +1,6 @@
 #include "ChipMap.h"
 
+#include "MarkLooks.h"
 #include "SimText.h"
 
 #include <algorithm>
@@ -8,64 +9,77 @@
 
 namespace {
 
-/// What a cell looks like, the one that matters least first.
-constexpr struct {
-    BlockMark mark;
-    char letter;
-    const char *colour;
-    const char *words;
-} kLooks[] = {{BlockMark::Untouched, '.', "2", "untouched"},
-              {BlockMark::Erased, 'e', "36", "erased"},
-              {BlockMark::Written, '#', "32", "written"},
-              {BlockMark::Bad, 'X', "1;31", "bad"},
-              {BlockMark::WrittenWithoutErase, '!', "1;35", "written without erase"}};
-
 constexpr size_t kAddressWidth = 12;
 constexpr size_t kFewestCells = 16;
 constexpr size_t kMostCells = 128;
-constexpr size_t kCellsOfAScaleMark = 16;
+/// Cells between two marks of the scale; a gap follows them.
+constexpr size_t kSection = 16;
 /// More rows than this are too many to see at once: cells then hold groups of blocks.
 constexpr size_t kMostRows = 16;
 
-size_t Rank(BlockMark mark) {
-    size_t rank = 0;
-    while (kLooks[rank].mark != mark)
-        ++rank;
-    return rank;
-}
+using Cell = std::vector<size_t>::const_iterator;
 
-std::string Hex(std::uint64_t number) {
-    char text[24];
-    snprintf(text, sizeof(text), "0x%08llx", static_cast<unsigned long long>(number));
+size_t RowWidth(size_t cells) { return kAddressWidth + cells + (cells - 1) / kSection; }
+
+std::string Hex(const char *format, std::uint64_t number) {
+    char text[32];
+    snprintf(text, sizeof(text), format, static_cast<unsigned long long>(number));
     return text;
 }
 
-/// Cells of one row, each run of equal ones coloured as one.
-std::string Paint(const std::vector<size_t> &ranks, bool inColour) {
+/// Cells of one section, each run of equal ones coloured as one.
+std::string Paint(Cell cell, Cell end, bool inColour) {
     std::string text;
-    for (size_t cell = 0; cell < ranks.size(); ++cell) {
-        const bool begins = cell == 0 || ranks[cell] != ranks[cell - 1];
-        const bool ends = cell + 1 == ranks.size() || ranks[cell] != ranks[cell + 1];
-        const auto &look = kLooks[ranks[cell]];
-        if (inColour && begins)
-            text += std::string("\033[") + look.colour + "m";
-        text += look.letter;
-        if (inColour && ends)
-            text += "\033[0m";
+    while (cell != end) {
+        const MarkLook &look = kMarkLooks[*cell];
+        const Cell next = std::find_if(cell, end, [&](size_t rank) { return rank != *cell; });
+        const std::string run(static_cast<size_t>(next - cell), look.letter);
+        text += inColour ? std::string("\033[") + look.terminal + "m" + run + "\033[0m" : run;
+        cell = next;
     }
     return text;
 }
 
-/// The distance from a row's start at every few cells.
+std::string PaintRow(Cell cell, Cell end, bool inColour) {
+    std::string text;
+    while (cell != end) {
+        const Cell next = cell + std::min<std::ptrdiff_t>(kSection, end - cell);
+        text += Paint(cell, next, inColour) + (next == end ? "\n" : " ");
+        cell = next;
+    }
+    return text;
+}
+
+/// The distance from a row's start at every section.
 std::string Scale(size_t cells, std::uint64_t bytesOfACell) {
     std::string text(kAddressWidth, ' ');
-    for (size_t cell = 0; cell < cells; cell += kCellsOfAScaleMark) {
-        char mark[32];
-        snprintf(mark, sizeof(mark), "+%-*llx", static_cast<int>(kCellsOfAScaleMark - 1),
-                 static_cast<unsigned long long>(cell * bytesOfACell));
-        text += mark;
+    for (size_t cell = 0; cell < cells; cell += kSection) {
+        text.resize(RowWidth(cell + 1) - 1, ' ');
+        text += cell == 0 ? "+0" : Hex("+0x%llx", cell * bytesOfACell);
     }
-    return text.substr(0, text.find_last_not_of(' ') + 1) + "\n";
+    return text + "\n";
+}
+
+/// A part of a text, and its columns without colours.
+struct Part {
+    std::string text;
+    size_t columns;
+};
+
+Part Plain(const std::string &text) { return {text, text.size()}; }
+
+/// Puts as many parts into a line as it holds.
+std::string Fill(const std::vector<Part> &parts, size_t width) {
+    std::string text;
+    size_t column = 0;
+    for (const Part &part : parts) {
+        const bool fits = column + 2 + part.columns <= width;
+        if (column > 0)
+            text += fits ? "  " : "\n";
+        column = part.columns + (column > 0 && fits ? column + 2 : 0);
+        text += part.text;
+    }
+    return text + "\n";
 }
 
 } // namespace
@@ -75,32 +89,35 @@ ChipMap::ChipMap(std::vector<BlockMark> marks, std::uint32_t eraseSize)
 
 std::string ChipMap::Text(size_t width, bool inColour) const {
     // Powers of two keep the addresses of rows and cells round.
-    size_t cells = kFewestCells;
-    while (cells < kMostCells && cells * 2 + kAddressWidth <= width && cells < m_marks.size())
-        cells *= 2;
+    size_t columns = kFewestCells;
+    while (columns < kMostCells && RowWidth(columns * 2) <= width && columns < m_marks.size())
+        columns *= 2;
     size_t group = 1;
-    while ((m_marks.size() + group * cells - 1) / (group * cells) > kMostRows)
+    while ((m_marks.size() + group * columns - 1) / (group * columns) > kMostRows)
         group *= 2;
 
-    std::string text = Scale(cells, std::uint64_t{m_nEraseSize} * group);
-    size_t counts[std::size(kLooks)] = {};
-    for (size_t block = 0; block < m_marks.size();) {
-        text += Hex(std::uint64_t{m_nEraseSize} * block) + "  ";
-        std::vector<size_t> row;
-        for (size_t end = std::min(block + group * cells, m_marks.size()); block < end; ++block) {
-            const size_t rank = Rank(m_marks[block]);
-            ++counts[rank];
-            if (block % group == 0)
-                row.push_back(rank);
-            row.back() = std::max(row.back(), rank);
-        }
-        text += Paint(row, inColour) + "\n";
+    const std::uint64_t bytesOfACell = std::uint64_t{m_nEraseSize} * group;
+    std::string text = Scale(columns, bytesOfACell);
+    const std::vector<size_t> cells = MarkCells(m_marks, group);
+    for (size_t cell = 0; cell < cells.size(); cell += columns) {
+        const Cell row = cells.begin() + static_cast<std::ptrdiff_t>(cell);
+        const Cell end = row + static_cast<std::ptrdiff_t>(std::min(columns, cells.size() - cell));
+        text += Hex("0x%08llx  ", cell * bytesOfACell) + PaintRow(row, end, inColour);
     }
 
-    text += "one cell = " + (group == 1 ? "1 block" : std::to_string(group) + " blocks") + " of " +
-            SizeText(m_nEraseSize) + (group == 1 ? "" : ", shows what matters most in it") + "\n";
-    for (size_t rank = std::size(kLooks); rank-- > 0;)
-        text += (rank + 1 < std::size(kLooks) ? "  " : "") + Paint({rank}, inColour) + " " + kLooks[rank].words + " " +
-                std::to_string(counts[rank]);
-    return text + "\n";
+    const auto counts = CountMarks(m_marks);
+    std::vector<Part> legend;
+    for (size_t rank = 0; rank < kMarkLooks.size(); ++rank) {
+        if (counts[rank] == 0)
+            continue;
+        const std::vector<size_t> cell = {rank};
+        const std::string words = std::string(" ") + kMarkLooks[rank].words + " " + std::to_string(counts[rank]);
+        legend.push_back({Paint(cell.begin(), cell.end(), inColour) + words, 1 + words.size()});
+    }
+    text += Fill(legend, width);
+    std::vector<Part> notes = {Plain("one cell = " + (group == 1 ? "1 block" : std::to_string(group) + " blocks") +
+                                     " of " + SizeText(m_nEraseSize))};
+    if (group > 1)
+        notes.push_back(Plain("(shows what matters most)"));
+    return text + Fill(notes, width);
 }

@@ -15,8 +15,8 @@ public:
     ChipMap(std::vector<BlockMark> marks, std::uint32_t eraseSize);
 
     /// Draws the map, with the address at the start of each row, a scale on top and a legend with counts below.
-    /// A cell of several blocks shows the one that matters most: written without erase, bad, written, erased.
-    /// @param width columns of the terminal; the map takes no more, but never less than some 30
+    /// Letters and what matters most in a cell of several blocks are those of kMarkLooks.
+    /// @param width columns of the terminal; the map takes no more, but never less than some 35
     /// @param inColour whether cells get a terminal's colours
     std::string Text(size_t width, bool inColour) const;
 

@@ -595,7 +595,7 @@ INTERPOSED int system(const char *command) {
     TraceAhead([command] { return "system " + QuotedText(command); });
     const int status = nextSystem(command);
     const int error = errno;
-    TraceAhead([status] { return "returned from system: " + std::to_string(status); });
+    TraceAhead([status] { return FormatText("returned from system: %d", status); });
     errno = error;
     return status;
 }

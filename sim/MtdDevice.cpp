@@ -223,48 +223,51 @@ int MtdDevice::WritePages(const void *argument) {
     return 0;
 }
 
-int MtdDevice::WriteOob(void *argument) {
-    mtd_oob_buf64 request = {};
+/// Takes an OOB request from the caller: the page it begins in, and what of the OOB it means.
+int MtdDevice::TakeOobRequest(const void *argument, mtd_oob_buf64 &request, Operation &operation) const {
     if (!CopyIn(request, argument))
         return -EFAULT;
     const NandGeometry &geometry = m_chip.Geometry();
+    // Bytes into the page are bytes into its OOB.
     const auto column = static_cast<std::uint32_t>(request.start % geometry.pageSize);
     if (request.length > kOobMost || (column != 0 && request.length > geometry.oobSize - std::uint64_t{column}))
         return -EINVAL;
-    Operation operation;
-    operation.oob = UserPointer(request.usr_ptr);
-    operation.oobLength = request.length;
+    request.start -= column;
     operation.oobOffset = column;
+    operation.oobLength = request.length;
+    return 0;
+}
+
+int MtdDevice::WriteOob(void *argument) {
+    mtd_oob_buf64 request = {};
+    Operation operation;
+    if (const int error = TakeOobRequest(argument, request, operation))
+        return error;
+    operation.oob = UserPointer(request.usr_ptr);
     if (operation.oob == nullptr && request.length > 0)
         return -EFAULT;
-    const int error = WriteOobOnly(request.start - column, operation);
+    const int error = WriteOobOnly(request.start, operation);
     static_cast<mtd_oob_buf64 *>(argument)->length = error == 0 ? request.length : 0;
     return error;
 }
 
 int MtdDevice::ReadOob(void *argument) const {
     mtd_oob_buf64 request = {};
-    if (!CopyIn(request, argument))
-        return -EFAULT;
-    const NandGeometry &geometry = m_chip.Geometry();
-    const auto column = static_cast<std::uint32_t>(request.start % geometry.pageSize);
-    if (request.length > kOobMost || (column != 0 && request.length > geometry.oobSize - std::uint64_t{column}))
-        return -EINVAL;
     Operation operation;
-    operation.oobLength = request.length;
-    operation.oobOffset = column;
-    const std::uint64_t start = request.start - column;
-    const int error = CheckRange(start, operation);
+    if (const int error = TakeOobRequest(argument, request, operation))
+        return error;
+    const int error = CheckRange(request.start, operation);
     static_cast<mtd_oob_buf64 *>(argument)->length = error == 0 ? request.length : 0;
     if (error != 0 || request.length == 0)
         return error;
     std::uint8_t *out = UserPointer(request.usr_ptr);
     if (out == nullptr)
         return -EFAULT;
+    const NandGeometry &geometry = m_chip.Geometry();
     std::uint32_t left = request.length;
-    for (std::uint32_t page = PageAt(start); left > 0; ++page) {
-        const std::uint32_t part = std::min(geometry.oobSize - column, left);
-        std::memcpy(out, m_chip.Cells(page) + geometry.pageSize + column, part);
+    for (std::uint32_t page = PageAt(request.start); left > 0; ++page) {
+        const std::uint32_t part = std::min(geometry.oobSize - operation.oobOffset, left);
+        std::memcpy(out, m_chip.Cells(page) + geometry.pageSize + operation.oobOffset, part);
         out += part;
         left -= part;
     }

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+struct mtd_oob_buf64;
+
 /// An open file description: what descriptors made by dup and fork share.
 struct OpenFile {
     std::int64_t position; ///< bytes from the device's start
@@ -43,6 +45,7 @@ private:
     int IsBlockBad(const void *argument) const;
     int Erase(std::uint64_t start, std::uint64_t length);
     int WritePages(const void *argument);
+    int TakeOobRequest(const void *argument, mtd_oob_buf64 &request, Operation &operation) const;
     int WriteOob(void *argument);
     int ReadOob(void *argument) const;
 

@@ -122,21 +122,26 @@ std::string VerdictText(const Verdict &verdict, const std::string &scriptName) {
                 Counted(*spare, "bad one") +
                 (line.badBlocks == 0 ? "" : ", " + std::to_string(line.badBlocks) + " of them here") + "\n";
     }
-    std::ptrdiff_t counts[3] = {};
     for (const Finding &finding : verdict.findings) {
-        ++counts[static_cast<std::size_t>(finding.severity)];
         const std::string about = finding.text.empty() ? "" : finding.text + ": ";
         text += scriptName + (finding.line == 0 ? "" : ":" + std::to_string(finding.line)) + ": " +
                 SeverityName(finding.severity) + ": " +
                 Shown(about + finding.happens + "; " + finding.change + " [" + finding.kind + "]") + "\n";
     }
+    return text + VerdictLine(verdict) + "\n";
+}
+
+std::string VerdictLine(const Verdict &verdict) {
+    std::ptrdiff_t counts[3] = {};
+    for (const Finding &finding : verdict.findings)
+        ++counts[static_cast<std::size_t>(finding.severity)];
     const auto ran = std::count_if(verdict.lines.begin(), verdict.lines.end(),
                                    [](const LineVerdict &line) { return line.result == LineResult::Clean; });
-    text += std::string("verdict: ") + (verdict.IsClean() ? "clean" : "NOT clean") + ": ";
+    std::string text = std::string("verdict: ") + (verdict.IsClean() ? "clean" : "NOT clean") + ": ";
     for (const Severity severity : {Severity::Error, Severity::Warning, Severity::Note}) {
         if (const std::ptrdiff_t count = counts[static_cast<std::size_t>(severity)])
             text += Counted(count, SeverityName(severity)) + ", ";
     }
     return text + std::to_string(ran) + " of " + Counted(static_cast<std::ptrdiff_t>(verdict.lines.size()), "line") +
-           " carried out\n";
+           " carried out";
 }

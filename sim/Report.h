@@ -28,3 +28,6 @@ nlohmann::ordered_json MakeReport(const Rehearsal &rehearsal, const Verdict &ver
 /// The verdict for people: a line for the room of each range, a line for each finding, and the verdict itself.
 /// @param scriptName in front of the numbers of lines, as a compiler gives file names
 std::string VerdictText(const Verdict &verdict, const std::string &scriptName);
+
+/// The verdict alone, with the numbers of findings: "verdict: clean: 6 of 6 lines carried out".
+std::string VerdictLine(const Verdict &verdict);

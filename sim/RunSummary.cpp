@@ -1,14 +1,13 @@
 #include "RunSummary.h"
 
 #include "ChipMap.h"
+#include "MarkLooks.h"
 
 #include <cstring>
 #include <sys/wait.h>
 
 RunSummary::RunSummary(const NandChip &chip, const SimState &state, const RunOutcome &outcome)
-    : m_nEraseSize(chip.Geometry().eraseSize) {
-    for (std::uint32_t block = 0; block < chip.Geometry().Blocks(); ++block)
-        m_marks.push_back(chip.Mark(block));
+    : m_marks(ChipMarks(chip)), m_nEraseSize(chip.Geometry().eraseSize) {
     for (std::uint32_t kind = 0; kind < kRequestKinds; ++kind) {
         const auto request = static_cast<RequestKind>(kind);
         if (state.Requests(request) > 0)

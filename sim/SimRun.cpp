@@ -21,6 +21,7 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 #include <utility>
 
@@ -37,17 +38,34 @@ constexpr const char *kPassedOn[] = {"TERM", "LSAN_OPTIONS", "UBSAN_OPTIONS"};
 
 [[noreturn]] void Fail(const std::string &what) { throw std::runtime_error(what + ": " + strerror(errno)); }
 
-struct Pipe {
-    Pipe() {
-        int ends[2];
-        if (pipe2(ends, O_CLOEXEC) < 0)
-            Fail("can't make a pipe");
-        reader = ScopedFd(ends[0]);
-        writer = ScopedFd(ends[1]);
-    }
+/// What one of the device's streams goes through.
+struct Channel {
     ScopedFd reader;
     ScopedFd writer;
 };
+
+Channel MakePipe() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) < 0)
+        Fail("can't make a pipe");
+    return {ScopedFd(ends[0]), ScopedFd(ends[1])};
+}
+
+/// A terminal that changes no byte, like a device's serial console without its line discipline.
+Channel MakeConsole() {
+    Channel console = {ScopedFd(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)), ScopedFd()};
+    char name[64];
+    if (console.reader.Get() < 0 || unlockpt(console.reader.Get()) < 0 ||
+        ptsname_r(console.reader.Get(), name, sizeof name) != 0)
+        Fail("can't make a console");
+    console.writer = ScopedFd(open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
+    termios mode = {};
+    if (console.writer.Get() < 0 || tcgetattr(console.writer.Get(), &mode) < 0)
+        Fail("can't make a console");
+    cfmakeraw(&mode);
+    tcsetattr(console.writer.Get(), TCSANOW, &mode);
+    return console;
+}
 
 std::string UpdaterPlace(const RunSettings &settings) {
     return "/bin/" + std::filesystem::path(settings.program).filename().string();
@@ -172,6 +190,12 @@ struct UpdateDevice::Stream {
         }
     }
 
+    /// Takes what comes until all who may write have ended.
+    void TakeAll() {
+        while (source.Get() >= 0)
+            Take();
+    }
+
     /// Takes what is there, without waiting for more.
     void TakeRest() {
         for (int left = 0; source.Get() >= 0 && ioctl(source.Get(), FIONREAD, &left) == 0 && left > 0;)
@@ -181,9 +205,10 @@ struct UpdateDevice::Stream {
 
 UpdateDevice::UpdateDevice(const RunSettings &settings, const std::string &chip, const std::string &state)
     // A reply may be more than a message holds.
-    : m_report(memfd_create("report", MFD_CLOEXEC)) {
+    : m_report(memfd_create("report", MFD_CLOEXEC)), m_bIsConsole(settings.isConsole) {
     const DeviceJob job = MakeJob(settings, chip, state);
-    Pipe out, err;
+    Channel out = settings.isConsole ? MakeConsole() : MakePipe();
+    Channel err = MakePipe();
     int ends[2];
     if (m_report.Get() < 0 || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) < 0)
         Fail("can't make the device's streams");
@@ -215,10 +240,15 @@ RunOutcome UpdateDevice::Run(const std::vector<std::string> &program, bool tells
     // A device that has ended says in its report why.
     SendCommand(m_control.Get(), {program, tellsUpdate});
     const bool isDone = Follow(outcome, signals, milliseconds);
-    if (!isDone)
+    // What was printed on a console comes later than the reply; its end doesn't.
+    if (!isDone || m_bIsConsole)
         End();
-    m_out->TakeRest();
-    m_err->TakeRest();
+    for (Stream *stream : {m_out.get(), m_err.get()}) {
+        if (m_nPid > 0)
+            stream->TakeRest();
+        else
+            stream->TakeAll();
+    }
     outcome.out.swap(m_out->text);
     outcome.err.swap(m_err->text);
     if (isDone)
@@ -275,6 +305,7 @@ RunOutcome ReadUpdate(const RunSettings &settings, const std::string &chip, cons
     RunSettings quiet = settings;
     quiet.starts.clear();
     quiet.passOut = quiet.passErr = -1;
+    quiet.isConsole = false;
     SimState::Create(state, quiet.sim);
     const std::string command = IsImage(settings) ? "/app/prepare_flashrig.sh " + settings.place : ":";
     return UpdateDevice(quiet, chip, state).Run({"/bin/sh", "-c", command}, true, signals);

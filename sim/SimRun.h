@@ -23,6 +23,7 @@ struct RunSettings {
     std::vector<std::string> starts;       ///< shell commands that run in the device before the update
     std::vector<std::string> missingSysfs; ///< names of the sysfs files that no MTD device has
     SimSettings sim;                       ///< MTD devices, faults, power cut, trace
+    bool isConsole = false;                ///< standard output is a terminal: lines come as they are printed
     int passOut = -1;                      ///< descriptor that gets the updater's output as it comes; -1 for none
     int passErr = -1;                      ///< the same for its error output
 };
@@ -54,7 +55,8 @@ public:
     UpdateDevice(const UpdateDevice &) = delete;
     UpdateDevice &operator=(const UpdateDevice &) = delete;
 
-    /// Runs a program to its end. When it is ended early, the device ends with it and runs nothing more.
+    /// Runs a program to its end. When it is ended early or has a console, the device ends with it and runs nothing
+    /// more.
     /// @param program path in the device and arguments
     /// @param signals a held signal ends the run
     /// @param milliseconds how long it may take
@@ -70,6 +72,7 @@ private:
     std::unique_ptr<Stream> m_out, m_err;
     ScopedFd m_control;
     ScopedFd m_report;
+    bool m_bIsConsole;
     pid_t m_nPid = -1;
 };
 

@@ -204,6 +204,7 @@ std::string TextOf(std::size_t line, const Yardstick &run) {
 
 RunSettings ForSweeps(RunSettings settings) {
     settings.passOut = settings.passErr = -1;
+    settings.isConsole = false;
     settings.sim.traceLimit = 0;
     settings.sim.cutAtChange = 0;
     if (settings.arguments.empty())

@@ -1,6 +1,8 @@
 // Runs an update with the real updater on a simulated chip, and tells what came of it.
 
 #include "ChipFile.h"
+#include "ChipPicture.h"
+#include "FlashRanges.h"
 #include "HeldSignals.h"
 #include "ProgressBar.h"
 #include "Report.h"
@@ -75,6 +77,7 @@ struct Options {
     bool isUsed = false;
     std::string trace;
     std::string report;
+    std::string map;
     std::vector<std::string> faults;
     std::uint64_t cut = 0;
     std::string missingSysfs;
@@ -92,6 +95,9 @@ struct Options {
     std::string place;
     std::string update;
     std::vector<std::string> arguments;
+
+    /// @return whether a run is to be judged, and not only to be passed on.
+    bool WantsVerdict() const { return !isRaw || !report.empty() || !map.empty(); }
 };
 
 /// Finds a file that is built or installed with this program.
@@ -152,6 +158,7 @@ void Describe(CLI::App &app, Options &options) {
     add("--cut", "N", options.cut, "the power goes in the middle of the N-th page program or block erase");
     add("--trace", "FILE", options.trace, "write a line for each request");
     add("--report", "FILE.json", options.report, "write the verdict and what it is drawn from, for programs");
+    add("--map", "FILE.svg", options.map, "draw the chip, the script's ranges and the percentages");
     app.add_flag("--raw", options.isRaw, "only the updater's own output and exit status, for scripts")->group(group);
 
     group = "Sweeps: the run again and again, from a --used chip or a copy of --flash, without notify calls";
@@ -183,7 +190,9 @@ RunSettings Settings(const Options &options, const NandGeometry &geometry) {
         settings.sim.faults.push_back(ReadFault(fault));
     settings.sim.cutAtChange = options.cut;
     // The verdict finds notes and calls in the trace.
-    settings.sim.traceLimit = options.isRaw && options.trace.empty() && options.report.empty() ? 0 : kTraceLimit;
+    settings.sim.traceLimit = options.WantsVerdict() || !options.trace.empty() ? kTraceLimit : 0;
+    // As whoever sits at a device's console sees it; scripts get a pipe.
+    settings.isConsole = !options.isRaw;
     settings.passOut = STDOUT_FILENO;
     settings.passErr = STDERR_FILENO;
     settings.program = options.program.empty() ? Companion("flashrig") : options.program;
@@ -223,23 +232,29 @@ void PrepareChip(const Options &options, const std::string &path, const std::str
     chip.ForgetMarks();
 }
 
-void SaveTrace(const SimState &state, const std::string &path) {
-    std::ofstream file(path);
-    file << state.TraceText() << std::flush;
+void Save(const std::string &text, const std::string &path, const char *what) {
+    std::ofstream file(path, std::ios::binary);
+    file << text << std::flush;
     if (!file)
-        throw std::runtime_error("can't write the trace to " + path);
+        throw std::runtime_error(std::string("can't write the ") + what + " to " + path);
+}
+
+void SaveTrace(const SimState &state, const std::string &path) {
+    Save(state.TraceText(), path, "trace");
     if (state.TraceOverflowed())
         fprintf(stderr, "flashsim: the trace in %s is not complete: there was no room for all of it\n", path.c_str());
 }
 
-void SaveReport(const nlohmann::ordered_json &report, const std::string &path) {
+std::string ReportText(const nlohmann::ordered_json &report) {
     using Json = nlohmann::ordered_json;
     constexpr int kIndent = 2;
-    std::ofstream file(path);
     // A script's bytes may be no text.
-    file << report.dump(kIndent, ' ', false, Json::error_handler_t::replace) << std::endl;
-    if (!file)
-        throw std::runtime_error("can't write the report to " + path);
+    return report.dump(kIndent, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+std::string UpdateName(const std::string &path) {
+    const fs::path whole = fs::absolute(path).lexically_normal();
+    return whole.has_filename() ? whole.filename() : whole.parent_path().filename();
 }
 
 bool WantsColour() {
@@ -254,7 +269,7 @@ size_t TerminalWidth() {
 
 /// The options that a sweep's own runs have in common with the command line.
 RerunWords RecallOptions(const CLI::App &app, const Options &options) {
-    constexpr const char *kOthers[] = {"bad",   "flash", "used", "trace", "report",
+    constexpr const char *kOthers[] = {"bad",   "flash", "used", "trace", "report", "map",
                                        "sweep", "every", "sets", "seed",  "jobs"};
     RerunWords words;
     for (const CLI::Option *option : app.get_options()) {
@@ -325,7 +340,7 @@ int Rehearse(const Options &options, const RerunWords &words) {
         SaveTrace(state, options.trace);
     const Rehearsal rehearsal = {outcome.script, outcome.files, state.Devices(),   outcome.status,
                                  outcome.out,    outcome.err,   state.TraceText(), state.CutPlace()};
-    const bool isJudged = !outcome.isInterrupted && (!options.isRaw || !options.report.empty());
+    const bool isJudged = !outcome.isInterrupted && options.WantsVerdict();
     const Verdict verdict = isJudged ? Judge(rehearsal, chip.Chip()) : Verdict();
     if (!options.isRaw) {
         const RunSummary summary(chip.Chip(), state, outcome);
@@ -342,8 +357,11 @@ int Rehearse(const Options &options, const RerunWords &words) {
     if (isJudged && !options.report.empty()) {
         nlohmann::ordered_json report = MakeReport(rehearsal, verdict, chip.Chip(), state);
         report["sweeps"] = std::move(sweeps);
-        SaveReport(report, options.report);
+        Save(ReportText(report), options.report, "report");
     }
+    if (isJudged && !options.map.empty())
+        Save(DrawChip(UpdateName(options.update), chip.Chip(), WholeFlash(chip.Chip(), rehearsal.devices), verdict),
+             options.map, "map");
     if (options.isRaw)
         return RunSummary::ShellStatus(outcome);
     return isJudged && verdict.IsClean() && held ? kClean : kFindings;

@@ -32,17 +32,16 @@ std::vector<std::string> Parse(const char *block, int size) {
     std::vector<std::string> entries;
     if (size < kParsedSize)
         return entries;
-    const int bound = size - kScanMargin;
-    int start = kSealSize;
-    int next = start + 1;
-    do {
-        if (block[next - 1] == '\0') {
-            entries.emplace_back(block + start);
-            if (block[next] == '\0')
-                return entries;
-            start = next;
-        }
-    } while (next++ < bound);
+    const char *start = block + kSealSize;
+    // The first byte is looked at even where the bound leaves none.
+    const char *const bound = std::max(start + 1, block + size - kScanMargin);
+    while (const void *zero = std::memchr(start, '\0', static_cast<std::size_t>(bound - start))) {
+        const char *const end = static_cast<const char *>(zero);
+        entries.emplace_back(start, end);
+        start = end + 1;
+        if (*start == '\0')
+            break;
+    }
     return entries;
 }
 

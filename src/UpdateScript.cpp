@@ -172,10 +172,11 @@ struct ImageFormat {
 int ReadInto(int file, std::vector<char> &record) { return static_cast<int>(read(file, record.data(), record.size())); }
 
 int ReadPlainPage(int file, std::vector<char> &page, int pageSize) {
-    std::fill(page.begin(), page.end(), kErasedByte);
     const int count = ReadInto(file, page);
-    if (count > 0 && count < pageSize)
+    if (count > 0 && count < pageSize) {
+        std::fill(page.begin() + count, page.end(), kErasedByte);
         fprintf(stderr, "warning : file readsize = %d, pending to pagesize = %d\n", count, pageSize);
+    }
     return count;
 }
 

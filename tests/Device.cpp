@@ -135,18 +135,16 @@ Outcome Device::Start(const std::string &update, const std::vector<std::string> 
     return outcome;
 }
 
-std::string Device::Raw(int page, int pages) const {
-    constexpr std::size_t kRecord = kPage + kOob;
-    return ReadAll(m_sFolder + "/flash")
-        .substr(static_cast<std::size_t>(page) * kRecord, static_cast<std::size_t>(pages) * kRecord);
+std::string Device::Raw(std::size_t page, std::size_t pages) const {
+    return ReadAll(m_sFolder + "/flash").substr(page * (kPage + kOob), pages * (kPage + kOob));
 }
 
-std::string Device::Flash(int offset, int size) const {
+std::string Device::Flash(std::size_t offset, std::size_t size) const {
     std::string data;
     const std::string raw = Raw(offset / kPage, (size + kPage - 1) / kPage);
     for (std::size_t at = 0; at < raw.size(); at += kPage + kOob)
         data += raw.substr(at, kPage);
-    return data.substr(0, static_cast<std::size_t>(size));
+    return data.substr(0, size);
 }
 
 void Device::UseUp() {

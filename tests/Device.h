@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -23,9 +24,9 @@ struct Outcome {
 /// Runs the real program; nothing of it reaches this machine. All files go with the object.
 class Device {
 public:
-    static constexpr int kBlock = 0x4000;
-    static constexpr int kPage = 512;
-    static constexpr int kOob = 16;
+    static constexpr std::size_t kBlock = 0x4000;
+    static constexpr std::size_t kPage = 512;
+    static constexpr std::size_t kOob = 16;
 
     /// @param badBlocks numbers of the chip's factory bad blocks: "5,7"; empty for none.
     explicit Device(const std::string &badBlocks = "");
@@ -48,8 +49,8 @@ public:
     Outcome RunImage(const std::string &image, const std::vector<std::string> &arguments = {});
 
     /// @return what the chip holds: page data alone, or pages and OOB interleaved.
-    std::string Flash(int offset, int size) const;
-    std::string Raw(int page, int pages) const;
+    std::string Flash(std::size_t offset, std::size_t size) const;
+    std::string Raw(std::size_t page, std::size_t pages) const;
 
     /// Fills the good blocks of the chip, as flash in use. Comes before all options.
     void UseUp();

@@ -8,13 +8,14 @@ using Texts = std::vector<std::string>;
 
 const std::string kErasedBlock(Device::kBlock, '\xFF');
 const std::string kUsedBlock(Device::kBlock, '\x5A');
+constexpr std::size_t kPages = Device::kBlock / Device::kPage;
 
 } // namespace
 
 TEST(Write, PutsTheFileIntoTheGoodBlocksAndWarnsTwiceOfBadOnes) {
     Device device("5,7");
     device.UseUp();
-    const std::string bad = device.Raw(5 * 32, 32);
+    const std::string bad = device.Raw(5 * kPages, kPages);
     const std::string image = Pattern(2 * Device::kBlock + 700, 1);
     device.File("big", image);
     const Outcome outcome = device.Run("write 0x10000 0x1c000 big\n");
@@ -29,7 +30,7 @@ TEST(Write, PutsTheFileIntoTheGoodBlocksAndWarnsTwiceOfBadOnes) {
                            "write file complete\n read size = 33468\n");
     EXPECT_EQ(device.Flash(0x0c000, Device::kBlock), kUsedBlock);
     EXPECT_EQ(device.Flash(0x10000, Device::kBlock), image.substr(0, Device::kBlock));
-    EXPECT_EQ(device.Raw(5 * 32, 32), bad);
+    EXPECT_EQ(device.Raw(5 * kPages, kPages), bad);
     EXPECT_EQ(device.Flash(0x18000, Device::kBlock), image.substr(Device::kBlock, Device::kBlock));
     EXPECT_EQ(device.Flash(0x20000, Device::kBlock), image.substr(2 * Device::kBlock) + kErasedBlock.substr(700));
     EXPECT_EQ(device.Flash(0x24000, 2 * Device::kBlock), kErasedBlock + kErasedBlock);
@@ -184,24 +185,24 @@ TEST(Write, WorksOnKernelsWithoutTheNewerRequests) {
 }
 
 TEST(Write, LeavesAllElseAsItWasWhenPowerIsCutAnywhere) {
-    Device whole("4");
     const std::string image = Pattern(Device::kBlock + 3 * Device::kPage, 7);
     const std::string script = "write c000 10000 image\n";
-    const int changes = 3 + 32 + 3;
-    for (int cut = 1; cut <= changes + 1; cut += 4) {
+    constexpr std::size_t kErases = 3;
+    constexpr std::size_t kChanges = kErases + 32 + 3;
+    for (std::size_t cut = 1; cut <= kChanges + 1; cut += 4) {
         SCOPED_TRACE(cut);
         Device device("4");
         device.UseUp();
         device.File("image", image);
         device.Options({"--cut", std::to_string(cut)});
         const Outcome outcome = device.Run(script);
-        EXPECT_EQ(outcome.Count("power"), cut <= changes ? 1U : 0U);
-        EXPECT_EQ(outcome.Count("MEMERASE64"), static_cast<std::size_t>(std::min(cut, 3) - (cut <= 3 ? 1 : 0)));
+        EXPECT_EQ(outcome.Count("power"), cut <= kChanges ? 1U : 0U);
+        EXPECT_EQ(outcome.Count("MEMERASE64"), std::min(cut - 1, kErases));
         EXPECT_EQ(device.Flash(0, 0xc000), kUsedBlock + kUsedBlock + kUsedBlock);
         EXPECT_EQ(device.Flash(0x1c000, Device::kBlock), kUsedBlock);
-        const int pages = std::max(cut - 4, 0);
-        EXPECT_EQ(device.Flash(0xc000, pages * Device::kPage).substr(0, Device::kBlock),
-                  image.substr(0, static_cast<std::size_t>(pages * Device::kPage)).substr(0, Device::kBlock));
+        // The pages in front of the one in progress are whole.
+        const std::size_t written = cut > kErases ? std::min(cut - kErases - 1, std::size_t{32}) * Device::kPage : 0;
+        EXPECT_EQ(device.Flash(0xc000, written), image.substr(0, written));
     }
 }
 

@@ -1,4 +1,3 @@
-#include "ChipMap.h"
 #include "SimText.h"
 
 #include <cstdio>
@@ -65,7 +64,9 @@ TEST_F(Flashsim, RawPassesStreamsAndStatusAndNothingElse) {
     EXPECT_EQ(Run(Updater("echo to $*; echo aside >&2; exit 7") + "--raw"), 7);
     EXPECT_EQ(m_out, "to /tmp/update\n");
     EXPECT_EQ(m_err, "aside\n");
-    EXPECT_EQ(Run(Updater("kill -TERM $$") + "--raw"), 128 + SIGTERM);
+    EXPECT_EQ(Run(Updater("kill -TERM $$") + "--raw --map " + (m_folder / "map.svg").string()), 128 + SIGTERM);
+    EXPECT_EQ(m_out, "");
+    EXPECT_NE(Load(m_folder / "map.svg").find("<title>update on a chip of 32 MiB</title>"), std::string::npos);
 }
 
 TEST_F(Flashsim, WrongUseGetsOneLineAndStatusTwo) {
@@ -134,7 +135,7 @@ TEST_F(Flashsim, FlashFileKeepsTheChipBetweenRuns) {
 
     Save("update/flashrig.script", "erase 0 20000\n");
     EXPECT_EQ(Run("--flash " + flash), 0);
-    EXPECT_NE(m_out.find("0x00000000  eX......\n"), std::string::npos) << m_out;
+    EXPECT_NE(m_out.find("0x00000000  -X......\n"), std::string::npos) << m_out;
     EXPECT_NE(m_out.find("\nverdict: clean: 1 of 1 line carried out\n"), std::string::npos) << m_out;
     EXPECT_EQ(Load(flash).substr(kBlockTwo, pages.size()), pages);
     EXPECT_EQ(Run("--chip 2M,128K,2K,64 --flash " + flash), 2);
@@ -147,29 +148,12 @@ TEST_F(Flashsim, FindingsAreToldOneALineWithStatusOne) {
     } rows[] = {
         {"--fault MEMWRITE:2=EIO", "\nflashrig.script:2: error: write 20000 40000 image: write page return -1: "},
         {"--cut 4", "\nflashrig.script: error: the power goes during MEMWRITE at 0x20000; "},
-        {"--mtd 3:all:0,128K", "\nflashrig.script:2: error: write 20000 40000 image: fail to check bad block at 20000: "},
+        {"--mtd 3:all:0,128K",
+         "\nflashrig.script:2: error: write 20000 40000 image: fail to check bad block at 20000: "},
     };
     for (const auto &row : rows) {
         EXPECT_EQ(Run(row.options), 1) << row.options;
         EXPECT_NE(m_out.find(row.found), std::string::npos) << m_out;
         EXPECT_NE(m_out.find("\nverdict: NOT clean: "), std::string::npos) << m_out;
     }
-}
-
-TEST(ChipMap, FitsAChipOfAnySizeToTheTerminal) {
-    std::vector<BlockMark> marks(64, BlockMark::Untouched);
-    marks[1] = BlockMark::Written;
-    marks[2] = BlockMark::Bad;
-    marks[63] = BlockMark::WrittenWithoutErase;
-    EXPECT_EQ(ChipMap(marks, 0x20000).Text(60, false), "            +0              +200000\n"
-                                                       "0x00000000  .#X.............................\n"
-                                                       "0x00400000  ...............................!\n"
-                                                       "one cell = 1 block of 128 KiB\n"
-                                                       "! written without erase 1  X bad 1  # written 1  e erased 0"
-                                                       "  . untouched 61\n");
-    marks.resize(8192, BlockMark::Erased);
-    const std::string large = ChipMap(marks, 0x20000).Text(80, false);
-    EXPECT_NE(large.find("0x00000000  X......!eeee"), std::string::npos) << large;
-    EXPECT_NE(large.find("one cell = 8 blocks of 128 KiB"), std::string::npos) << large;
-    EXPECT_NE(ChipMap(marks, 0x20000).Text(80, true).find("\033[1;31mX\033[0m"), std::string::npos);
 }

@@ -67,7 +67,8 @@ TEST(Script, IsRefusedWholeBeforeAnyFlashIsTouched) {
 }
 
 TEST(Script, CountsTheBlocksThatItsLinesReport) {
-    // Each script ends with a plain write of one block, which reports two: the second percentage is 200 / count.
+    constexpr std::size_t kRawBlock = 32 * (Device::kPage + Device::kOob);
+    // Each script begins with a plain write of one block, which reports two: the first percentages tell the count.
     const struct {
         const char *line;
         std::size_t size; ///< of the image
@@ -76,8 +77,8 @@ TEST(Script, CountsTheBlocksThatItsLinesReport) {
         {"write 0 0 image", 3 * Device::kBlock, 3},
         {"write 0 0 image", 3 * Device::kBlock + 1, 4},
         {"write 0 0 image", 0, 0},
-        {"writeoob 0 0 image", 2 * 32 * 528, 2},
-        {"writeoob 0 0 image", 2 * 32 * 528 - 1, 1},
+        {"writeoob 0 0 image", 2 * kRawBlock, 2},
+        {"writeoob 0 0 image", 2 * kRawBlock - 1, 1},
         {"ubiformat /no/device image", Device::kBlock + 1, 2},
         {"setenv a b c", 0, 0},
         {"setenv 4001 c001 c d", 0, 3},
@@ -85,7 +86,6 @@ TEST(Script, CountsTheBlocksThatItsLinesReport) {
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.line);
-        // The counted lines fail and end the script, so they stand behind the one that reports.
         Device device;
         device.File("image", Pattern(row.size, 1));
         device.File("block", Pattern(Device::kBlock, 2));

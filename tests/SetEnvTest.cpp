@@ -6,18 +6,20 @@
 
 namespace {
 
-/// Builds a sealed block of the entries, by python3's own CRC-32.
-std::string Sealed(const std::string &entries, int size) {
-    const Outcome block =
-        RunProgram({"python3", "-c",
-                    "import sys,zlib,struct; size=int(sys.argv[2]); area=sys.argv[1].encode().replace(b\"|\",b\"\\0\");"
-                    "area+=bytes(size-4-len(area)); sys.stdout.buffer.write(struct.pack(\"<I\",zlib.crc32(area))+area)",
-                    entries, std::to_string(size)});
+constexpr const char *kSeal = R"(
+import sys, zlib, struct
+area = sys.argv[1].encode().replace(b"|", b"\0")
+area += bytes(int(sys.argv[2]) - 4 - len(area))
+sys.stdout.buffer.write(struct.pack("<I", zlib.crc32(area)) + area)
+)";
+
+/// Builds a sealed block of the entries, which '|' parts, by python3's own CRC-32.
+std::string Sealed(const std::string &entries, std::size_t size) {
+    const Outcome block = RunProgram({"python3", "-c", kSeal, entries, std::to_string(size)});
     EXPECT_EQ(block.err, "");
     return block.out;
 }
 
-/// The old block's data, padded to whole pages, is in the image file that lays it down.
 constexpr const char *kEntries = "a=1|b=2|boot=run x; y=z";
 
 /// Chips that keep their own ECC: a raw `write` is readable on them.

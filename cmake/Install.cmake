@@ -1,0 +1,57 @@
+# What goes where on a distribution, and the Debian packages of it: `flashrig` for the device, when it is built for one,
+# and `flashsim` for the machine on which updates are made. Needs the targets flashrig and flashsim.
+include(GNUInstallDirs)
+
+install(TARGETS flashrig RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT flashrig)
+install(FILES docs/flashrig.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT flashrig)
+install(FILES docs/flashrig.script.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT flashrig)
+
+if(TARGET flashsim)
+  # The simulator brings the updater that it runs, out of everyone's path: on a workstation it would do harm.
+  install(TARGETS flashrig RUNTIME DESTINATION lib/flashsim COMPONENT flashsim)
+  install(TARGETS flashsim_preload LIBRARY DESTINATION lib/flashsim COMPONENT flashsim)
+  install(TARGETS flashsim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT flashsim)
+  install(FILES docs/flashsim.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT flashsim)
+  install(FILES docs/flashrig.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT flashsim)
+  install(FILES docs/flashrig.script.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT flashsim)
+  install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/flashsim
+    USE_SOURCE_PERMISSIONS
+    COMPONENT flashsim)
+endif()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/CompressManuals.cmake)
+# Whoever publishes a package puts a name here: cpack -D CPACK_PACKAGE_CONTACT="..."
+set(CPACK_PACKAGE_CONTACT "flashrig developers <flashrig@localhost>" CACHE STRING "Maintainer field of the packages")
+
+set(CPACK_DEBIAN_FLASHRIG_PACKAGE_NAME flashrig)
+set(CPACK_DEBIAN_FLASHRIG_PACKAGE_SECTION admin)
+# What a ubiformat line calls.
+set(CPACK_DEBIAN_FLASHRIG_PACKAGE_RECOMMENDS "mtd-utils, psmisc")
+set(CPACK_COMPONENT_FLASHRIG_DESCRIPTION "firmware updater for raw NAND flash
+Carries out an update script on the MTD device that spans the flash: erases
+ranges, writes images around bad blocks, changes boot variables and hands a
+partition to ubiformat.")
+
+set(CPACK_DEBIAN_FLASHSIM_PACKAGE_NAME flashsim)
+set(CPACK_DEBIAN_FLASHSIM_PACKAGE_SECTION devel)
+# The manuals are in both packages, and an updater in the path of a workstation is a danger to it.
+set(CPACK_DEBIAN_FLASHSIM_PACKAGE_CONFLICTS flashrig)
+set(CPACK_COMPONENT_FLASHSIM_DESCRIPTION "rehearsal of flashrig updates on a simulated NAND chip
+Runs the real updater with an update on a simulated chip, in a device of its
+own, and tells whether the update is clean: bad blocks, failing requests and
+power cuts included. Nothing of the machine changes.")
+
+if(CMAKE_CROSSCOMPILING)
+  # dpkg-shlibdeps would want the device's libraries installed here: the presets tell what they need.
+  set(CPACK_COMPONENTS_ALL flashrig)
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE armhf)
+else()
+  set(CPACK_COMPONENTS_ALL flashsim)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+endif()
+include(CPack)

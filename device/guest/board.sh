@@ -1,0 +1,114 @@
+# shellcheck shell=dash disable=SC2034
+# What the cases share. The chip has 2048 blocks of 64 pages.
+
+page=2048
+block=131072
+
+# new_flash [PARAMETER...]: an erased chip; its parameters are those of the kernel's nandsim.
+# The kernel's table gets the name by which the updater knows the whole flash.
+new_flash() {
+    modprobe nandsim id_bytes=0x20,0xaa,0x00,0x15 "$@"
+    modprobe rawwrite
+    name_whole_flash mtd0
+}
+
+# name_whole_flash DEVICE
+name_whole_flash() {
+    sed "/^$1:/s/\"NAND.*\"/\"all\"/" /proc/mtd >/tmp/mtd
+    mount --bind /tmp/mtd /proc/mtd
+}
+
+# Leaves no flash behind, whatever a case has left.
+remove_flash() {
+    umount /opt/user /opt /proc/mtd
+    ubidetach -p /dev/mtd9
+    rmmod rawwrite
+    rmmod nandsim
+} >/dev/null 2>&1
+
+# run COMMAND...: leaves its streams in the files out and err, and how it ended in $status.
+run() {
+    status=0
+    "$@" >out 2>err || status=$?
+}
+
+# update: runs the updater on the folder update with the script on standard input; it has to end with 0.
+# The second argument keeps it from notifying anyone.
+update() {
+    mkdir -p update
+    cat >update/flashrig.script
+    run flashrig update quiet
+    [ "$status" -eq 0 ]
+}
+
+# says FILE: the file holds standard input, byte for byte.
+says() { diff - "$1"; }
+
+# noise START COUNT: a piece of 4 MiB of noise that is the same on every board.
+noise() { tail -c "+$(($1 + 1))" /noise | head -c "$2"; }
+
+# fill OFFSET BLOCKS [BAD]: programs the good blocks of a range, BAD of them aren't, with noise and its ECC.
+fill() {
+    flash_erase -q /dev/mtd0 "$1" "$2"
+    noise 0 $((($2 - ${3:-0}) * block)) | nandwrite -q -s "$1" /dev/mtd0 - >/dev/null
+}
+
+# cells OFFSET BLOCKS: the cells of a range as they are, spare bytes and bad blocks too, without the ECC's help.
+cells() { nanddump -q --noecc --oob --bb=dumpbad -s "$1" -l $(($2 * block)) /dev/mtd0; }
+
+# same_cells OFFSET OTHER BLOCKS: two ranges of the chip are equal in every cell.
+same_cells() {
+    cells "$1" "$3" >cells.one
+    cells "$2" "$3" >cells.two
+    cmp cells.one cells.two
+}
+
+# data OFFSET BYTES: the data of the good blocks of a range, without the ECC's help.
+data() { nanddump -q --noecc --omitoob --bb=skipbad -s "$1" -l "$2" /dev/mtd0; }
+
+# no_ecc_events: the kernel has neither corrected a bit nor given up on one since the chip is there.
+no_ecc_events() { [ "$(cat /sys/class/mtd/mtd0/corrected_bits /sys/class/mtd/mtd0/ecc_failures)" = "$(printf '0\n0')" ]; }
+
+# The applications that an update stops, and the one that nobody stops.
+applications="HeartGuard lens_steward linkpilot flow_core FlowRunner toolkitd SignalHub remote_rx port_mux Panel-Face webnest"
+bystander=bystander
+
+# occupy_opt: a device at work. /opt is UBIFS on mtd9, parts of it are mounted elsewhere, the applications run, and
+# two more processes sit in /opt, one of them deaf to SIGTERM. mtd10 stands for the whole flash.
+occupy_opt() {
+    new_flash parts=8,8,8,8,8,8,8,8,8,200
+    umount /proc/mtd
+    name_whole_flash mtd10
+    modprobe ubifs
+    ubiformat -q -y -f /opt.old.ubi /dev/mtd9
+    ubiattach -p /dev/mtd9 >/dev/null
+    mount -t ubifs ubi0:opt /opt
+    mkdir -p /opt/user /opt/suite /usr/local/lib
+    mount -t tmpfs user /opt/user
+    mount -t tmpfs suite /opt/suite
+    mount --bind /opt/lib /usr/local/lib
+    mkdir -p applications
+    for name in $applications $bystander; do
+        printf '#!/bin/sh\nwhile :; do sleep 1; done\n' >"applications/$name"
+        chmod +x "applications/$name"
+        ("applications/$name" &)
+    done
+    (cd /opt && sh -c 'echo $$ >/tmp/case/polite; exec sleep 1000' &)
+    (cd /opt && sh -c 'echo $$ >/tmp/case/deaf; trap "" TERM; exec sleep 1000' &)
+    sleep 1
+}
+
+# opt_is_free: of all that nothing is left but the bystander.
+opt_is_free() {
+    sleep 1
+    for name in $applications; do
+        [ -z "$(pidof "$name")" ]
+    done
+    pidof $bystander >/dev/null
+    [ "$(grep -cE ' /opt| /usr/local/lib' /proc/mounts)" -eq 0 ]
+    [ ! -e /sys/class/ubi/ubi0 ]
+    for holder in polite deaf; do
+        grep -qx "####$(cat /tmp/case/$holder)###" out
+        [ ! -e "/proc/$(cat /tmp/case/$holder)" ]
+    done
+}
