@@ -261,11 +261,17 @@ std::vector<std::string> CommandAgain(const RunSettings &settings, const RunOutc
     return command;
 }
 
+/// @return whether a second run in the same device asked for the same and left the same: one serves all runs then.
+bool IsSame(const Yardstick &first, TestStand &stand, const RunOutcome &second) {
+    return CountRequests(stand.State()) == first.requests && stand.State().Changes() == first.changes &&
+           !SweepJudge(first).JudgeCut(stand.Chip(), second, second);
+}
+
 } // namespace
 
 Sweeper::Sweeper(const RunSettings &settings, const std::string &start, const HeldSignals &signals) {
     auto base = std::make_unique<Base>(settings, start, signals);
-    const std::string path = base->CopyStart("first");
+    const std::string path = base->CopyStart("0"); // the first worker's, later
     TestStand stand(base->settings, base->start, path, signals);
     base->habit.sharesDevice = settings.starts.empty();
     stand.Adopt(base->habit);
@@ -282,14 +288,11 @@ Sweeper::Sweeper(const RunSettings &settings, const std::string &start, const He
     base->habit.milliseconds =
         static_cast<int>(std::min<std::int64_t>(took, kMostMilliseconds)) * kPatience + kLeastPatienceMilliseconds;
 
-    // One device serves all runs when a second run in it asks for the same and leaves the same.
     stand.Adopt(base->habit);
     stand.LayStart();
     const RunOutcome second = stand.Run();
     base->habit.sharesDevice = base->habit.sharesDevice && !first.leavesProcesses && !second.leavesProcesses &&
-                               CountRequests(stand.State()) == yardstick->requests &&
-                               stand.State().Changes() == yardstick->changes &&
-                               !SweepJudge(*yardstick).JudgeCut(stand.Chip(), second, second);
+                               IsSame(*yardstick, stand, second);
     if (!first.isInterrupted && !second.isInterrupted)
         base->yardstick = std::move(yardstick);
     m_base = std::move(base);

@@ -161,7 +161,7 @@ void Describe(CLI::App &app, Options &options) {
     add("--map", "FILE.svg", options.map, "draw the chip, the script's ranges and the percentages");
     app.add_flag("--raw", options.isRaw, "only the updater's own output and exit status, for scripts")->group(group);
 
-    group = "Sweeps: the run again and again, from a --used chip or a copy of --flash, without notify calls";
+    group = "Sweeps (--sweep may be repeated): many runs from a --used chip or a copy of --flash, without notify calls";
     add("--sweep", "bad|cut|faults", options.sweeps, "each block bad; power cut at each change; each request failing")
         ->check(CLI::IsMember({"bad", "cut", "faults"}));
     add("--every", "K", options.every, "only each K-th cut or fault [1]")->check(CLI::PositiveNumber);
