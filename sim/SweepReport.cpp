@@ -14,11 +14,11 @@ constexpr std::size_t kMostTroubles = 8;
 
 std::string CountRuns(std::size_t count) { return Count(static_cast<std::int64_t>(count), "run"); }
 
-/// "each of 12 changes", "every 10th of 4308 changes".
+/// "each of 12 changes", "one in 10 of 4308 changes".
 std::string Places(const SweepResult &result, const char *noun) {
-    const std::string every =
-        result.settings.every == 1 ? "each" : "every " + std::to_string(result.settings.every) + "th";
-    return every + " of " + Count(static_cast<std::int64_t>(result.places), noun);
+    const std::uint64_t every = result.settings.every;
+    return (every == 1 ? "each" : "one in " + std::to_string(every)) + " of " +
+           Count(static_cast<std::int64_t>(result.places), noun);
 }
 
 std::string Heading(const SweepResult &result) {

@@ -61,7 +61,7 @@ TEST_F(Sweep, HoldsEverywhereForAnUpdateWithRoom) {
         EXPECT_EQ(sweeps[i]["held"], planned[i]) << sweeps[i];
     }
     EXPECT_EQ(Run("--root root --sweep cut --every 7", "image.tar")[0]["held"], 10);
-    EXPECT_NE(m_outcome.out.find("\nsweep cut: power cut at every 7th of 70 changes, then the update run again: "
+    EXPECT_NE(m_outcome.out.find("\nsweep cut: power cut at one in 7 of 70 changes, then the update run again: "
                                  "10 of 10 runs held\n"),
               std::string::npos)
         << m_outcome.out;
