@@ -57,17 +57,23 @@ void ChipFile::Create(const std::string &path, const NandGeometry &geometry, Ecc
             throw std::runtime_error("bad block " + std::to_string(block) + " isn't on the chip, which has " +
                                      std::to_string(geometry.Blocks()) + " blocks");
     }
-    const SharedFile states = SharedFile::Create(StatesPath(path), StatesSize(geometry), SharedFile::Room::AtOnce);
-    const SharedFile cells = SharedFile::Create(path, geometry.RawSize(), SharedFile::Room::AtOnce);
+    // Erased pages and good blocks.
+    const SharedFile states = SharedFile::CreateFull(StatesPath(path), StatesSize(geometry), 0);
+    const SharedFile cells = SharedFile::CreateFull(path, geometry.RawSize(), 0xFF);
     Header &header = HeaderOf(states);
     header.geometry = geometry;
     header.ecc = ecc;
     NandChip chip(geometry, ecc, MemoryOf(states, cells));
-    chip.Format();
     for (const std::uint32_t block : factoryBadBlocks)
         chip.MarkBad(block);
     // Last: a creation that was ended early leaves no chip.
     std::memcpy(header.magic, kMagic, sizeof kMagic);
+}
+
+void ChipFile::Copy(const std::string &from, const std::string &to) {
+    const ChipFile source(from);
+    SharedFile::Copy(source.m_cells, to);
+    SharedFile::Copy(source.m_states, StatesPath(to));
 }
 
 ChipFile::ChipFile(const std::string &path)

@@ -20,6 +20,10 @@ public:
     static void Create(const std::string &path, const NandGeometry &geometry, Ecc ecc,
                        const std::vector<std::uint32_t> &factoryBadBlocks);
 
+    /// Makes a second chip that is what one that nobody changes is; files that stand there are replaced.
+    /// @throw std::runtime_error with one line
+    static void Copy(const std::string &from, const std::string &to);
+
     /// Opens both files.
     /// @throw std::runtime_error with one line when one is missing, isn't a chip's or hasn't the length it should have
     explicit ChipFile(const std::string &path);

@@ -2,6 +2,7 @@
 
 #include "ScopedFd.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -15,12 +16,18 @@
 #include <map>
 #include <stdexcept>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr const char *kScriptName = "flashrig.script";
+/// What a command's message begins with; its words follow, each ended by a zero byte.
+constexpr char kRuns = 'r';
+constexpr char kTells = 't';
+constexpr std::size_t kCommandLimit = 65536;
+
 constexpr int kLookMicroseconds = 500;
 /// A command that never sleeps (a busy loop) is taken as up after so many looks.
 constexpr int kMostLooks = 4000;
@@ -45,18 +52,58 @@ void FreeSignals() {
 
 class Device {
 public:
-    Device(const DeviceJob &job, int report) : m_job(job), m_nReport(report) {}
+    Device(const DeviceJob &job, const DeviceStreams &streams)
+        : m_job(job), m_nControl(streams.control), m_nReport(streams.report) {}
 
-    /// @return the program's status as waitpid gives it.
-    int Run() {
+    void BringUpAll() {
         for (const std::string &command : m_job.starts)
             BringUp(command);
-        const pid_t program = Start(m_job.program);
+    }
+
+    /// Waits for the next command.
+    /// @return false when none will come.
+    bool Receive(DeviceCommand &command) const {
+        std::vector<char> message(kCommandLimit);
+        const ssize_t length = recv(m_nControl, message.data(), message.size(), 0);
+        if (length <= 0)
+            return false;
+        command.tellsUpdate = message[0] == kTells;
+        command.program.clear();
+        const char *end = message.data() + length;
+        for (const char *word = message.data() + 1; word < end; word += command.program.back().size() + 1)
+            command.program.emplace_back(word);
+        return true;
+    }
+
+    void CarryOut(const DeviceCommand &command) {
+        ClearReport();
+        const pid_t program = Start(command.program);
         int status = 0;
         while (Reap(program, status, 0) != program)
             continue;
-        return status;
+        int ignored = 0;
+        pid_t ended = 0;
+        while ((ended = Reap(0, ignored, WNOHANG)) > 0)
+            continue;
+        const bool isAlone = ended < 0;
+        dprintf(m_nReport, "status %d%s\n", status, isAlone ? "" : " busy");
+        if (command.tellsUpdate)
+            TellUpdate();
+        Reply();
     }
+
+    void Refuse(const char *why) const {
+        ClearReport();
+        dprintf(m_nReport, "error %s\n", why);
+    }
+
+private:
+    void ClearReport() const {
+        if (ftruncate(m_nReport, 0) == 0)
+            lseek(m_nReport, 0, SEEK_SET);
+    }
+
+    void Reply() const { send(m_nControl, "", 1, MSG_NOSIGNAL); }
 
     /// Writes what the update holds to the report.
     void TellUpdate() const {
@@ -83,7 +130,6 @@ public:
         }
     }
 
-private:
     pid_t Start(const std::vector<std::string> &command) {
         const pid_t pid = fork();
         if (pid < 0)
@@ -146,31 +192,51 @@ private:
     }
 
     const DeviceJob &m_job;
+    int m_nControl;
     int m_nReport;
 };
 
-/// No descriptor of the host but these three reaches the device's programs.
-void SetStreams(int out, int err, int report) {
+/// No descriptor of the host but these reaches the device, and only the first two its programs.
+void SetStreams(const DeviceStreams &streams) {
     const ScopedFd none(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    if (dup2(none.Get(), STDIN_FILENO) < 0 || dup2(out, STDOUT_FILENO) < 0 || dup2(err, STDERR_FILENO) < 0 ||
-        close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) < 0 || fcntl(report, F_SETFD, FD_CLOEXEC) < 0)
+    bool isDone = dup2(none.Get(), STDIN_FILENO) >= 0 && dup2(streams.out, STDOUT_FILENO) >= 0 &&
+                  dup2(streams.err, STDERR_FILENO) >= 0;
+    // The host's own ends too: the device must see when they close.
+    unsigned from = STDERR_FILENO + 1;
+    for (const int kept : {std::min(streams.control, streams.report), std::max(streams.control, streams.report)}) {
+        const auto number = static_cast<unsigned>(kept);
+        isDone = isDone && (from == number || close_range(from, number - 1, 0) == 0) &&
+                 fcntl(kept, F_SETFD, FD_CLOEXEC) == 0;
+        from = number + 1;
+    }
+    if (!isDone || close_range(from, ~0U, 0) < 0)
         throw std::runtime_error(std::string("can't set up the device's streams: ") + strerror(errno));
 }
 
 } // namespace
 
-void RunDevice(const DeviceJob &job, int out, int err, int report) {
+void RunDevice(const DeviceJob &job, const DeviceStreams &streams) {
+    Device device(job, streams);
     try {
         // A signal to a whole process group must not leave the device, nor the terminal's enter it.
         setsid();
         prctl(PR_SET_NAME, "init");
         EnterDeviceRoot(job.layout);
-        SetStreams(out, err, report);
-        Device device(job, report);
-        dprintf(report, "status %d\n", device.Run());
-        device.TellUpdate();
+        SetStreams(streams);
+        device.BringUpAll();
+        for (DeviceCommand command; device.Receive(command);)
+            device.CarryOut(command);
     } catch (const std::exception &failure) {
-        dprintf(report, "error %s\n", failure.what());
+        device.Refuse(failure.what());
     }
     _exit(0);
+}
+
+bool SendCommand(int control, const DeviceCommand &command) {
+    std::string message(1, command.tellsUpdate ? kTells : kRuns);
+    for (const std::string &word : command.program)
+        message.append(word).push_back('\0');
+    if (message.size() > kCommandLimit)
+        throw std::runtime_error("too many arguments for the updater");
+    return send(control, message.data(), message.size(), MSG_NOSIGNAL) >= 0;
 }

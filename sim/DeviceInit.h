@@ -5,19 +5,36 @@
 #include <string>
 #include <vector>
 
-/// What runs in a simulated device.
+/// What a simulated device is made of.
 struct DeviceJob {
     DeviceLayout layout;
     std::vector<std::string> environment; ///< NAME=VALUE, all that the device's programs get
     std::vector<std::string> starts;      ///< shell commands that run in the background, started in this order
-    std::vector<std::string> program;     ///< path in the device and arguments of the program that the device is for
     std::string update;                   ///< folder in the device that holds the unpacked update
 };
 
+/// One program that runs in a device.
+struct DeviceCommand {
+    std::vector<std::string> program; ///< path in the device and arguments
+    bool tellsUpdate;                 ///< the reply tells what the update holds in the end
+};
+
+/// The descriptors through which a device and the host meet.
+struct DeviceStreams {
+    int out;     ///< what the device's programs print
+    int err;     ///< their error output
+    int control; ///< a socket of whole messages, from both sides
+    int report;  ///< a file that holds the reply to the last command
+};
+
 /// The first process of a device, from its start to its end: enters the root, starts the background commands one by
-/// one and waits for each until it is up (all it started sleep, or it has ended well), runs the program, and writes
-/// to `report` a line: "status N", N as waitpid gives it, or "error TEXT" when it didn't come to that. Behind the
-/// status follow a line "SIZE PATH" for each file of the update's folder, an empty line and the bytes of its script;
-/// both are those of the root folder when the script stands there alone. All programs read nothing and write to `out`
-/// and `err`. The device and all that still runs in it end with it.
-[[noreturn]] void RunDevice(const DeviceJob &job, int out, int err, int report);
+/// one and waits for each until it is up (all it started sleep, or it has ended well). Then it runs the commands that
+/// come on `control`, one at a time, and says with a byte there that the report holds the reply: a line "status N", N
+/// as waitpid gives it, with " busy" behind when other processes are left in the device; if it is to tell of the
+/// update, behind that a line "SIZE PATH" for each file of the update's folder, an empty line and the bytes of its
+/// script, both those of the root folder when the script stands there alone. "error TEXT" is the reply of a device
+/// that couldn't do so, and its last. All programs read nothing. The device and all that runs in it end with `control`.
+[[noreturn]] void RunDevice(const DeviceJob &job, const DeviceStreams &streams);
+
+/// Gives a device a command. @return false when the device has ended.
+bool SendCommand(int control, const DeviceCommand &command);

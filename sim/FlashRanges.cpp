@@ -1,5 +1,7 @@
 #include "FlashRanges.h"
 
+#include "UEnvTool.h"
+
 #include <algorithm>
 #include <string>
 
@@ -34,13 +36,44 @@ bool WholeFlash::IsAligned(const FlashRange &range) const {
     return range.begin % EraseSize() == 0 && range.end % EraseSize() == 0;
 }
 
-std::vector<std::uint32_t> WholeFlash::BadBlocks(const FlashRange &range) const {
-    std::vector<std::uint32_t> bad;
+bool WholeFlash::IsOnFlash(const FlashRange &range) const {
+    return IsAligned(range) && range.begin >= 0 && range.end <= m_size;
+}
+
+std::vector<std::uint32_t> WholeFlash::Blocks(const FlashRange &range) const {
+    std::vector<std::uint32_t> blocks;
     const std::int64_t end = std::min(range.end, m_size);
-    for (std::int64_t offset = std::max<std::int64_t>(range.begin, 0); offset < end; offset += EraseSize()) {
-        const auto block = static_cast<std::uint32_t>(OnChip(offset) / m_chip.Geometry().eraseSize);
-        if (m_chip.IsBad(block))
-            bad.push_back(block);
+    for (std::int64_t offset = std::max<std::int64_t>(range.begin, 0); offset < end; offset += EraseSize())
+        blocks.push_back(static_cast<std::uint32_t>(OnChip(offset) / m_chip.Geometry().eraseSize));
+    return blocks;
+}
+
+std::vector<std::uint32_t> WholeFlash::GoodBlocks(const FlashRange &range) const {
+    std::vector<std::uint32_t> blocks = Blocks(range);
+    const auto isBad = [this](std::uint32_t block) { return m_chip.IsBad(block); };
+    blocks.erase(std::remove_if(blocks.begin(), blocks.end(), isBad), blocks.end());
+    return blocks;
+}
+
+std::vector<std::uint32_t> WholeFlash::BadBlocks(const FlashRange &range) const {
+    std::vector<std::uint32_t> blocks = Blocks(range);
+    const auto isGood = [this](std::uint32_t block) { return !m_chip.IsBad(block); };
+    blocks.erase(std::remove_if(blocks.begin(), blocks.end(), isGood), blocks.end());
+    return blocks;
+}
+
+std::vector<char> WholeFlash::Read(const FlashRange &range) const {
+    const std::uint32_t pageSize = m_chip.Geometry().pageSize;
+    std::vector<char> bytes(static_cast<std::size_t>(range.end - range.begin));
+    for (std::size_t done = 0; done < bytes.size(); done += pageSize) {
+        const auto page = static_cast<std::uint32_t>((OnChip(range.begin) + done) / pageSize);
+        m_chip.Read(page, 0, pageSize, reinterpret_cast<std::uint8_t *>(bytes.data() + done));
     }
-    return bad;
+    return bytes;
+}
+
+bool HasValidSeal(const std::vector<char> &environment) {
+    UEnvTool sealed(environment.data(), static_cast<int>(environment.size()));
+    sealed.UpdateCRC();
+    return std::equal(environment.begin(), environment.end(), sealed.m_pBlock);
 }

@@ -33,8 +33,16 @@ public:
     /// @return whether offset and size are whole blocks.
     bool IsAligned(const FlashRange &range) const;
 
-    /// @return the numbers of a range's bad blocks on the chip, as far as it is on the flash.
+    /// @return whether a range is whole blocks of the flash.
+    bool IsOnFlash(const FlashRange &range) const;
+
+    /// @return the numbers on the chip of a range's blocks, as far as it is on the flash: all, the good, the bad ones.
+    std::vector<std::uint32_t> Blocks(const FlashRange &range) const;
+    std::vector<std::uint32_t> GoodBlocks(const FlashRange &range) const;
     std::vector<std::uint32_t> BadBlocks(const FlashRange &range) const;
+    /// @return the bytes of a range that is on the flash, as a boot loader reads them, through the ECC.
+    std::vector<char> Read(const FlashRange &range) const;
+
     /// @return an offset in the flash as one on the chip.
     std::uint64_t OnChip(std::int64_t offset) const { return static_cast<std::uint64_t>(m_offset + offset); }
     /// @return an offset on the chip as one in the flash.
@@ -46,3 +54,6 @@ private:
     std::int64_t m_offset;
     std::int64_t m_size;
 };
+
+/// @return whether the seal of a boot environment block is that of its bytes.
+bool HasValidSeal(const std::vector<char> &environment);

@@ -190,6 +190,8 @@ BlockMark NandChip::Mark(std::uint32_t block) const {
     return IsBad(block) ? BlockMark::Bad : static_cast<BlockMark>(m_memory.blockStates[block] & kMarkBits);
 }
 
+bool NandChip::IsTouched(std::uint32_t block) const { return (m_memory.blockStates[block] & kMarkBits) != 0; }
+
 void NandChip::SetMark(std::uint32_t block, BlockMark mark) {
     std::uint8_t &state = m_memory.blockStates[block];
     state = static_cast<std::uint8_t>((state & ~kMarkBits) | static_cast<std::uint8_t>(mark));
@@ -198,6 +200,24 @@ void NandChip::SetMark(std::uint32_t block, BlockMark mark) {
 void NandChip::ForgetMarks() {
     for (std::uint32_t block = 0; block < m_geometry.Blocks(); ++block)
         SetMark(block, BlockMark::Untouched);
+}
+
+void NandChip::CopyBlock(const NandChip &other, std::uint32_t block) {
+    const std::uint32_t pages = m_geometry.PagesPerBlock();
+    const std::uint32_t first = block * pages;
+    std::memcpy(CellsOf(first), other.Cells(first), RawBlockSize());
+    std::copy_n(other.m_memory.pageStates + first, pages, m_memory.pageStates + first);
+    m_memory.blockStates[block] = other.m_memory.blockStates[block];
+}
+
+bool NandChip::HasCellsOf(const NandChip &other, std::uint32_t otherBlock, std::uint32_t block) const {
+    const std::uint32_t pages = m_geometry.PagesPerBlock();
+    return std::memcmp(Cells(block * pages), other.Cells(otherBlock * pages), RawBlockSize()) == 0;
+}
+
+bool NandChip::IsBlank(std::uint32_t block) const {
+    const std::uint8_t *cells = Cells(block * m_geometry.PagesPerBlock());
+    return std::all_of(cells, cells + RawBlockSize(), [](std::uint8_t byte) { return byte == kErasedByte; });
 }
 
 bool NandChip::Erase(std::uint32_t block, Extent extent) {
@@ -300,6 +320,10 @@ NandChip::ReadResult NandChip::Read(std::uint32_t page, std::uint32_t column, st
 
 const std::uint8_t *NandChip::Cells(std::uint32_t page) const {
     return m_memory.cells + std::size_t{page} * m_geometry.RawPageSize();
+}
+
+std::size_t NandChip::RawBlockSize() const {
+    return std::size_t{m_geometry.PagesPerBlock()} * m_geometry.RawPageSize();
 }
 
 std::uint8_t *NandChip::CellsOf(std::uint32_t page) {

@@ -100,8 +100,17 @@ public:
     void MakeWeakPage(std::uint32_t page);
 
     BlockMark Mark(std::uint32_t block) const;
+    /// @return whether a block, good or bad, was erased or programmed since ForgetMarks.
+    bool IsTouched(std::uint32_t block) const;
     /// Begins a new account: every block is untouched or bad.
     void ForgetMarks();
+
+    /// Makes a block what it is on another chip of the same geometry, its mark and its badness included.
+    void CopyBlock(const NandChip &other, std::uint32_t block);
+    /// @return whether the cells of two blocks are equal, data and OOB of all pages.
+    bool HasCellsOf(const NandChip &other, std::uint32_t otherBlock, std::uint32_t block) const;
+    /// @return whether the cells of a block are all 0xFF.
+    bool IsBlank(std::uint32_t block) const;
 
     /// @return false when the chip says that the erase failed.
     bool Erase(std::uint32_t block, Extent extent = Extent::Whole);
@@ -117,6 +126,7 @@ public:
 
 private:
     std::uint8_t *CellsOf(std::uint32_t page);
+    std::size_t RawBlockSize() const;
     void FillEcc(const PageProgram &program, std::uint8_t *oob) const;
     void SetMark(std::uint32_t block, BlockMark mark);
 

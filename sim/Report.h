@@ -8,7 +8,7 @@
 /// The report of a rehearsal, for programs: one JSON object. Fields are added from version to version, never renamed.
 ///
 ///   format       1
-///   verdict      "clean" or "findings"
+///   verdict      "clean" or "findings", of the run alone
 ///   chip         size, eraseSize, pageSize, oobSize: bytes; ecc: "host" or "chip"; badBlocks: numbers
 ///   devices      of "/proc/mtd", each: number, name, offset, size (bytes on the chip)
 ///   run          exitStatus, or null when a signal ended the updater; signal, or null; powerCut: where the power went,
@@ -21,7 +21,7 @@
 ///                imageBlocks, badBlocks (in the range, on this chip), spareBlocks (bad ones that it can take)
 ///   findings     by line, each: line, or null when it is about none; text of that line; severity: "error", "warning"
 ///                or "note"; kind: an id of Finding.h; happens, change: for people
-///   sweeps       one object a sweep, in the order in which they ran; empty without one
+///   sweeps       in the order in which they ran, each an object as DescribeSweep gives it; empty here
 nlohmann::ordered_json MakeReport(const Rehearsal &rehearsal, const Verdict &verdict, const NandChip &chip,
                                   const SimState &state);
 

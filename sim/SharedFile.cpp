@@ -1,5 +1,6 @@
 #include "SharedFile.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -8,6 +9,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -24,21 +26,48 @@ struct Descriptor {
     }
 };
 
+/// Opens a new file: whoever has an old one mapped keeps it whole.
+int OpenNew(const std::string &path) {
+    constexpr mode_t kMode = 0666;
+    unlink(path.c_str());
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kMode);
+    if (fd < 0)
+        Fail(path, errno);
+    return fd;
+}
+
+/// Written, not mapped and set: that takes the pages one by one and clears each first.
+void WriteAll(int fd, const std::uint8_t *data, std::size_t length, const std::string &path) {
+    for (std::size_t done = 0; done < length;) {
+        const ssize_t written = write(fd, data + done, length - done);
+        if (written < 0)
+            Fail(path, errno);
+        done += static_cast<std::size_t>(written);
+    }
+}
+
 } // namespace
 
-SharedFile SharedFile::Create(const std::string &path, std::uint64_t size, Room room) {
-    constexpr mode_t kMode = 0666;
-    // A new file: whoever has an old one mapped keeps it whole.
-    unlink(path.c_str());
-    const Descriptor file = {open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kMode)};
-    const auto length = static_cast<off_t>(size);
-    if (file.fd < 0 || ftruncate(file.fd, length) != 0)
+SharedFile SharedFile::Create(const std::string &path, std::uint64_t size) {
+    const Descriptor file = {OpenNew(path)};
+    if (ftruncate(file.fd, static_cast<off_t>(size)) != 0)
         Fail(path, errno);
-    if (room == Room::AtOnce) {
-        if (const int error = posix_fallocate(file.fd, 0, length))
-            Fail(path, error);
-    }
     return Map(file.fd, size, path);
+}
+
+SharedFile SharedFile::CreateFull(const std::string &path, std::uint64_t size, std::uint8_t byte) {
+    constexpr std::size_t kPart = 1 << 20;
+    const Descriptor file = {OpenNew(path)};
+    const std::vector<std::uint8_t> part(static_cast<std::size_t>(std::min<std::uint64_t>(size, kPart)), byte);
+    for (std::uint64_t done = 0; done < size; done += part.size())
+        WriteAll(file.fd, part.data(), static_cast<std::size_t>(std::min<std::uint64_t>(size - done, part.size())),
+                 path);
+    return Map(file.fd, size, path);
+}
+
+void SharedFile::Copy(const SharedFile &from, const std::string &path) {
+    const Descriptor file = {OpenNew(path)};
+    WriteAll(file.fd, from.m_data, from.m_size, path);
 }
 
 SharedFile SharedFile::Open(const std::string &path) {

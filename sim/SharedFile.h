@@ -7,12 +7,17 @@
 /// A file in memory, read and written by every process that maps it.
 class SharedFile {
 public:
-    /// When a new file takes its room on the disk.
-    enum class Room { AtOnce, AsWritten };
+    /// Makes a file of `size` zero bytes in place of any that stands there. It takes room as it is written.
+    /// @throw std::runtime_error with one line
+    static SharedFile Create(const std::string &path, std::uint64_t size);
 
-    /// Makes a file of `size` zero bytes in place of any that stands there.
-    /// @throw std::runtime_error with one line, for want of room too when that is taken at once
-    static SharedFile Create(const std::string &path, std::uint64_t size, Room room);
+    /// Makes one that holds the same byte all over. It takes its room at once.
+    /// @throw std::runtime_error with one line, for want of room too
+    static SharedFile CreateFull(const std::string &path, std::uint64_t size, std::uint8_t byte);
+
+    /// Makes one that holds what another does. It takes its room at once.
+    /// @throw std::runtime_error with one line, for want of room too
+    static void Copy(const SharedFile &from, const std::string &path);
 
     /// Maps the whole of a file that is there.
     /// @throw std::runtime_error with one line

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -15,10 +16,14 @@
 #include <poll.h>
 #include <sstream>
 #include <stdexcept>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <termios.h>
+#include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -27,9 +32,6 @@ constexpr const char *kChipPlace = "/.flashsim/chip";
 constexpr const char *kStatePlace = "/.flashsim/state";
 /// Beside the cells, as ChipFile keeps it.
 constexpr const char *kChipStates = ".chip";
-
-/// Where a device's prepare script unpacks an image.
-constexpr const char *kUnpackedUpdate = "/tmp/update";
 
 /// The caller's variables that reach the device's programs.
 constexpr const char *kPassedOn[] = {"TERM", "LSAN_OPTIONS", "UBSAN_OPTIONS"};
@@ -65,27 +67,9 @@ Channel MakeConsole() {
     return console;
 }
 
-/// The device's first process, seen from the host; everything in the device ends with it.
-class DeviceProcess {
-public:
-    explicit DeviceProcess(pid_t pid) : m_nPid(pid) {}
-    ~DeviceProcess() { End(); }
-    DeviceProcess(const DeviceProcess &) = delete;
-    DeviceProcess &operator=(const DeviceProcess &) = delete;
-
-    /// Waits for its end.
-    void Join() { waitpid(std::exchange(m_nPid, -1), nullptr, 0); }
-
-    void End() {
-        if (m_nPid > 0) {
-            kill(m_nPid, SIGKILL);
-            Join();
-        }
-    }
-
-private:
-    pid_t m_nPid;
-};
+std::string UpdaterPlace(const RunSettings &settings) {
+    return "/bin/" + std::filesystem::path(settings.program).filename().string();
+}
 
 /// The nodes and sysfs files by which programs find the MTD devices.
 void AddMtdFiles(const RunSettings &settings, const NandGeometry &geometry, DeviceLayout &layout) {
@@ -129,8 +113,6 @@ std::vector<std::string> Environment(const std::string &programName) {
 
 DeviceJob MakeJob(const RunSettings &settings, const std::string &chip, const std::string &state) {
     DeviceJob job;
-    const std::string programName = std::filesystem::path(settings.program).filename();
-    const std::string program = "/bin/" + programName;
     job.layout.root = settings.root;
     job.layout.mounts = settings.mounts;
     std::sort(job.layout.mounts.begin(), job.layout.mounts.end());
@@ -140,19 +122,50 @@ DeviceJob MakeJob(const RunSettings &settings, const std::string &chip, const st
         {chip, kChipPlace, Showing::Shared},
         {chip + kChipStates, std::string(kChipPlace) + kChipStates, Showing::Shared},
         {state, kStatePlace, Showing::Shared},
-        {settings.program, program, Showing::ReadOnly},
+        {settings.program, UpdaterPlace(settings), Showing::ReadOnly},
         {settings.update, settings.place, Showing::Private},
     };
-    job.environment = Environment(programName);
+    job.environment = Environment(std::filesystem::path(settings.program).filename());
     job.starts = settings.starts;
-    job.update = std::filesystem::is_directory(settings.update) ? settings.place : kUnpackedUpdate;
-    job.program = {program, settings.place};
-    job.program.insert(job.program.end(), settings.arguments.begin(), settings.arguments.end());
+    job.update = IsImage(settings) ? kUnpackedUpdate : settings.place;
     return job;
 }
 
+/// Takes a device's reply to a command into an outcome.
+void TakeReport(const ScopedFd &report, RunOutcome &outcome) {
+    std::string text;
+    char buffer[65536];
+    for (ssize_t count = 0; (count = pread(report.Get(), buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0;)
+        text.append(buffer, static_cast<size_t>(count));
+    std::istringstream lines(text);
+    std::string line;
+    std::getline(lines, line);
+    if (line.rfind("error ", 0) == 0)
+        throw std::runtime_error(line.substr(strlen("error ")));
+    if (sscanf(line.c_str(), "status %d", &outcome.status) != 1)
+        throw std::runtime_error("the simulated device ended without a word");
+    outcome.leavesProcesses = line.find(" busy") != std::string::npos;
+    while (std::getline(lines, line) && !line.empty()) {
+        char *path = nullptr;
+        const std::uint64_t size = strtoull(line.c_str(), &path, 10);
+        if (*path == ' ')
+            outcome.files[path + 1] = size;
+    }
+    outcome.script.assign(std::istreambuf_iterator<char>(lines), {});
+}
+
+using Clock = std::chrono::steady_clock;
+
+/// @return milliseconds until an end, as poll takes them.
+int TimeLeft(Clock::time_point end) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+    return static_cast<int>(std::max<std::int64_t>(left, 0));
+}
+
+} // namespace
+
 /// One of the device's streams on its way to its reader.
-struct Stream {
+struct UpdateDevice::Stream {
     ScopedFd source;
     int passTo;
     std::string text;
@@ -176,79 +189,124 @@ struct Stream {
                 done += static_cast<size_t>(written);
         }
     }
+
+    /// Takes what comes until all who may write have ended.
+    void TakeAll() {
+        while (source.Get() >= 0)
+            Take();
+    }
+
+    /// Takes what is there, without waiting for more.
+    void TakeRest() {
+        for (int left = 0; source.Get() >= 0 && ioctl(source.Get(), FIONREAD, &left) == 0 && left > 0;)
+            Take();
+    }
 };
 
-/// Follows both streams to their ends.
-/// @return false when a held signal came before.
-bool Follow(Stream &out, Stream &err, const HeldSignals &signals) {
-    while (out.source.Get() >= 0 || err.source.Get() >= 0) {
-        pollfd waits[] = {
-            {signals.Descriptor(), POLLIN, 0}, {out.source.Get(), POLLIN, 0}, {err.source.Get(), POLLIN, 0}};
-        if (poll(waits, 3, -1) < 0 && errno != EINTR)
+UpdateDevice::UpdateDevice(const RunSettings &settings, const std::string &chip, const std::string &state)
+    // A reply may be more than a message holds.
+    : m_report(memfd_create("report", MFD_CLOEXEC)), m_bIsConsole(settings.isConsole) {
+    const DeviceJob job = MakeJob(settings, chip, state);
+    Channel out = settings.isConsole ? MakeConsole() : MakePipe();
+    Channel err = MakePipe();
+    int ends[2];
+    if (m_report.Get() < 0 || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) < 0)
+        Fail("can't make the device's streams");
+    m_control = ScopedFd(ends[0]);
+    const ScopedFd control(ends[1]);
+    m_nPid = ForkIntoNamespaces();
+    if (m_nPid == 0) {
+        // Not even a killed simulator leaves its device running.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        RunDevice(job, {out.writer.Get(), err.writer.Get(), control.Get(), m_report.Get()});
+    }
+    m_out = std::make_unique<Stream>(Stream{std::move(out.reader), settings.passOut, ""});
+    m_err = std::make_unique<Stream>(Stream{std::move(err.reader), settings.passErr, ""});
+}
+
+UpdateDevice::~UpdateDevice() { End(); }
+
+/// Everything in the device ends with its first process.
+void UpdateDevice::End() {
+    if (m_nPid <= 0)
+        return;
+    kill(m_nPid, SIGKILL);
+    waitpid(std::exchange(m_nPid, -1), nullptr, 0);
+}
+
+RunOutcome UpdateDevice::Run(const std::vector<std::string> &program, bool tellsUpdate, const HeldSignals &signals,
+                             int milliseconds) {
+    RunOutcome outcome;
+    // A device that has ended says in its report why.
+    SendCommand(m_control.Get(), {program, tellsUpdate});
+    const bool isDone = Follow(outcome, signals, milliseconds);
+    // What was printed on a console comes later than the reply; its end doesn't.
+    if (!isDone || m_bIsConsole)
+        End();
+    for (Stream *stream : {m_out.get(), m_err.get()}) {
+        if (m_nPid > 0)
+            stream->TakeRest();
+        else
+            stream->TakeAll();
+    }
+    outcome.out.swap(m_out->text);
+    outcome.err.swap(m_err->text);
+    if (isDone)
+        TakeReport(m_report, outcome);
+    return outcome;
+}
+
+/// Takes the streams as they come until the device replies.
+/// @return false when the run is to end before.
+bool UpdateDevice::Follow(RunOutcome &outcome, const HeldSignals &signals, int milliseconds) {
+    m_out->text.clear();
+    m_err->text.clear();
+    const Clock::time_point end = Clock::now() + std::chrono::milliseconds(milliseconds);
+    while (true) {
+        pollfd waits[] = {{signals.Descriptor(), POLLIN, 0},
+                          {m_out->source.Get(), POLLIN, 0},
+                          {m_err->source.Get(), POLLIN, 0},
+                          {m_control.Get(), POLLIN, 0}};
+        const int count = poll(waits, std::size(waits), milliseconds == kNoLimit ? -1 : TimeLeft(end));
+        if (count < 0 && errno != EINTR)
             Fail("can't follow the updater");
-        if (waits[0].revents != 0)
+        outcome.isInterrupted = waits[0].revents != 0;
+        outcome.isOverdue = count == 0;
+        if (outcome.isInterrupted || outcome.isOverdue)
             return false;
         if (waits[1].revents != 0)
-            out.Take();
+            m_out->Take();
         if (waits[2].revents != 0)
-            err.Take();
+            m_err->Take();
+        if (waits[3].revents != 0) {
+            char reply = 0;
+            recv(m_control.Get(), &reply, sizeof reply, 0);
+            return true;
+        }
     }
-    return true;
 }
 
-/// Takes the device's report into an outcome.
-void TakeReport(const ScopedFd &report, RunOutcome &outcome) {
-    lseek(report.Get(), 0, SEEK_SET);
-    Stream stream = {ScopedFd(dup(report.Get())), -1, ""};
-    while (stream.source.Get() >= 0)
-        stream.Take();
-    std::istringstream text(stream.text);
-    std::string line;
-    std::getline(text, line);
-    if (line.rfind("error ", 0) == 0)
-        throw std::runtime_error(line.substr(strlen("error ")));
-    if (sscanf(line.c_str(), "status %d", &outcome.status) != 1)
-        throw std::runtime_error("the simulated device ended without a word");
-    while (std::getline(text, line) && !line.empty()) {
-        char *path = nullptr;
-        const std::uint64_t size = strtoull(line.c_str(), &path, 10);
-        if (*path == ' ')
-            outcome.files[path + 1] = size;
-    }
-    outcome.script.assign(std::istreambuf_iterator<char>(text), {});
-}
+bool IsImage(const RunSettings &settings) { return !std::filesystem::is_directory(settings.update); }
 
-} // namespace
+std::vector<std::string> UpdaterCommand(const RunSettings &settings) {
+    std::vector<std::string> command = {UpdaterPlace(settings), settings.place};
+    command.insert(command.end(), settings.arguments.begin(), settings.arguments.end());
+    return command;
+}
 
 RunOutcome RunUpdate(const RunSettings &settings, const std::string &chip, const std::string &state,
                      const HeldSignals &signals) {
     SimState::Create(state, settings.sim);
-    const DeviceJob job = MakeJob(settings, chip, state);
-    Channel out = settings.isConsole ? MakeConsole() : MakePipe();
-    Channel err = MakePipe();
-    // It may hold more than a pipe does while nobody reads.
-    const ScopedFd report(memfd_create("report", MFD_CLOEXEC));
-    if (report.Get() < 0)
-        Fail("can't make the device's report");
-    const pid_t pid = ForkIntoNamespaces();
-    if (pid == 0) {
-        // Not even a killed simulator leaves its device running.
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        RunDevice(job, out.writer.Get(), err.writer.Get(), report.Get());
-    }
-    DeviceProcess device(pid);
-    out.writer.Close();
-    err.writer.Close();
+    return UpdateDevice(settings, chip, state).Run(UpdaterCommand(settings), true, signals);
+}
 
-    Stream outStream = {std::move(out.reader), settings.passOut, ""};
-    Stream errStream = {std::move(err.reader), settings.passErr, ""};
-    RunOutcome outcome;
-    outcome.isInterrupted = !Follow(outStream, errStream, signals);
-    if (!outcome.isInterrupted) {
-        device.Join();
-        TakeReport(report, outcome);
-    }
-    outcome.out = std::move(outStream.text);
-    outcome.err = std::move(errStream.text);
-    return outcome;
+RunOutcome ReadUpdate(const RunSettings &settings, const std::string &chip, const std::string &state,
+                      const HeldSignals &signals) {
+    RunSettings quiet = settings;
+    quiet.starts.clear();
+    quiet.passOut = quiet.passErr = -1;
+    quiet.isConsole = false;
+    SimState::Create(state, quiet.sim);
+    const std::string command = IsImage(settings) ? "/app/prepare_flashrig.sh " + settings.place : ":";
+    return UpdateDevice(quiet, chip, state).Run({"/bin/sh", "-c", command}, true, signals);
 }

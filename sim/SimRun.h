@@ -1,11 +1,14 @@
 #pragma once
 
 #include "HeldSignals.h"
+#include "ScopedFd.h"
 #include "SimState.h"
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 /// One update and the device that it runs in. Paths are the host's unless said otherwise.
@@ -28,18 +31,69 @@ struct RunSettings {
 /// What came of a run. The counters and the trace are in the state file.
 struct RunOutcome {
     bool isInterrupted = false;                 ///< a held signal ended it early
-    int status = 0;                             ///< the updater's, as waitpid gives it; 0 when interrupted
+    bool isOverdue = false;                     ///< it took longer than it was given, and was ended
+    bool leavesProcesses = false;               ///< others than the updater still run in the device
+    int status = 0;                             ///< the updater's, as waitpid gives it; 0 when ended early
     std::string out;                            ///< all output of the updater and of whatever it and the device started
     std::string err;                            ///< the same for the error output
     std::string script;                         ///< bytes of the update's script, as it stands in the device at the end
     std::map<std::string, std::uint64_t> files; ///< sizes of the update's files by path below the script's folder
 };
 
-/// Runs the update once in a device of its own. Nothing of the host changes but the chip and the state file.
-/// Nothing is shared between runs: several processes may run updates at the same time, each on its own chip.
+/// A simulated device with an update in it. Nothing of the host changes but the chip and the state file; several
+/// processes may have devices at the same time, each on its own chip. What runs leave behind in the device's files
+/// and processes, later runs find there.
+class UpdateDevice {
+public:
+    static constexpr int kNoLimit = -1;
+
+    /// Begins to build it. What goes wrong with that, the first run tells.
+    /// @param chip path of a chip's files, which runs change
+    /// @param state path of the state file of its runs, which is there
+    UpdateDevice(const RunSettings &settings, const std::string &chip, const std::string &state);
+    ~UpdateDevice();
+    UpdateDevice(const UpdateDevice &) = delete;
+    UpdateDevice &operator=(const UpdateDevice &) = delete;
+
+    /// Runs a program to its end. When it is ended early or has a console, the device ends with it and runs nothing
+    /// more.
+    /// @param program path in the device and arguments
+    /// @param signals a held signal ends the run
+    /// @param milliseconds how long it may take
+    /// @throws std::runtime_error with one line when the program didn't get to run.
+    RunOutcome Run(const std::vector<std::string> &program, bool tellsUpdate, const HeldSignals &signals,
+                   int milliseconds = kNoLimit);
+
+private:
+    void End();
+    bool Follow(RunOutcome &outcome, const HeldSignals &signals, int milliseconds);
+
+    struct Stream;
+    std::unique_ptr<Stream> m_out, m_err;
+    ScopedFd m_control;
+    ScopedFd m_report;
+    bool m_bIsConsole;
+    pid_t m_nPid = -1;
+};
+
+/// Where a device's prepare script unpacks an image.
+constexpr const char *kUnpackedUpdate = "/tmp/update";
+
+/// @return whether the update is an image, which a device unpacks, and no folder.
+bool IsImage(const RunSettings &settings);
+
+/// @return the updater's path in the device and its arguments.
+std::vector<std::string> UpdaterCommand(const RunSettings &settings);
+
+/// Runs the update once in a device of its own.
 /// @param chip path of a chip's files, which the run changes
 /// @param state path of the state file, made anew for this run
 /// @param signals a held signal ends the run
 /// @throws std::runtime_error with one line when the updater didn't get to run.
 RunOutcome RunUpdate(const RunSettings &settings, const std::string &chip, const std::string &state,
                      const HeldSignals &signals);
+
+/// Looks into an update without running it: only a device's prepare script runs, on a chip of no account.
+/// @return an outcome with the script and the files
+RunOutcome ReadUpdate(const RunSettings &settings, const std::string &chip, const std::string &state,
+                      const HeldSignals &signals);

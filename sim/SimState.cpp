@@ -85,8 +85,35 @@ struct SimState::Shared {
     Flag openFileCount;
     OpenFile openFiles[kMaxOpenFiles];
 
+    /// Sets everything but the magic, the trace and its room.
+    void Begin(const SimSettings &settings);
     char *TraceText() { return reinterpret_cast<char *>(this + 1); }
 };
+
+void SimState::Shared::Begin(const SimSettings &settings) {
+    if (settings.devices.size() > kMaxDevices)
+        throw std::runtime_error("more than " + std::to_string(kMaxDevices) + " devices");
+    if (settings.faults.size() > kMaxFaults)
+        throw std::runtime_error("more than " + std::to_string(kMaxFaults) + " faults");
+    cutAtChange = settings.cutAtChange;
+    deviceCount = 0;
+    for (const SimDevice &device : settings.devices) {
+        if (device.name.size() > kMaxName)
+            throw std::runtime_error("a device name of more than " + std::to_string(kMaxName) + " characters");
+        StoredDevice &stored = devices[deviceCount++];
+        stored = {device.number, {}, device.offset, device.size};
+        device.name.copy(stored.name, kMaxName);
+    }
+    faultCount = 0;
+    for (const SimFault &fault : settings.faults)
+        faults[faultCount++] = fault;
+    for (Counter &count : requests)
+        count = 0;
+    changes = 0;
+    traceEnd = 0;
+    powerIsOff = 0;
+    openFileCount = 0;
+}
 
 const char *RequestName(RequestKind kind) { return kRequestNames[static_cast<std::size_t>(kind)]; }
 
@@ -114,28 +141,18 @@ bool ParseFault(const std::string &text, SimFault &fault) {
 }
 
 void SimState::Create(const std::string &path, const SimSettings &settings) {
-    if (settings.devices.size() > kMaxDevices)
-        throw std::runtime_error("more than " + std::to_string(kMaxDevices) + " devices");
-    if (settings.faults.size() > kMaxFaults)
-        throw std::runtime_error("more than " + std::to_string(kMaxFaults) + " faults");
-    for (const SimDevice &device : settings.devices) {
-        if (device.name.size() > kMaxName)
-            throw std::runtime_error("a device name of more than " + std::to_string(kMaxName) + " characters");
-    }
-    const SharedFile file = SharedFile::Create(path, sizeof(Shared) + settings.traceLimit, SharedFile::Room::AsWritten);
+    const SharedFile file = SharedFile::Create(path, sizeof(Shared) + settings.traceLimit);
     auto *shared = reinterpret_cast<Shared *>(file.Data());
-    shared->cutAtChange = settings.cutAtChange;
+    shared->Begin(settings);
     shared->traceLimit = settings.traceLimit;
-    for (const SimDevice &device : settings.devices) {
-        StoredDevice &stored = shared->devices[shared->deviceCount++];
-        stored.number = device.number;
-        stored.offset = device.offset;
-        stored.size = device.size;
-        device.name.copy(stored.name, kMaxName);
-    }
-    for (const SimFault &fault : settings.faults)
-        shared->faults[shared->faultCount++] = fault;
     std::memcpy(shared->magic, kMagic, sizeof kMagic);
+}
+
+void SimState::Restart(const SimSettings &settings) {
+    // The rest has never been used, and would take room in memory by being cleared.
+    const std::uint64_t traced = std::min<std::uint64_t>(m_shared->traceEnd, m_shared->traceLimit);
+    std::memset(m_shared->TraceText(), 0, static_cast<std::size_t>(traced));
+    m_shared->Begin(settings);
 }
 
 SimState::SimState(const std::string &path)

@@ -71,6 +71,10 @@ public:
     /// @throw std::runtime_error with one line when the file is missing or isn't a run's state
     explicit SimState(const std::string &path);
 
+    /// Makes it the state of another run, which begins now.
+    /// @throw std::runtime_error with one line when the settings have too much of something
+    void Restart(const SimSettings &settings);
+
     std::vector<SimDevice> Devices() const;
     /// The text of "/proc/mtd".
     /// @param eraseSize of the chip, in bytes

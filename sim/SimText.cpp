@@ -142,6 +142,23 @@ SimFault ReadFault(const std::string &text) {
     return fault;
 }
 
+std::string BlocksText(const std::vector<std::uint32_t> &ascending) {
+    std::string text;
+    for (size_t first = 0, last = 0; first < ascending.size(); first = ++last) {
+        while (last + 1 < ascending.size() && ascending[last + 1] == ascending[last] + 1)
+            ++last;
+        text += (text.empty() ? "" : ",") + std::to_string(ascending[first]);
+        if (last > first)
+            text += "-" + std::to_string(ascending[last]);
+    }
+    return text;
+}
+
+std::string FaultText(const SimFault &fault) {
+    return std::string(RequestName(fault.kind)) + (fault.nth == 0 ? "" : ":" + std::to_string(fault.nth)) + "=" +
+           ErrnoName(fault.error);
+}
+
 std::string SizeText(std::uint64_t bytes) {
     const char *unit = " bytes";
     for (const char *larger : {" KiB", " MiB", " GiB"}) {

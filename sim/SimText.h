@@ -31,6 +31,10 @@ std::vector<SimDevice> DefaultDevices(const NandGeometry &geometry);
 /// Reads a fault as SimState.h tells it.
 SimFault ReadFault(const std::string &text);
 
+/// @return block numbers and a fault as they are read here.
+std::string BlocksText(const std::vector<std::uint32_t> &ascending);
+std::string FaultText(const SimFault &fault);
+
 /// Cuts a text at commas. An empty text has no items.
 std::vector<std::string> SplitList(const std::string &text);
 

@@ -345,18 +345,6 @@ private:
             AddForRun("stopped", happens, "see how the updater ended");
     }
 
-    /// @return the bytes of a range as a boot loader reads them, through the ECC.
-    std::vector<char> ReadRange(const FlashRange &range) const {
-        const std::uint32_t pageSize = m_chip.Geometry().pageSize;
-        std::vector<char> bytes(static_cast<std::size_t>(range.end - range.begin));
-        for (std::size_t done = 0; done < bytes.size(); done += pageSize) {
-            const std::uint64_t place = m_flash.OnChip(range.begin) + done;
-            m_chip.Read(static_cast<std::uint32_t>(place / pageSize), 0, pageSize,
-                        reinterpret_cast<std::uint8_t *>(bytes.data() + done));
-        }
-        return bytes;
-    }
-
     void JudgeEnvironments() {
         std::vector<FlashRange> judged;
         for (const LineVerdict &verdict : m_verdict.lines) {
@@ -387,18 +375,16 @@ private:
             last = &verdict.line;
             setters[last->Name()] = last;
         }
-        const std::vector<char> bytes = ReadRange(range);
+        const std::vector<char> bytes = m_flash.Read(range);
         const auto size = static_cast<int>(bytes.size());
         const UEnvTool block(bytes.data(), size);
-        UEnvTool sealed(bytes.data(), size);
-        sealed.UpdateCRC();
         const auto bad = static_cast<std::int64_t>(m_flash.BadBlocks(range).size());
         // The list as it lies in the block, which a reading may not see to its end.
         std::size_t length = bytes.size() - kSealBytes;
         while (length > 0 && bytes[kSealBytes + length - 1] == '\0')
             --length;
         const std::size_t excess = std::max(length + 1 + kLostOfEnvironment, bytes.size()) - bytes.size();
-        if (!std::equal(bytes.begin(), bytes.end(), sealed.m_pBlock)) {
+        if (!HasValidSeal(bytes)) {
             Add(*last, "environment-lost",
                 bad > 0
                     ? "its range holds " + Count(bad, "bad block") + ": the last " +

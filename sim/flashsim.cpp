@@ -4,14 +4,20 @@
 #include "ChipPicture.h"
 #include "FlashRanges.h"
 #include "HeldSignals.h"
+#include "ProgressBar.h"
 #include "Report.h"
 #include "RunSummary.h"
 #include "SimRun.h"
 #include "SimText.h"
+#include "Sweep.h"
+#include "SweepReport.h"
 #include "TempFolder.h"
+#include "UsedChip.h"
 #include "Verdict.h"
+#include "Workers.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -25,6 +31,7 @@
 #include <sys/ioctl.h>
 #include <tuple>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -57,6 +64,8 @@ Examples:
       the third raw page program fails; every request is told in requests.txt
   flashsim --cut 100 --flash unit7.nand update/ ; flashsim --flash unit7.nand update/
       the power goes in the middle of the 100th page or block; the update is run again
+  flashsim --sweep bad --sweep cut --sweep faults update/
+      tells whether the update holds with bad blocks, power cuts and failing requests wherever they may come
   flashsim --root device/ --mount /opt --start 'exec /opt/bin/HeartGuard' update/
       an application runs from a mounted /opt, for an update that stops and unmounts it)";
 
@@ -65,6 +74,7 @@ struct Options {
     std::string bad;
     std::string ecc;
     std::string flash;
+    bool isUsed = false;
     std::string trace;
     std::string report;
     std::string map;
@@ -77,6 +87,11 @@ struct Options {
     std::vector<std::string> starts;
     std::string program;
     bool isRaw = false;
+    std::vector<std::string> sweeps;
+    std::uint64_t every = 1;
+    std::uint64_t sets = 100;
+    std::uint64_t seed = 1;
+    unsigned jobs = CoreCount();
     std::string place;
     std::string update;
     std::vector<std::string> arguments;
@@ -125,6 +140,9 @@ void Describe(CLI::App &app, Options &options) {
     add("--ecc", "host|chip", options.ecc, "who keeps it; host: raw writes leave none and later reads suffer [host]");
     add("--flash", "FILE", options.flash, "keep the chip in FILE and FILE.chip; made when missing");
 
+    app.add_flag("--used", options.isUsed, "a new chip of a device in use: full of old data, variables in environments")
+        ->group(group);
+
     group = "The device (--mtd, --mount and --start may be repeated)";
     add("--mtd", "N:NAME[:OFFSET,SIZE]", options.devices, "an MTD device [0:boot 1:kernel 9:opt 12:all]");
     add("--no-sysfs", "LIST", options.missingSysfs, "sysfs files of MTD devices that are missing: erasesize,oobsize");
@@ -142,31 +160,14 @@ void Describe(CLI::App &app, Options &options) {
     add("--report", "FILE.json", options.report, "write the verdict and what it is drawn from, for programs");
     add("--map", "FILE.svg", options.map, "draw the chip, the script's ranges and the percentages");
     app.add_flag("--raw", options.isRaw, "only the updater's own output and exit status, for scripts")->group(group);
-}
 
-/// Makes the chip, or takes the one that is kept. Blocks that are to be bad are so in either case.
-void PrepareChip(const Options &options, const std::string &path) {
-    const NandGeometry geometry = ParseGeometry(options.chip.empty() ? kUsualChip : options.chip);
-    const Ecc ecc = ParseEcc(options.ecc.empty() ? kUsualEcc : options.ecc);
-    const std::vector<std::uint32_t> bad = ParseBlocks(options.bad);
-    if (!fs::exists(path)) {
-        ChipFile::Create(path, geometry, ecc, bad);
-        return;
-    }
-    ChipFile file(path);
-    NandChip &kept = file.Chip();
-    const NandGeometry &its = kept.Geometry();
-    const bool isAsked = std::tie(geometry.size, geometry.eraseSize, geometry.pageSize, geometry.oobSize) ==
-                         std::tie(its.size, its.eraseSize, its.pageSize, its.oobSize);
-    if ((!options.chip.empty() && !isAsked) || (!options.ecc.empty() && ecc != kept.EccMode()))
-        throw std::invalid_argument("the chip in " + path + " is another one than asked for");
-    for (std::uint32_t block : bad) {
-        if (block >= its.Blocks())
-            throw std::invalid_argument("block " + std::to_string(block) + " is not on the chip in " + path);
-        if (!kept.IsBad(block))
-            kept.MarkBad(block);
-    }
-    kept.ForgetMarks();
+    group = "Sweeps (--sweep may be repeated): many runs from a --used chip or a copy of --flash, without notify calls";
+    add("--sweep", "bad|cut|faults", options.sweeps, "each block bad; power cut at each change; each request failing")
+        ->check(CLI::IsMember({"bad", "cut", "faults"}));
+    add("--every", "K", options.every, "only each K-th cut or fault [1]")->check(CLI::PositiveNumber);
+    add("--sets", "N", options.sets, "bad: sets of bad blocks, as many as the ranges bear, after single ones [100]");
+    add("--seed", "S", options.seed, "bad: what the sets are drawn from [1]");
+    add("--jobs", "N", options.jobs, "runs at the same time [one a core]")->check(CLI::Range(1, 1024));
 }
 
 RunSettings Settings(const Options &options, const NandGeometry &geometry) {
@@ -197,6 +198,38 @@ RunSettings Settings(const Options &options, const NandGeometry &geometry) {
     settings.program = options.program.empty() ? Companion("flashrig") : options.program;
     settings.preload = Companion("libflashsim.so");
     return settings;
+}
+
+/// Makes the chip, or takes the one that is kept. Blocks that are to be bad are so in either case.
+void PrepareChip(const Options &options, const std::string &path, const std::string &statePath,
+                 const HeldSignals &signals) {
+    const NandGeometry geometry = ParseGeometry(options.chip.empty() ? kUsualChip : options.chip);
+    const Ecc ecc = ParseEcc(options.ecc.empty() ? kUsualEcc : options.ecc);
+    const bool isNew = !fs::exists(path);
+    if (isNew)
+        ChipFile::Create(path, geometry, ecc, {});
+    else if (options.isUsed)
+        throw std::invalid_argument(path + " is there already: --used fills a new chip");
+    ChipFile file(path);
+    NandChip &chip = file.Chip();
+    const NandGeometry &its = chip.Geometry();
+    const bool isAsked = std::tie(geometry.size, geometry.eraseSize, geometry.pageSize, geometry.oobSize) ==
+                         std::tie(its.size, its.eraseSize, its.pageSize, its.oobSize);
+    if ((!options.chip.empty() && !isAsked) || (!options.ecc.empty() && ecc != chip.EccMode()))
+        throw std::invalid_argument("the chip in " + path + " is another one than asked for");
+    if (isNew && (options.isUsed || !options.sweeps.empty())) {
+        const RunSettings settings = Settings(options, its);
+        const RunOutcome update = ReadUpdate(settings, path, statePath, signals);
+        UseUp(chip, settings.sim.devices, ReadUpdateLines(VisibleScript(update.script)));
+    }
+    for (std::uint32_t block : ParseBlocks(options.bad)) {
+        if (block >= its.Blocks())
+            throw std::invalid_argument("bad block " + std::to_string(block) + " isn't on the chip, which has " +
+                                        std::to_string(its.Blocks()) + " blocks");
+        if (!chip.IsBad(block))
+            chip.MarkBad(block);
+    }
+    chip.ForgetMarks();
 }
 
 void Save(const std::string &text, const std::string &path, const char *what) {
@@ -234,14 +267,74 @@ size_t TerminalWidth() {
     return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kUsualWidth;
 }
 
-int Rehearse(const Options &options) {
+/// The options that a sweep's own runs have in common with the command line.
+RerunWords RecallOptions(const CLI::App &app, const Options &options) {
+    constexpr const char *kOthers[] = {"bad",   "flash", "used", "trace", "report", "map",
+                                       "sweep", "every", "sets", "seed",  "jobs"};
+    RerunWords words;
+    for (const CLI::Option *option : app.get_options()) {
+        const std::string name = option->get_single_name();
+        const bool isOther = std::find(std::begin(kOthers), std::end(kOthers), name) != std::end(kOthers);
+        if (option->get_positional() || isOther)
+            continue;
+        for (const std::string &value : option->results())
+            words.options += " --" + name + " " + ShellWord(value);
+    }
+    words.update = ShellWord(options.update);
+    for (const std::string &argument : options.arguments)
+        words.update += " " + ShellWord(argument);
+    if (words.update.find(" -") != std::string::npos)
+        words.update.insert(0, "-- ");
+    if (!options.flash.empty())
+        words.flash = ShellWord(options.flash);
+    words.bad = ParseBlocks(options.bad);
+    return words;
+}
+
+/// Carries out the sweeps that are asked for, and tells of each as it ends.
+/// @return whether all of them held.
+bool RunSweeps(const Options &options, const RunSettings &settings, const std::string &start, const RerunWords &words,
+               const HeldSignals &signals, nlohmann::ordered_json &described) {
+    constexpr SweepKind kKinds[] = {SweepKind::Bad, SweepKind::Cut, SweepKind::Faults};
+    const Sweeper sweeper(settings, start, signals);
+    bool held = true;
+    for (const std::string &name : options.sweeps) {
+        const auto *kind =
+            std::find_if(std::begin(kKinds), std::end(kKinds), [&](SweepKind it) { return name == SweepName(it); });
+        const SweepSettings sweep = {*kind, options.every, options.sets, options.seed, options.jobs};
+        SweepResult result;
+        {
+            ProgressBar bar("sweep " + name);
+            result = sweeper.Run(sweep, [&bar](const SweepResult &now) {
+                const std::size_t failed = now.failures.size();
+                bar.Show(now.done, now.planned, failed == 0 ? "" : std::to_string(failed) + " didn't hold");
+            });
+        }
+        printf("%s", SweepText(result, words, kScriptName).c_str());
+        fflush(stdout);
+        described.push_back(DescribeSweep(result, words));
+        held = held && result.Held();
+        if (result.isInterrupted)
+            break;
+    }
+    return held;
+}
+
+int Rehearse(const Options &options, const RerunWords &words) {
     const HeldSignals signals;
     const TempFolder folder;
-    const std::string path = options.flash.empty() ? folder.File("flash") : options.flash;
-    PrepareChip(options, path);
-    const ChipFile chip(path);
+    const bool isSwept = !options.sweeps.empty();
+    const std::string path = options.flash.empty() || isSwept ? folder.File("flash") : options.flash;
     const std::string statePath = folder.File("state");
-    const RunOutcome outcome = RunUpdate(Settings(options, chip.Chip().Geometry()), path, statePath, signals);
+    if (isSwept && !options.flash.empty())
+        ChipFile::Copy(options.flash, path);
+    PrepareChip(options, path, statePath, signals);
+    const std::string start = folder.File("start");
+    if (isSwept)
+        ChipFile::Copy(path, start);
+    const ChipFile chip(path);
+    const RunSettings settings = Settings(options, chip.Chip().Geometry());
+    const RunOutcome outcome = RunUpdate(settings, path, statePath, signals);
     const SimState state(statePath);
     if (!options.trace.empty())
         SaveTrace(state, options.trace);
@@ -249,19 +342,29 @@ int Rehearse(const Options &options) {
                                  outcome.out,    outcome.err,   state.TraceText(), state.CutPlace()};
     const bool isJudged = !outcome.isInterrupted && options.WantsVerdict();
     const Verdict verdict = isJudged ? Judge(rehearsal, chip.Chip()) : Verdict();
-    if (isJudged && !options.report.empty())
-        Save(ReportText(MakeReport(rehearsal, verdict, chip.Chip(), state)), options.report, "report");
+    if (!options.isRaw) {
+        const RunSummary summary(chip.Chip(), state, outcome);
+        printf("\n%s", summary.Text(TerminalWidth(), WantsColour()).c_str());
+        if (isJudged)
+            printf("%s", VerdictText(verdict, kScriptName).c_str());
+        fflush(stdout);
+    }
+    nlohmann::ordered_json sweeps = nlohmann::ordered_json::array();
+    const bool isSweepable = isJudged && outcome.status == 0;
+    if (isSwept && !isSweepable)
+        printf("no sweep: the update must come to its end by itself first\n");
+    const bool held = !isSwept || (isSweepable && RunSweeps(options, settings, start, words, signals, sweeps));
+    if (isJudged && !options.report.empty()) {
+        nlohmann::ordered_json report = MakeReport(rehearsal, verdict, chip.Chip(), state);
+        report["sweeps"] = std::move(sweeps);
+        Save(ReportText(report), options.report, "report");
+    }
     if (isJudged && !options.map.empty())
         Save(DrawChip(UpdateName(options.update), chip.Chip(), WholeFlash(chip.Chip(), rehearsal.devices), verdict),
              options.map, "map");
     if (options.isRaw)
         return RunSummary::ShellStatus(outcome);
-    const RunSummary summary(chip.Chip(), state, outcome);
-    printf("\n%s", summary.Text(TerminalWidth(), WantsColour()).c_str());
-    if (isJudged)
-        printf("%s", VerdictText(verdict, kScriptName).c_str());
-    fflush(stdout);
-    return isJudged && verdict.IsClean() ? kClean : kFindings;
+    return isJudged && verdict.IsClean() && held ? kClean : kFindings;
 }
 
 } // namespace
@@ -279,7 +382,9 @@ int main(int argc, char *argv[]) {
         }
         if (options.update.empty())
             throw std::invalid_argument("UPDATE is missing; flashsim --help tells more");
-        return Rehearse(options);
+        if (!options.sweeps.empty() && (options.isRaw || options.cut != 0))
+            throw std::invalid_argument("--sweep goes with neither --raw nor --cut");
+        return Rehearse(options, RecallOptions(app, options));
     } catch (const std::exception &failure) {
         fprintf(stderr, "flashsim: %s\n", failure.what());
         return kWrongUse;

@@ -1,0 +1,171 @@
+// Measures how fast flashsim rehearses and sweeps, and where the time goes.
+
+#include "ChipFile.h"
+#include "HeldSignals.h"
+#include "SimRun.h"
+#include "SimText.h"
+#include "Sweep.h"
+#include "TempFolder.h"
+#include "TestStand.h"
+#include "UsedChip.h"
+#include "Verdict.h"
+#include "Workers.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t kMebibyte = 1 << 20;
+constexpr std::size_t kLargeImage = 64 * kMebibyte;
+constexpr const char *kLargeChip = "128M,128K,2K,64";
+constexpr const char *kLargeScript = "write 0 4800000 image\n";
+constexpr std::size_t kSmallImage = 2 * kMebibyte;
+constexpr const char *kSmallChip = "8M,16K,512,16";
+constexpr const char *kSmallScript = "write 80000 300000 image\nsetenv 40000 4000 bootslot b\n";
+constexpr int kRuns = 300;
+constexpr std::uint64_t kSweptRuns = 1000;
+
+/// Milliseconds between its calls.
+class Watch {
+public:
+    double Lap() {
+        const std::chrono::duration<double, std::milli> passed = Clock::now() - m_tStart;
+        m_tStart = Clock::now();
+        return passed.count();
+    }
+
+private:
+    Clock::time_point m_tStart = Clock::now();
+};
+
+void Tell(const char *what, double milliseconds) { printf("  %-28s %9.2f ms\n", what, milliseconds); }
+
+/// An update with one image, in a folder of its own.
+std::string MakeUpdate(const TempFolder &folder, const char *name, const char *script, std::size_t imageSize) {
+    const std::filesystem::path path = folder.File(name);
+    std::filesystem::create_directory(path);
+    std::ofstream(path / "flashrig.script") << script;
+    std::string image(imageSize, '\0');
+    for (std::size_t i = 0; i < imageSize; ++i)
+        image[i] = static_cast<char>(i * 37 >> 8);
+    std::ofstream(path / "image", std::ios::binary) << image;
+    return path;
+}
+
+RunSettings Settings(const std::string &update, const NandGeometry &geometry) {
+    RunSettings settings;
+    settings.program = FLASHRIG;
+    settings.preload = FLASHSIM_PRELOAD;
+    settings.update = update;
+    settings.place = kUnpackedUpdate;
+    settings.arguments = {"quiet"};
+    settings.sim.devices = DefaultDevices(geometry);
+    return settings;
+}
+
+void MeasureRehearsal(const TempFolder &folder, const HeldSignals &signals) {
+    const std::string update = MakeUpdate(folder, "large", kLargeScript, kLargeImage);
+    const NandGeometry geometry = ParseGeometry(kLargeChip);
+    const std::string path = folder.File("large.nand");
+    RunSettings settings = Settings(update, geometry);
+    settings.sim.traceLimit = std::uint64_t{1} << 30;
+
+    Watch watch;
+    ChipFile::Create(path, geometry, Ecc::Host, {});
+    const double make = watch.Lap();
+    SimState::Create(folder.File("state"), settings.sim);
+    UpdateDevice device(settings, path, folder.File("state"));
+    device.Run({"/bin/true"}, false, signals);
+    const double build = watch.Lap();
+    const RunOutcome outcome = device.Run(UpdaterCommand(settings), true, signals);
+    const double run = watch.Lap();
+    const SimState state(folder.File("state"));
+    const ChipFile chip(path);
+    const Verdict verdict = Judge({outcome.script, outcome.files, state.Devices(), outcome.status, outcome.out,
+                                   outcome.err, state.TraceText(), state.CutPlace()},
+                                  chip.Chip());
+    const double judge = watch.Lap();
+    std::vector<char> copied(kLargeImage);
+    watch.Lap();
+    std::memcpy(copied.data(), chip.Chip().Cells(0), kLargeImage);
+    const double copy = watch.Lap();
+
+    const double all = make + build + run + judge;
+    printf("rehearsal of %zu MiB on a chip of %s: %.0f MiB/s%s\n", kLargeImage / kMebibyte, kLargeChip,
+           static_cast<double>(kLargeImage) / kMebibyte * 1000 / all, verdict.IsClean() ? "" : ", NOT clean");
+    Tell("making the chip", make);
+    Tell("building the device", build);
+    Tell("the updater", run);
+    Tell("the verdict", judge);
+    Tell("(copying the image once)", copy);
+}
+
+void MeasureRuns(TestStand &stand, const char *what, int runs) {
+    double lay = 0;
+    double run = 0;
+    stand.Run(); // builds the device, where one serves all
+    for (int i = 0; i < runs; ++i) {
+        Watch watch;
+        stand.LayStart();
+        lay += watch.Lap();
+        stand.Run();
+        run += watch.Lap();
+    }
+    printf("a run of %zu MiB on a chip of %s, %s: %.0f a second\n", kSmallImage / kMebibyte, kSmallChip, what,
+           runs * 1000 / (lay + run));
+    Tell("laying the chip", lay / runs);
+    Tell("the run", run / runs);
+}
+
+void MeasureSweeps(const TempFolder &folder, const HeldSignals &signals) {
+    const std::string update = MakeUpdate(folder, "small", kSmallScript, kSmallImage);
+    const NandGeometry geometry = ParseGeometry(kSmallChip);
+    const RunSettings settings = Settings(update, geometry);
+    const std::string path = folder.File("start");
+    ChipFile::Create(path, geometry, Ecc::Host, {});
+    {
+        ChipFile start(path);
+        UseUp(start.Chip(), settings.sim.devices, ReadUpdateLines(kSmallScript));
+        ChipFile::Copy(path, folder.File("stand"));
+        TestStand stand(settings, start, folder.File("stand"), signals);
+        MeasureRuns(stand, "a device each", kRuns / 10);
+        stand.Adopt({true, UpdaterCommand(settings)});
+        MeasureRuns(stand, "one device for all", kRuns);
+    }
+    const Sweeper sweeper(settings, path, signals);
+    for (const unsigned workers : {1U, CoreCount()}) {
+        SweepSettings sweep;
+        sweep.kind = SweepKind::Faults;
+        sweep.workers = workers;
+        sweep.every = sweeper.Places(sweep.kind) / kSweptRuns;
+        Watch watch;
+        const SweepResult result = sweeper.Run(sweep, [](const SweepResult &) {});
+        const double took = watch.Lap();
+        printf("sweep of %zu faults by %u worker%s: %.0f runs/s, %zu held\n", result.done, workers,
+               workers == 1 ? "" : "s", static_cast<double>(result.done) * 1000 / took,
+               result.done - result.failures.size());
+    }
+}
+
+} // namespace
+
+int main() {
+    try {
+        const HeldSignals signals;
+        const TempFolder folder;
+        MeasureRehearsal(folder, signals);
+        MeasureSweeps(folder, signals);
+    } catch (const std::exception &failure) {
+        fprintf(stderr, "bench_flashsim: %s\n", failure.what());
+        return 1;
+    }
+}
