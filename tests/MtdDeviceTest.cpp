@@ -31,7 +31,8 @@ public:
     int cutAtChange = 0;
 };
 
-/// A device over blocks 1 to 3 of a chip of five; the device's block 2 is bad.
+/// A device over blocks 1 to 3 of a chip of five; the device's block 2 is bad. Seeks, bad blocks and permissions are in
+/// the list of requests that the board makes of the real kernel.
 class MtdDeviceTest : public testing::Test {
 protected:
     MtdDeviceTest() {
@@ -69,21 +70,6 @@ protected:
 };
 
 } // namespace
-
-TEST_F(MtdDeviceTest, SeekStaysOnTheDevice) {
-    const struct {
-        std::int64_t offset;
-        int whence;
-        std::int64_t position;
-    } rows[] = {
-        {100, SEEK_SET, 100},           {kSize, SEEK_SET, kSize},  {kSize + 1, SEEK_SET, -EINVAL},
-        {-1, SEEK_SET, -EINVAL},        {-8, SEEK_CUR, kSize - 8}, {9, SEEK_CUR, -EINVAL},
-        {-kSize, SEEK_END, 0},          {0, SEEK_DATA, -EINVAL},   {INT64_MIN, SEEK_END, -EINVAL},
-        {INT64_MAX, SEEK_CUR, -EINVAL},
-    };
-    for (const auto &row : rows)
-        EXPECT_EQ(device.Seek(file, row.offset, row.whence), row.position) << row.offset;
-}
 
 TEST_F(MtdDeviceTest, ReadAndWriteEndWithTheDevice) {
     const struct {
@@ -129,13 +115,6 @@ TEST_F(MtdDeviceTest, ErasesWholeGoodBlocks) {
     EXPECT_EQ(chip.Mark(0), BlockMark::Untouched);
     chip.MakeWeakBlock(1);
     EXPECT_EQ(Request(MEMERASE, erase_info_user{0, kBlock}), -EIO);
-}
-
-TEST_F(MtdDeviceTest, TellsBadBlocksWithinTheDevice) {
-    const std::pair<std::int64_t, int> rows[] = {
-        {0, 0}, {2 * kBlock, 1}, {kSize - 1, 1}, {kSize, -EINVAL}, {-1, -EINVAL}};
-    for (const auto &[offset, result] : rows)
-        EXPECT_EQ(Request(MEMGETBADBLOCK, offset), result) << offset;
 }
 
 TEST_F(MtdDeviceTest, PageWritesFollowTheKernelsChecks) {
@@ -199,14 +178,6 @@ TEST_F(MtdDeviceTest, OobRequestsStayOnOnePageToWriteAndMayReadSeveral) {
     EXPECT_EQ(std::string(oob.begin(), oob.begin() + 2 * kOob), expected);
     EXPECT_EQ(Request(MEMWRITEOOB64, mtd_oob_buf64{0, 0, kOob, 0}), -EFAULT);
     EXPECT_EQ(Request(MEMREADOOB64, mtd_oob_buf64{0, 0, kOob, 0}), -EFAULT);
-}
-
-TEST_F(MtdDeviceTest, RequestsThatChangeFlashNeedADescriptorForWriting) {
-    for (const unsigned long request : {MEMERASE, MEMERASE64, MEMWRITE, MEMWRITEOOB64})
-        EXPECT_EQ(device.Request(readOnly, request, nullptr), -EPERM);
-    for (const unsigned long request : {MEMGETBADBLOCK, MEMREADOOB64})
-        EXPECT_EQ(device.Request(readOnly, request, nullptr), -EFAULT);
-    EXPECT_EQ(device.Request(file, MEMLOCK, nullptr), -ENOTTY);
 }
 
 TEST_F(MtdDeviceTest, NormalReadOfARawPageSucceedsAndIsNoted) {
