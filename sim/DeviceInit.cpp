@@ -14,9 +14,11 @@
 #include <iterator>
 #include <linux/close_range.h>
 #include <map>
+#include <set>
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -31,6 +33,19 @@ constexpr std::size_t kCommandLimit = 65536;
 constexpr int kLookMicroseconds = 500;
 /// A command that never sleeps (a busy loop) is taken as up after so many looks.
 constexpr int kMostLooks = 4000;
+
+/// @return the words of a script, each once.
+std::set<std::string> Words(const std::string &script) {
+    constexpr const char *kBlanks = " \f\n\t\r\v";
+    std::set<std::string> words;
+    const std::size_t length = std::min(script.find('\0'), script.size());
+    for (std::size_t start = 0; (start = script.find_first_not_of(kBlanks, start)) < length;) {
+        const std::size_t end = std::min(script.find_first_of(kBlanks, start), length);
+        words.insert(script.substr(start, end - start));
+        start = end;
+    }
+    return words;
+}
 
 std::vector<char *> Pointers(const std::vector<std::string> &texts) {
     std::vector<char *> pointers;
@@ -110,18 +125,17 @@ private:
         namespace fs = std::filesystem;
         const bool isUsual = fs::exists(fs::path(m_job.update) / kScriptName);
         const fs::path folder = isUsual ? fs::path(m_job.update) : "/";
+        std::ifstream file(folder / kScriptName, std::ios::binary);
+        const std::string script(std::istreambuf_iterator<char>(file), {});
         std::string text;
-        std::error_code gone; // what still runs in the device may take files away
-        for (auto entry = fs::recursive_directory_iterator(folder, gone); entry != fs::end(entry);
-             entry.increment(gone)) {
-            if (!isUsual)
-                entry.disable_recursion_pending();
-            const auto size = entry->is_regular_file(gone) ? entry->file_size(gone) : 0;
-            if (!entry->is_directory(gone) && !gone)
-                text += std::to_string(size) + " " + entry->path().lexically_relative(folder).string() + "\n";
+        // Found as the updater finds them: "./a" and links lead to files as well.
+        const std::string start = isUsual ? m_job.update + "/" : "/";
+        for (const std::string &word : Words(script)) {
+            struct stat status = {};
+            if (stat((start + word).c_str(), &status) == 0)
+                text += std::to_string(S_ISREG(status.st_mode) ? status.st_size : kNoSize) + " " + word + "\n";
         }
-        std::ifstream script(folder / kScriptName, std::ios::binary);
-        text += "\n" + std::string(std::istreambuf_iterator<char>(script), {});
+        text += "\n" + script;
         for (std::size_t done = 0; done < text.size();) {
             const ssize_t written = write(m_nReport, text.data() + done, text.size() - done);
             if (written <= 0)

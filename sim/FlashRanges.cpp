@@ -7,10 +7,13 @@
 
 WholeFlash::WholeFlash(const NandChip &chip, const std::vector<SimDevice> &devices)
     : m_chip(chip), m_devices(devices), m_offset(0), m_size(static_cast<std::int64_t>(chip.Geometry().size)) {
-    const auto whole = std::find_if(devices.begin(), devices.end(), [](const SimDevice &device) {
-        return device.name.find("all") != std::string::npos;
-    });
-    if (whole != devices.end()) {
+    auto whole = std::find_if(devices.begin(), devices.end(),
+                              [](const SimDevice &device) { return device.name.find("all") != std::string::npos; });
+    if (whole == devices.end())
+        whole =
+            std::find_if(devices.begin(), devices.end(), [](const SimDevice &device) { return device.number == 0; });
+    m_hasDevice = whole != devices.end();
+    if (m_hasDevice) {
         m_offset = static_cast<std::int64_t>(whole->offset);
         m_size = static_cast<std::int64_t>(whole->size);
     }

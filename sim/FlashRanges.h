@@ -19,7 +19,8 @@ struct FlashRange {
     bool operator==(const FlashRange &other) const { return begin == other.begin && end == other.end; }
 };
 
-/// The flash as a script's offsets count it: the first device whose name holds "all", or the chip when there is none.
+/// The flash as a script's offsets count it: the first device whose name holds "all", or device 0 when there is none;
+/// the chip when there isn't either.
 class WholeFlash {
 public:
     WholeFlash(const NandChip &chip, const std::vector<SimDevice> &devices);
@@ -28,6 +29,8 @@ public:
     ///         command that is given none and for one whose size isn't above 0.
     std::optional<FlashRange> RangeOf(const UpdateLine &line) const;
 
+    /// @return whether it is a device's.
+    bool HasDevice() const { return m_hasDevice; }
     std::int64_t Size() const { return m_size; }
     std::int64_t EraseSize() const { return m_chip.Geometry().eraseSize; }
     /// @return whether offset and size are whole blocks.
@@ -53,6 +56,7 @@ private:
     const std::vector<SimDevice> &m_devices;
     std::int64_t m_offset;
     std::int64_t m_size;
+    bool m_hasDevice;
 };
 
 /// @return whether the seal of a boot environment block is that of its bytes.

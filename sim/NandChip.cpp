@@ -197,6 +197,8 @@ void NandChip::SetMark(std::uint32_t block, BlockMark mark) {
     state = static_cast<std::uint8_t>((state & ~kMarkBits) | static_cast<std::uint8_t>(mark));
 }
 
+bool NandChip::IsProgrammed(std::uint32_t page) const { return (m_memory.pageStates[page] & kProgrammed) != 0; }
+
 void NandChip::ForgetMarks() {
     for (std::uint32_t block = 0; block < m_geometry.Blocks(); ++block)
         SetMark(block, BlockMark::Untouched);

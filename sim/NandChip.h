@@ -109,6 +109,8 @@ public:
     void CopyBlock(const NandChip &other, std::uint32_t block);
     /// @return whether the cells of two blocks are equal, data and OOB of all pages.
     bool HasCellsOf(const NandChip &other, std::uint32_t otherBlock, std::uint32_t block) const;
+    /// @return whether a page was programmed since its block was erased, be it with 0xFF.
+    bool IsProgrammed(std::uint32_t page) const;
     /// @return whether the cells of a block are all 0xFF.
     bool IsBlank(std::uint32_t block) const;
 

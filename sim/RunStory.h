@@ -22,9 +22,11 @@ struct LineStory {
     std::vector<std::pair<std::string, int>> exits; ///< of ubiformat: the programs that it ran and their wait statuses
 };
 
-/// What the updater's own messages tell of a run, line by line. Other programs' output in between is passed over.
+/// What the updater's own messages tell of a run, line by line. Other programs' output in between is passed over, be it
+/// without a line end in front of a message or begin like one.
 struct RunStory {
     bool hasStarted = false; ///< the updater got as far as a script
+    std::string handOver;    ///< shell command that ran the updater's copy in the update; empty for none
     std::string folder;      ///< in front of the names of image files, with a slash at its end
     std::string refusal;     ///< why the script was refused whole; empty when it wasn't
     std::vector<LineStory> lines;

@@ -8,8 +8,9 @@
 
 namespace {
 
-/// What a shell takes for more than text.
-constexpr const char *kShellCharacters = "$`\"'\\|&;<>()*?[~!{}";
+/// What a device's shell takes for more than text, in a word and at its beginning.
+constexpr const char *kShellCharacters = "$`\"'\\|&;<>()*?[";
+constexpr const char *kShellBeginnings = "#~";
 
 bool BeginsComment(const std::string &token) { return token[0] == '#'; }
 
@@ -44,7 +45,7 @@ void CheckWords(const UpdateLine &line, std::vector<Finding> &findings) {
     if (line.kind != LineKind::HandEnv)
         return;
     for (const std::string &text : {line.Name(), line.Value()}) {
-        if (text.find_first_of(kShellCharacters) != std::string::npos || BeginsComment(text))
+        if (text.find_first_of(kShellCharacters) != std::string::npos || text.find_first_of(kShellBeginnings) == 0)
             findings.push_back(About(line, Severity::Warning, "shell-text",
                                      "a shell reads " + text + " on its way to /bin/bootvars and changes it",
                                      "give it with the long form, which no shell reads"));
@@ -69,7 +70,7 @@ void CheckUnreachedRange(const UpdateLine &line, const WholeFlash &flash, std::v
     }
 }
 
-void CheckRoom(const LineVerdict &verdict, std::vector<Finding> &findings) {
+void CheckRoom(const LineVerdict &verdict, const WholeFlash &flash, std::vector<Finding> &findings) {
     if (!verdict.imageBlocks)
         return;
     if (*verdict.imageBlocks == 0)
@@ -79,7 +80,10 @@ void CheckRoom(const LineVerdict &verdict, std::vector<Finding> &findings) {
     const std::optional<std::int64_t> spare = verdict.SpareBlocks();
     if (spare == 0)
         findings.push_back(About(verdict.line, Severity::Warning, "no-spare",
-                                 "the image fills its range: on a device with one bad block in it the run ends here",
+                                 std::string("the image fills its range: on a device with one bad block in it ") +
+                                     (flash.RangeOf(verdict.line)->end == flash.Size()
+                                          ? "its end is written nowhere, and no message tells"
+                                          : "the run ends here"),
                                  "make the range larger by as many blocks as may be bad"));
     else if (spare && *spare < 0 && verdict.result == LineResult::NeverRan)
         findings.push_back(About(verdict.line, Severity::Error, "outruns-range",
@@ -88,13 +92,18 @@ void CheckRoom(const LineVerdict &verdict, std::vector<Finding> &findings) {
 }
 
 /// @return whether the later line takes away what the earlier one put on the flash.
-bool Destroys(const UpdateLine &later, const FlashRange &its, const UpdateLine &earlier, const FlashRange &former) {
-    if (!its.Overlaps(former) || earlier.kind == LineKind::Erase)
+bool Destroys(const UpdateLine &later, const FlashRange &its, const LineVerdict &earlier, const FlashRange &former,
+              const WholeFlash &flash) {
+    if (!its.Overlaps(former) || earlier.line.kind == LineKind::Erase || earlier.result == LineResult::Skipped)
         return false;
-    if (later.kind != LineKind::SetEnv || earlier.kind == LineKind::Ubiformat)
+    if (later.kind != LineKind::SetEnv || earlier.line.kind == LineKind::Ubiformat)
         return true;
-    // A change of a variable keeps the rest of the block that it was given whole.
-    return earlier.kind == LineKind::SetEnv ? !(its == former) : !former.Holds(its);
+    // A change of a variable keeps the rest of the environment that it was given whole. Of an image that holds more it
+    // takes a part for one, and behind the image's end stands what bad blocks push there.
+    if (earlier.line.kind == LineKind::SetEnv)
+        return !(its == former);
+    const std::optional<std::int64_t> &image = earlier.imageBlocks;
+    return its.begin != former.begin || !image || *image > (its.end - its.begin) / flash.EraseSize();
 }
 
 void CheckOverlaps(const std::vector<LineVerdict> &lines, const WholeFlash &flash, std::vector<Finding> &findings) {
@@ -109,7 +118,7 @@ void CheckOverlaps(const std::vector<LineVerdict> &lines, const WholeFlash &flas
         std::string numbers;
         for (auto earlier = lines.begin(); earlier != later; ++earlier) {
             const std::optional<FlashRange> former = rangeOf(*earlier);
-            if (former && Destroys(later->line, *its, earlier->line, *former))
+            if (former && Destroys(later->line, *its, *earlier, *former, flash))
                 numbers += (numbers.empty() ? "" : ", ") + std::to_string(earlier->line.number);
         }
         if (!numbers.empty())
@@ -128,7 +137,7 @@ std::vector<Finding> CheckScript(const std::vector<LineVerdict> &lines, const Wh
         CheckWords(verdict.line, findings);
         if (verdict.line.hasRange && !verdict.line.IsTurnedLong() && verdict.result == LineResult::NeverRan)
             CheckUnreachedRange(verdict.line, flash, findings);
-        CheckRoom(verdict, findings);
+        CheckRoom(verdict, flash, findings);
     }
     CheckOverlaps(lines, flash, findings);
     return findings;

@@ -147,7 +147,7 @@ void TakeReport(const ScopedFd &report, RunOutcome &outcome) {
     outcome.leavesProcesses = line.find(" busy") != std::string::npos;
     while (std::getline(lines, line) && !line.empty()) {
         char *path = nullptr;
-        const std::uint64_t size = strtoull(line.c_str(), &path, 10);
+        const std::int64_t size = strtoll(line.c_str(), &path, 10);
         if (*path == ' ')
             outcome.files[path + 1] = size;
     }

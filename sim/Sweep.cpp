@@ -53,13 +53,13 @@ public:
         for (std::size_t i = 0; i < run.lines.size(); ++i) {
             const auto range = run.DoneRange(i);
             const auto file = run.files.find(run.lines[i].image);
-            if (!range || !run.lines[i].WritesImage() || file == run.files.end())
+            if (!range || !run.lines[i].WritesImage() || file == run.files.end() || file->second < 0)
                 continue;
             const NandGeometry &geometry = run.chip.Geometry();
             const bool hasOob = run.lines[i].kind == LineKind::WriteOob;
             const std::uint64_t blockBytes =
                 std::uint64_t{geometry.PagesPerBlock()} * (hasOob ? geometry.RawPageSize() : geometry.pageSize);
-            const std::uint64_t needed = (file->second + blockBytes - 1) / blockBytes;
+            const std::uint64_t needed = (static_cast<std::uint64_t>(file->second) + blockBytes - 1) / blockBytes;
             std::vector<std::uint32_t> blocks = flash.GoodBlocks(*range);
             if (needed < blocks.size())
                 m_ranges.push_back({static_cast<std::size_t>(blocks.size() - needed), std::move(blocks)});
@@ -250,12 +250,12 @@ std::array<std::uint64_t, kRequestKinds> CountRequests(const SimState &state) {
 }
 
 /// @return the command for a device in which the update has run and is unpacked.
-std::vector<std::string> CommandAgain(const RunSettings &settings, const RunOutcome &first) {
+std::vector<std::string> CommandAgain(const RunSettings &settings, const std::string &handOver) {
     std::vector<std::string> command = UpdaterCommand(settings);
     if (!IsImage(settings))
         return command;
     const std::string name = command[0].substr(command[0].rfind('/') + 1);
-    if (first.files.count(name) != 0)
+    if (!handOver.empty())
         command[0] = std::string(kUnpackedUpdate) + "/" + name;
     command[1] = kUnpackedUpdate;
     return command;
@@ -284,7 +284,7 @@ Sweeper::Sweeper(const RunSettings &settings, const std::string &start, const He
     auto yardstick = std::make_unique<Yardstick>(
         Yardstick{base->settings.sim.devices, lines, first.files, first, FollowRun(lines, first.out, first.err, false),
                   CountRequests(stand.State()), stand.State().Changes(), base->end->Chip()});
-    base->habit.command = CommandAgain(base->settings, first);
+    base->habit.command = CommandAgain(base->settings, yardstick->story.handOver);
     base->habit.milliseconds =
         static_cast<int>(std::min<std::int64_t>(took, kMostMilliseconds)) * kPatience + kLeastPatienceMilliseconds;
 

@@ -1,5 +1,6 @@
 #include "SweepJudge.h"
 
+#include "Failures.h"
 #include "ScriptChecks.h"
 #include "UEnvTool.h"
 
@@ -9,7 +10,6 @@
 
 namespace {
 
-constexpr const char *kErrorMark = "error : ";
 constexpr std::size_t kMostNames = 12;
 constexpr std::size_t kMostOfName = 32;
 

@@ -18,7 +18,7 @@
 struct Yardstick {
     std::vector<SimDevice> devices;
     std::vector<UpdateLine> lines;
-    std::map<std::string, std::uint64_t> files; ///< of the update, with their sizes
+    std::map<std::string, std::int64_t> files; ///< of the update, with their sizes
     RunOutcome outcome;
     RunStory story;
     std::array<std::uint64_t, kRequestKinds> requests;

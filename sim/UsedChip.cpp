@@ -44,6 +44,7 @@ void LayEnvironment(NandChip &chip, const WholeFlash &flash, const FlashRange &r
                     const std::vector<UpdateLine> &lines) {
     const std::vector<char> empty(static_cast<std::size_t>(range.end - range.begin));
     UEnvTool environment(empty.data(), static_cast<int>(empty.size()));
+    environment.m_vEntry.clear(); // zeros read as one entry without a text
     for (const auto &variable : kVariables)
         environment.SetEnv(variable.name, variable.value);
     for (const UpdateLine &line : lines) {

@@ -1,5 +1,6 @@
 #include "Verdict.h"
 
+#include "Failures.h"
 #include "FlashRanges.h"
 #include "ScriptChecks.h"
 #include "TraceCalls.h"
@@ -13,44 +14,16 @@
 
 namespace {
 
-constexpr const char *kErrorMark = "error : ";
 constexpr const char *kNotifyScript = "/tmp/update/progress_script.sh";
 constexpr const char *kPrepareCommand = "/app/prepare_flashrig.sh ";
-constexpr const char *kHandOver = "new program detected, running ";
 constexpr const char *kUnsoundRead = "read without valid ECC";
 constexpr int kWholePercent = 100;
+constexpr int kNoProgram = 127; ///< a shell's exit status when there is none of that name
 constexpr std::size_t kSealBytes = 4;
 /// The seal, and 4 more that a later reading doesn't look at.
 constexpr std::size_t kLostOfEnvironment = 8;
-constexpr const char *kNothingToChange = "nothing in the update: replace the chip, or run again";
 
 bool BeginsWith(const std::string &text, const std::string &start) { return text.compare(0, start.size(), start) == 0; }
-
-/// What the updater says when a command fails.
-struct Failure {
-    const char *start;
-    const char *kind;
-    const char *meaning;
-    const char *change;
-};
-constexpr Failure kFailures[] = {
-    {"error : invalid offset=", "misaligned", "nothing of it is done", "let offset and size be whole erase blocks"},
-    {"error : invalid size=", "misaligned", "nothing of it is done", "let offset and size be whole erase blocks"},
-    {"error : fail to check bad block at ", "check-failed", "the blocks before it are done", kNothingToChange},
-    {"error : erase failed at ", "erase-failed", "the blocks before it are done", kNothingToChange},
-    {"error : write page return ", "write-failed", "the pages before it are done", kNothingToChange},
-    {"error : read failed at ", "read-failed", "nothing is changed", kNothingToChange},
-    {"error : file readsize = ", "unreadable-file", "the range is erased and stays so", "let it be a readable file"},
-    {"error : file outruns the erased range at ", "outruns-range", "the rest of the image is written nowhere",
-     "make the range hold the image and some bad blocks"},
-    {"error : environment of ", "environment-full", "nothing is changed", "shorten the variables of that block"},
-    {"error : command too long: ", "command-too-long", "nothing is run",
-     "keep name and value to 237 characters in all"},
-    {"error : unknown flash geometry", "no-geometry", "nothing is done", "run it on a device that tells its page size"},
-    {"dev ", "no-device", "applications and mounts are gone already", "name a device that is there"},
-    {"/", "unreadable-file", "applications and mounts are gone already", "let it be a readable file"},
-    {"", "failed", "the command ends there", "see what the message names"},
-};
 
 /// What the updater says of a line that it passes over.
 constexpr Failure kPassedOver[] = {
@@ -139,7 +112,7 @@ private:
 
     std::optional<std::int64_t> ImageSize(const UpdateLine &line) const {
         const auto file = m_run.files.find(line.image);
-        return file == m_run.files.end() ? std::nullopt : std::optional(static_cast<std::int64_t>(file->second));
+        return file == m_run.files.end() || file->second < 0 ? std::nullopt : std::optional(file->second);
     }
 
     /// @return bytes of an image for one page.
@@ -172,14 +145,16 @@ private:
             AddForRun("script-cut", "the script ends for the updater at its first zero byte, or behind 1 MiB",
                       "let it be plain text");
         if (!m_story.hasStarted)
-            AddForRun("not-started",
-                      "the updater doesn't get as far as a script: " +
-                          LastLine(m_run.err.empty() ? m_run.out : m_run.err),
-                      "let a flashrig.script stand at the top of the update");
+            AddForRun("not-started", "the updater doesn't get as far as a script: " + LastWords(),
+                      m_calls.shellCalls.empty() ? "let a flashrig.script stand at the top of the update"
+                                                 : "see what else is told of the update's start");
         else if (m_verdict.lines.empty())
             AddForRun("not-started", "the script holds no command: nothing is done", "give it commands");
         if (!m_story.refusal.empty())
             JudgeRefusal();
+        if (!m_flash.HasDevice())
+            AddForRun("no-whole-flash", "no MTD device has all in its name, and there is no mtd0 to take instead",
+                      "run it on a device with one over the whole flash");
         for (const ShellCall &call : m_calls.shellCalls) {
             if (call.status <= 0)
                 continue;
@@ -187,13 +162,29 @@ private:
                 AddForRun("prepare-failed",
                           "the prepare script ends with " + Ending(call.status) +
                               ", and the update goes on with whatever stands in /tmp/update",
-                          "let the image be one that the device's prepare script unpacks");
-            else if (m_run.out.find(kHandOver + call.command) != std::string::npos)
+                          PrepareChange(call));
+            else if (call.command == m_story.handOver)
                 AddForRun("handover-failed",
                           "the copy of the updater in the update ends with " + Ending(call.status) +
                               ", which nobody is told",
-                          "let the copy be one that runs on this device");
+                          "let the copy be one that runs on this device; one for another processor can't be "
+                          "rehearsed: unpack the image and rehearse the folder");
         }
+    }
+
+    /// The last that the updater said, or the programs that it ran.
+    std::string LastWords() const {
+        const std::string last = LastLine(m_run.err.empty() ? m_run.out : m_run.err);
+        return last.empty() ? "it says nothing" : last;
+    }
+
+    static const char *PrepareChange(const ShellCall &call) {
+        constexpr const char *kParts = " \t$`\"'\\|&;<>()*?[";
+        if (call.command.find_first_of(kParts, std::strlen(kPrepareCommand)) != std::string::npos)
+            return "rename the image: a shell takes its name apart at blanks and signs of its own";
+        if (WIFEXITED(call.status) && WEXITSTATUS(call.status) == kNoProgram)
+            return "give the device's own prepare script with --root, as app/prepare_flashrig.sh";
+        return "let the image be one that the device's prepare script unpacks";
     }
 
     /// "script line 3 of 300 characters, the limit is 255", or "script of ...".
@@ -270,19 +261,57 @@ private:
                     "mend the program; exit status 255 is one that can't be started");
         }
         const std::optional<FlashRange> range = m_flash.RangeOf(line);
+        if (line.kind == LineKind::Erase && range)
+            JudgeErase(line, *range);
+        else if (line.WritesImage())
+            JudgeImage(line, range, story.readsToTheEnd);
+    }
+
+    /// A device that doesn't tell its sizes has commands done at once.
+    void AddNotDone(const UpdateLine &line, const std::string &happens) {
+        Add(line, "not-done", happens + ", and no message tells",
+            "see what the device tells of its flash, and the trace");
+    }
+
+    void JudgeErase(const UpdateLine &line, const FlashRange &range) {
+        const std::vector<std::uint32_t> blocks = m_flash.GoodBlocks(range);
+        const auto left = std::count_if(blocks.begin(), blocks.end(),
+                                        [this](std::uint32_t block) { return !m_chip.IsTouched(block); });
+        if (left > 0)
+            AddNotDone(line, Count(left, "block") + " of its range aren't erased");
+    }
+
+    void JudgeImage(const UpdateLine &line, const std::optional<FlashRange> &range, bool readsToTheEnd) {
         const std::optional<std::int64_t> size = ImageSize(line);
-        if (!line.WritesImage() || story.readsToTheEnd || !range || !size)
+        if (!range || !size) {
+            if (!readsToTheEnd)
+                AddNotDone(line, "nothing tells that the image is written whole");
             return;
-        // The walk ended with the flash, in silence, and perhaps before the image did.
-        const FlashRange toEnd = {range->begin, m_flash.Size()};
-        const auto bad = static_cast<std::int64_t>(m_flash.BadBlocks(toEnd).size());
-        const std::int64_t good = (toEnd.end - toEnd.begin) / m_flash.EraseSize() - bad;
-        const std::int64_t room = good * m_chip.Geometry().PagesPerBlock() * RecordSize(line);
+        }
+        // The walk may have ended with the flash, in silence, and before the image did.
+        const std::uint32_t pagesPerBlock = m_chip.Geometry().PagesPerBlock();
+        const std::vector<std::uint32_t> blocks = m_flash.GoodBlocks({range->begin, m_flash.Size()});
+        const std::int64_t room = static_cast<std::int64_t>(blocks.size()) * pagesPerBlock * RecordSize(line);
         if (*size > room)
             Add(line, "cut-at-end",
                 "the flash ends before the image: its last " + Count(*size - room, "byte") +
                     " are written nowhere, and no message tells",
                 "make the range hold the image and some bad blocks");
+        std::int64_t left = 0;
+        const std::int64_t pages = (std::min(*size, room) + RecordSize(line) - 1) / RecordSize(line);
+        for (std::int64_t i = 0; i < pages; ++i) {
+            const auto number = static_cast<std::uint64_t>(i);
+            const std::uint32_t block = blocks[number / pagesPerBlock];
+            const std::int64_t offset = m_flash.FromChip(std::uint64_t{block} * m_chip.Geometry().eraseSize);
+            const bool isProgrammed =
+                m_chip.IsTouched(block) &&
+                m_chip.IsProgrammed(block * pagesPerBlock + static_cast<std::uint32_t>(number % pagesPerBlock));
+            // A line behind it may have had its way with the page; that is told of that line.
+            if (!isProgrammed && FindLine(m_verdict.lines.rbegin(), m_verdict.lines.rend(), offset, HasRun) == &line)
+                ++left;
+        }
+        if (left > 0)
+            AddNotDone(line, std::to_string(left) + " of " + Count(pages, "page") + " of its image aren't written");
     }
 
     /// What the run didn't get to say of a line.
@@ -292,6 +321,8 @@ private:
         else if (line.kind == LineKind::Unknown)
             Add(line, "unknown-command", "the line would be passed over",
                 FindFailure(kPassedOver, "Unknown script command ").change);
+        else if (!line.image.empty() && m_run.files.count(line.image) != 0 && !ImageSize(line))
+            Add(line, "unreadable-file", line.image + " is no regular file", "let it be a readable file");
         else if (!line.image.empty() && !ImageSize(line))
             Add(line, "missing-file", line.image + " doesn't exist: the line would be passed over",
                 "put the file into the update");
@@ -404,6 +435,18 @@ private:
                         "see what the lines behind it do to the block");
             }
         }
+        const auto isStrange = [](const std::string &entry) {
+            const std::size_t length = std::min(entry.find('='), entry.size());
+            return length == 0 || length == entry.size() ||
+                   std::any_of(entry.begin(), entry.begin() + static_cast<std::ptrdiff_t>(length),
+                               [](char character) { return character <= ' ' || character > '~'; });
+        };
+        const auto strange = std::count_if(block.m_vEntry.begin(), block.m_vEntry.end(), isStrange);
+        if (strange > 0)
+            Add(*last, "environment-damaged",
+                std::to_string(strange) + " of the " + std::to_string(block.m_vEntry.size()) +
+                    " entries in the block are no variables: what it held before was no environment, or a damaged one",
+                "give the range of an environment, and lay a whole one down there before");
     }
 
     /// @return the line, among those that ran, whose range holds an offset; null for none.
@@ -533,6 +576,7 @@ private:
     }
 
     void TellProgress(const std::string &happens) {
+        const std::vector<int> &given = m_verdict.percentages;
         const bool allRan =
             std::none_of(m_verdict.lines.begin(), m_verdict.lines.end(), [](const LineVerdict &verdict) {
                 return verdict.result == LineResult::Failed || verdict.result == LineResult::NeverRan;
@@ -553,10 +597,10 @@ private:
                 fewer.push_back(verdict.line.number);
         }
         std::string why;
-        if (!more.empty())
+        if (!more.empty() && *std::max_element(given.begin(), given.end()) > kWholePercent)
             why += "; more blocks than counted come from line " + JoinNumbers(more) +
                    " (a write of whole blocks and any writeoob)";
-        if (!fewer.empty() && m_verdict.percentages.back() < kWholePercent)
+        if (!fewer.empty() && (given.back() < kWholePercent || !std::is_sorted(given.begin(), given.end())))
             why += "; fewer come from line " + JoinNumbers(fewer) + " (a ubiformat, a setenv around a bad block)";
         AddForRun("percentages", happens + why, "let the progress script bear it", Severity::Note);
     }

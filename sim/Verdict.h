@@ -14,14 +14,14 @@
 
 /// What a rehearsed run was and what came of it.
 struct Rehearsal {
-    std::string script;                         ///< the script file's bytes
-    std::map<std::string, std::uint64_t> files; ///< sizes of the update's files, by path below the script's folder
-    std::vector<SimDevice> devices;             ///< as "/proc/mtd" lists them
-    int status = 0;                             ///< of the updater, as waitpid gives it
-    std::string out;                            ///< all that came on standard output
-    std::string err;                            ///< all that came on standard error
-    std::string trace;                          ///< SimState::TraceText
-    std::string cutPlace;                       ///< SimState::CutPlace
+    std::string script;                        ///< the script file's bytes
+    std::map<std::string, std::int64_t> files; ///< as RunOutcome has them
+    std::vector<SimDevice> devices;            ///< as "/proc/mtd" lists them
+    int status = 0;                            ///< of the updater, as waitpid gives it
+    std::string out;                           ///< all that came on standard output
+    std::string err;                           ///< all that came on standard error
+    std::string trace;                         ///< SimState::TraceText
+    std::string cutPlace;                      ///< SimState::CutPlace
 };
 
 /// What is known of one script line.

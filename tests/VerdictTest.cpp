@@ -18,11 +18,23 @@ namespace {
 struct Rehearsed {
     explicit Rehearsed(const std::string &script, const std::string &err = "") {
         rehearsal.script = script;
-        rehearsal.files = {{"empty", 0}, {"one", 0x4000}, {"two", 0x4001}, {"raw", 32 * 528 + 1}};
-        rehearsal.devices = {{9, "opt", 0x80000, 0x80000}, {12, "all", 0, 0x100000}};
+        rehearsal.files = {{"empty", 0}, {"one", 0x4000}, {"two", 0x4001}, {"raw", 32 * 528 + 1}, {"pipe", -1}};
+        rehearsal.devices = {{9, "opt", 0x80000, 0x78000}, {12, "all", 0, 0x100000}};
         rehearsal.out = "running update script /u/flashrig.script\n";
         rehearsal.err = err;
         chip.Format();
+        // Every page but those of the device opt is written, be it with nothing.
+        NandChip::PageProgram blank;
+        const std::uint8_t byte = 0xFF;
+        blank.data = &byte;
+        blank.length = 1;
+        for (std::uint32_t page = 0; page < kGeometry.Pages(); ++page) {
+            if (page >= 32 * 32 && page < 62 * 32)
+                continue;
+            if (page % 32 == 0)
+                chip.Erase(page / 32);
+            chip.Program(page, blank);
+        }
     }
 
     Verdict Judged() const { return Judge(rehearsal, chip); }
@@ -100,6 +112,17 @@ TEST(Verdict, FollowsTheUpdatersMessagesToItsLines) {
         {"ubiformat /dev/mtd3 one\nerase 0 4000\n",
          "ubiformat /u/one to <MTD> /dev/mtd3\ngrep: noise\ndev /dev/mtd3 is not exist\n", "FN 1:no-device 1:stopped"},
         {"ubiformat /dev/mtd9 one\n", "ubiformat /u/one to <MTD> /dev/mtd9\n", "F 1:no-prepare"},
+        // Other programs' words in front of a message, and ones that only look like it.
+        {"write 0 c000 two\nburn\n",
+         "Unknown script command burn\nerror : no such tool\n 7%" + Begun("two", "0", "c000") + "\r50%" + kDone +
+             "see: Unknown script command burn\n",
+         "CS 2:unknown-command"},
+        // Done at once, without a word.
+        {"write 80000 8000 two\nerase 84000 4000\nerase 0 1\n",
+         Begun("two", "80000", "8000") + Erased("84000", "4000") + "error : invalid size=1, blocksize = 16384\n",
+         "CCF 1:not-done 1:no-spare 2:not-done 2:overlap 3:misaligned"},
+        {"write 0 c000 pipe\nerase 0 1\n", Begun("pipe", "0", "c000") + "error : invalid size=1, blocksize = 1\n",
+         "CF 1:not-done 2:misaligned"},
         {"erase 100000 4000\n", "error : fail to check bad block at 100000\n" + Erased("100000", "4000"),
          "F 1:off-chip"},
         {"writeoob 0 c000 raw\n",
@@ -160,19 +183,23 @@ TEST(Verdict, ReadsTheScriptForWhatARunCannotShow) {
         {"writeoob 0 4000 raw", " 1:raw-length 1:outruns-range"},
         {"write 0 4000 empty", " 1:empty-image"},
         {"write 0 4000 none", " 1:missing-file"},
+        {"write 0 4000 pipe", " 1:unreadable-file"},
         {"setenv name # now", " 1:ignored-words 1:shell-text"},
         {"setenv delay 3 # now", " 1:setenv-long"},
         {"setenv 4000 4000 # old value", " 1:setenv-long"},
         {"setenv 4000 4000 name value # now", ""},
         {"setenv args console=ttyS0 quiet", " 1:ignored-words"},
         {"setenv name a;b", " 1:shell-text"},
+        {"setenv {x} 1.2~rc!", ""},
+        {"setenv name ~user", " 1:shell-text"},
         {"ubiformat /dev/mtd9", " 1:incomplete"},
         // Ranges in each other's way.
-        {"erase 0 8000\rwrite 0 8000 one\rsetenv 4000 4000 a b\rsetenv 4000 4000 c d", ""},
+        {"erase 0 8000\rwrite 0 8000 one\rsetenv 0 4000 a b\rsetenv 0 4000 c d", ""},
+        {"write 0 8000 one\rsetenv 4000 4000 a b", " 2:overlap"},
+        {"write 0 c000 two\rsetenv 0 4000 a b", " 2:overlap"},
         {"write 0 8000 one\rwrite 4000 8000 one", " 2:overlap"},
         {"setenv 4000 4000 a b\rerase 0 8000", " 2:overlap"},
         {"setenv 4000 4000 a b\rsetenv 4000 8000 a b", " 2:overlap"},
-        {"write 0 8000 one\rsetenv 4000 8000 a b", " 2:overlap"},
         {"write 80000 8000 one\rubiformat /dev/mtd9 one", " 2:overlap"},
         {"ubiformat /dev/mtd9 one\rsetenv 80000 4000 a b", " 2:overlap"},
     };
@@ -184,9 +211,11 @@ TEST(Verdict, ReadsTheScriptForWhatARunCannotShow) {
 }
 
 TEST(Verdict, ReadsEnvironmentsBackFromTheChip) {
-    const auto setBlock = [](Rehearsed &run, std::uint32_t block, std::size_t fill, bool isSealed) {
+    const auto setBlock = [](Rehearsed &run, std::uint32_t block, std::size_t fill, bool isSealed,
+                             bool isVariable = true) {
         std::vector<char> bytes(0x4000, '\0');
         std::fill_n(bytes.begin() + 4, fill, 'x');
+        bytes[5] = isVariable ? '=' : 'x';
         UEnvTool environment(bytes.data(), 0x4000);
         environment.SetEnv("a", "b");
         environment.m_pBlock[0] = static_cast<char>(environment.m_pBlock[0] + (isSealed ? 0 : 1));
@@ -257,9 +286,7 @@ TEST(Verdict, TakesPercentagesForANoteUntilALineFails) {
         {{50, 150},
          "the percentages pass 100, up to 150; more blocks than counted come from line 1 (a write of whole "
          "blocks and any writeoob)"},
-        {{60, 40, 90},
-         "the percentages fall from 60 to 40, end at 90; more blocks than counted come from line 1 (a "
-         "write of whole blocks and any writeoob)"},
+        {{60, 40, 90}, "the percentages fall from 60 to 40, end at 90"},
     };
     for (const auto &row : rows) {
         Rehearsed run("write 0 8000 one\n", Begun("one", "0", "8000") + kDone);
