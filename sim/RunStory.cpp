@@ -40,7 +40,7 @@ std::string ErrorIn(const std::string &line) {
     if (line.find(kErrorMark) == std::string::npos)
         return std::string();
     for (const Failure &known : kFailures) {
-        const std::string error = BeginsWith(known.start, kErrorMark) ? From(line, known.start) : std::string();
+        std::string error = BeginsWith(known.start, kErrorMark) ? From(line, known.start) : std::string();
         if (!error.empty())
             return error;
     }

@@ -3,6 +3,7 @@
 #include "Failures.h"
 #include "FlashRanges.h"
 #include "ScriptChecks.h"
+#include "SimText.h"
 #include "TraceCalls.h"
 #include "UEnvTool.h"
 
@@ -350,6 +351,9 @@ private:
     }
 
     void JudgeEnd() {
+        for (const std::string &trouble : m_run.absent)
+            AddForRun("never-came", trouble, "ask for one that comes; the run tells nothing of how it is borne",
+                      Severity::Warning);
         if (!m_run.cutPlace.empty())
             AddForRun("power-cut", "the power goes during " + m_run.cutPlace, "run the update again from its start");
         else if (WIFSIGNALED(m_run.status) ||
@@ -626,6 +630,22 @@ std::optional<std::int64_t> LineVerdict::SpareBlocks() const {
 bool Verdict::IsClean() const {
     return std::none_of(findings.begin(), findings.end(),
                         [](const Finding &finding) { return finding.severity != Severity::Note; });
+}
+
+std::vector<std::string> AbsentTroubles(const SimSettings &asked, const SimState &state) {
+    std::vector<std::string> absent;
+    const auto tell = [&absent](const std::string &what, std::uint64_t count, const std::string &noun) {
+        const auto number = static_cast<std::int64_t>(count);
+        absent.push_back(what + ": there " + (number == 1 ? "was " : "were ") + Count(number, noun));
+    };
+    if (asked.cutAtChange > state.Changes())
+        tell("cut " + std::to_string(asked.cutAtChange), state.Changes(), "change");
+    for (const SimFault &fault : asked.faults) {
+        const std::uint64_t count = state.Requests(fault.kind);
+        if (count == 0 || count < fault.nth)
+            tell("fault " + FaultText(fault), count, "such request");
+    }
+    return absent;
 }
 
 Verdict Judge(const Rehearsal &rehearsal, const NandChip &chip) { return Judgement(rehearsal, chip).Give(); }

@@ -22,6 +22,7 @@ struct Rehearsal {
     std::string err;                           ///< all that came on standard error
     std::string trace;                         ///< SimState::TraceText
     std::string cutPlace;                      ///< SimState::CutPlace
+    std::vector<std::string> absent = {};      ///< of the run's settings: AbsentTroubles
 };
 
 /// What is known of one script line.
@@ -46,6 +47,10 @@ struct Verdict {
     /// @return whether there is neither a warning nor an error.
     bool IsClean() const;
 };
+
+/// @return what of the cut and the faults that were asked for never came, each in words: "cut 100: there were 65
+/// changes".
+std::vector<std::string> AbsentTroubles(const SimSettings &asked, const SimState &state);
 
 /// Judges a run by what the updater did on the chip and said, and by its script only where a run can't tell.
 ///

@@ -338,8 +338,9 @@ int Rehearse(const Options &options, const RerunWords &words) {
     const SimState state(statePath);
     if (!options.trace.empty())
         SaveTrace(state, options.trace);
-    const Rehearsal rehearsal = {outcome.script, outcome.files, state.Devices(),   outcome.status,
-                                 outcome.out,    outcome.err,   state.TraceText(), state.CutPlace()};
+    const Rehearsal rehearsal = {outcome.script,    outcome.files,    state.Devices(),
+                                 outcome.status,    outcome.out,      outcome.err,
+                                 state.TraceText(), state.CutPlace(), AbsentTroubles(settings.sim, state)};
     const bool isJudged = !outcome.isInterrupted && options.WantsVerdict();
     const Verdict verdict = isJudged ? Judge(rehearsal, chip.Chip()) : Verdict();
     if (!options.isRaw) {
