@@ -30,6 +30,9 @@ constexpr char kRuns = 'r';
 constexpr char kTells = 't';
 constexpr std::size_t kCommandLimit = 65536;
 
+/// A boot environment takes no more.
+constexpr off_t kMostShown = 0x40000;
+
 constexpr int kLookMicroseconds = 500;
 /// A command that never sleeps (a busy loop) is taken as up after so many looks.
 constexpr int kMostLooks = 4000;
@@ -45,6 +48,22 @@ std::set<std::string> Words(const std::string &script) {
         start = end;
     }
     return words;
+}
+
+/// @return a file's size, and the bytes of a small one as hexadecimal digits behind it.
+std::string Told(const std::string &path, const struct stat &status) {
+    if (!S_ISREG(status.st_mode))
+        return std::to_string(kNoSize) + " -";
+    std::string told = std::to_string(status.st_size) + " ";
+    if (status.st_size == 0 || status.st_size > kMostShown)
+        return told + "-";
+    std::ifstream file(path, std::ios::binary);
+    constexpr const char *kDigits = "0123456789abcdef";
+    for (auto byte = std::istreambuf_iterator<char>(file); byte != std::istreambuf_iterator<char>(); ++byte) {
+        const auto value = static_cast<unsigned char>(*byte);
+        told.append({kDigits[value / 16], kDigits[value % 16]});
+    }
+    return told;
 }
 
 std::vector<char *> Pointers(const std::vector<std::string> &texts) {
@@ -133,7 +152,7 @@ private:
         for (const std::string &word : Words(script)) {
             struct stat status = {};
             if (stat((start + word).c_str(), &status) == 0)
-                text += std::to_string(S_ISREG(status.st_mode) ? status.st_size : kNoSize) + " " + word + "\n";
+                text += Told(start + word, status) + " " + word + "\n";
         }
         text += "\n" + script;
         for (std::size_t done = 0; done < text.size();) {

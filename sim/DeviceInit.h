@@ -35,10 +35,11 @@ struct DeviceStreams {
 /// one and waits for each until it is up (all it started sleep, or it has ended well). Then it runs the commands that
 /// come on `control`, one at a time, and says with a byte there that the report holds the reply: a line "status N", N
 /// as waitpid gives it, with " busy" behind when other processes are left in the device; if it is to tell of the
-/// update, behind that a line "SIZE WORD" for each word of the script that leads to a file from the script's folder
-/// (kNoSize for one that isn't regular), an empty line and the bytes of the script, that in the root folder when the
-/// update has none. "error TEXT" is the reply of a device
-/// that couldn't do so, and its last. All programs read nothing. The device and all that runs in it end with `control`.
+/// update, behind that a line "SIZE BYTES WORD" for each word of the script that leads to a file from the script's
+/// folder (kNoSize for one that isn't regular, hexadecimal digits for the bytes of one up to 256 KiB, "-" for others),
+/// an empty line and the bytes of the script, that in the root folder when the update has none. "error TEXT" is the
+/// reply of a device that couldn't do so, and its last. All programs read nothing. The device and all that runs in it
+/// end with `control`.
 [[noreturn]] void RunDevice(const DeviceJob &job, const DeviceStreams &streams);
 
 /// Gives a device a command. @return false when the device has ended.

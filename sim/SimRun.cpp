@@ -146,10 +146,13 @@ void TakeReport(const ScopedFd &report, RunOutcome &outcome) {
         throw std::runtime_error("the simulated device ended without a word");
     outcome.leavesProcesses = line.find(" busy") != std::string::npos;
     while (std::getline(lines, line) && !line.empty()) {
-        char *path = nullptr;
-        const std::int64_t size = strtoll(line.c_str(), &path, 10);
-        if (*path == ' ')
-            outcome.files[path + 1] = size;
+        std::istringstream words(line);
+        std::int64_t size = 0;
+        std::string digits, name;
+        words >> size >> digits >> name;
+        outcome.files[name] = size;
+        for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
+            outcome.contents[name] += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
     }
     outcome.script.assign(std::istreambuf_iterator<char>(lines), {});
 }

@@ -389,6 +389,7 @@ private:
                 continue;
             judged.push_back(*range);
             JudgeEnvironment(*range);
+            JudgeLaidEnvironment(*range);
         }
     }
 
@@ -399,6 +400,46 @@ private:
 
     static bool ChangedVariable(const LineVerdict &verdict) {
         return verdict.line.kind == LineKind::SetEnv && verdict.result == LineResult::Clean;
+    }
+
+    /// @return by how many bytes the list in a block is longer than a reading sees; 0 when it sees all.
+    static std::size_t ExcessOf(const std::vector<char> &bytes) {
+        std::size_t length = bytes.size() - kSealBytes;
+        while (length > 0 && bytes[kSealBytes + length - 1] == '\0')
+            --length;
+        return std::max(length + 1 + kLostOfEnvironment, bytes.size()) - bytes.size();
+    }
+
+    /// An environment that the update itself lays down may lose a variable at a change, and show nothing of it then.
+    void JudgeLaidEnvironment(const FlashRange &range) {
+        std::vector<char> bytes; // none until an image is laid down
+        for (const LineVerdict &verdict : m_verdict.lines) {
+            const std::optional<FlashRange> its = m_flash.RangeOf(verdict.line);
+            const auto image = m_run.contents.find(verdict.line.image);
+            if (verdict.result != LineResult::Clean || !its || its->begin != range.begin)
+                continue;
+            if (verdict.line.WritesImage() && image != m_run.contents.end()) {
+                bytes.clear();
+                const auto record = static_cast<std::size_t>(RecordSize(verdict.line));
+                for (std::size_t at = 0; at < image->second.size(); at += record) {
+                    const std::string page = image->second.substr(at, m_chip.Geometry().pageSize);
+                    bytes.insert(bytes.end(), page.begin(), page.end());
+                }
+                bytes.resize(static_cast<std::size_t>(range.end - range.begin), '\xFF');
+            } else if (verdict.line.kind == LineKind::SetEnv && *its == range && !bytes.empty()) {
+                UEnvTool block(bytes.data(), static_cast<int>(bytes.size()));
+                // Behind a shorter image the flash is blank, and no list goes on there.
+                if (bytes.back() != '\xFF' && ExcessOf(bytes) > 0) {
+                    Add(verdict.line, "environment-lost",
+                        "the last variable that the block was given is lost at this change: its list is longer than is "
+                        "read",
+                        "shorten the variables by " + Count(static_cast<std::int64_t>(ExcessOf(bytes)), "byte"));
+                    return;
+                }
+                block.SetEnv(verdict.line.Name().c_str(), verdict.line.Value().c_str());
+                bytes.assign(block.m_pBlock, block.m_pBlock + block.m_nSize);
+            }
+        }
     }
 
     void JudgeEnvironment(const FlashRange &range) {
@@ -414,11 +455,7 @@ private:
         const auto size = static_cast<int>(bytes.size());
         const UEnvTool block(bytes.data(), size);
         const auto bad = static_cast<std::int64_t>(m_flash.BadBlocks(range).size());
-        // The list as it lies in the block, which a reading may not see to its end.
-        std::size_t length = bytes.size() - kSealBytes;
-        while (length > 0 && bytes[kSealBytes + length - 1] == '\0')
-            --length;
-        const std::size_t excess = std::max(length + 1 + kLostOfEnvironment, bytes.size()) - bytes.size();
+        const std::size_t excess = ExcessOf(bytes);
         if (!HasValidSeal(bytes)) {
             Add(*last, "environment-lost",
                 bad > 0
@@ -429,8 +466,8 @@ private:
                         : "see what the lines behind it do to the block");
         } else if (excess > 0) {
             Add(*last, "environment-lost",
-                "the variables take " + std::to_string(length + 1) + " of " + std::to_string(bytes.size()) +
-                    " bytes: the next reading loses the last one",
+                "the variables take " + std::to_string(bytes.size() + excess - kLostOfEnvironment) + " of " +
+                    std::to_string(bytes.size()) + " bytes: the next reading loses the last one",
                 "shorten the variables by " + Count(static_cast<std::int64_t>(excess), "byte"));
         } else {
             for (const auto &[name, line] : setters) {

@@ -14,15 +14,16 @@
 
 /// What a rehearsed run was and what came of it.
 struct Rehearsal {
-    std::string script;                        ///< the script file's bytes
-    std::map<std::string, std::int64_t> files; ///< as RunOutcome has them
-    std::vector<SimDevice> devices;            ///< as "/proc/mtd" lists them
-    int status = 0;                            ///< of the updater, as waitpid gives it
-    std::string out;                           ///< all that came on standard output
-    std::string err;                           ///< all that came on standard error
-    std::string trace;                         ///< SimState::TraceText
-    std::string cutPlace;                      ///< SimState::CutPlace
-    std::vector<std::string> absent = {};      ///< of the run's settings: AbsentTroubles
+    std::string script;                               ///< the script file's bytes
+    std::map<std::string, std::int64_t> files;        ///< as RunOutcome has them
+    std::vector<SimDevice> devices;                   ///< as "/proc/mtd" lists them
+    int status = 0;                                   ///< of the updater, as waitpid gives it
+    std::string out;                                  ///< all that came on standard output
+    std::string err;                                  ///< all that came on standard error
+    std::string trace;                                ///< SimState::TraceText
+    std::string cutPlace;                             ///< SimState::CutPlace
+    std::vector<std::string> absent = {};             ///< of the run's settings: AbsentTroubles
+    std::map<std::string, std::string> contents = {}; ///< as RunOutcome has them
 };
 
 /// What is known of one script line.

@@ -340,7 +340,8 @@ int Rehearse(const Options &options, const RerunWords &words) {
         SaveTrace(state, options.trace);
     const Rehearsal rehearsal = {outcome.script,    outcome.files,    state.Devices(),
                                  outcome.status,    outcome.out,      outcome.err,
-                                 state.TraceText(), state.CutPlace(), AbsentTroubles(settings.sim, state)};
+                                 state.TraceText(), state.CutPlace(), AbsentTroubles(settings.sim, state),
+                                 outcome.contents};
     const bool isJudged = !outcome.isInterrupted && options.WantsVerdict();
     const Verdict verdict = isJudged ? Judge(rehearsal, chip.Chip()) : Verdict();
     if (!options.isRaw) {

@@ -249,6 +249,14 @@ TEST(Verdict, ReadsEnvironmentsBackFromTheChip) {
         setBlock(run, 1, row.fill, row.isSealed);
         EXPECT_EQ(run.Told(), row.told) << row.script << " " << row.fill;
     }
+    // Of an environment that the update lays down, the change itself may lose the last variable.
+    for (const std::size_t free : {4U, 3U}) {
+        Rehearsed laid("write 4000 8000 one\nsetenv 4000 4000 a b\n", Begun("one", "4000", "8000") + kDone + changed);
+        laid.chip.Erase(1);
+        setBlock(laid, 1, 20, true);
+        laid.rehearsal.contents["one"] = std::string(0x4000 - free - 1, 'x').append(free + 1, '\0');
+        EXPECT_EQ(laid.Told(), free == 4 ? "CC" : "CC 2:environment-lost");
+    }
     Rehearsed run("setenv 0 8000 a b", changed);
     run.chip.MarkBad(1);
     run.chip.Erase(0);
