@@ -44,6 +44,12 @@ enum ExitStatus { kClean = 0, kFindings = 1, kWrongUse = 2 };
 constexpr std::uint64_t kTraceLimit = std::uint64_t{1} << 30;
 constexpr const char *kScriptName = "flashrig.script";
 constexpr size_t kUsualWidth = 80;
+constexpr size_t kMostDigits = 18;
+constexpr std::uint64_t kMostRequests = 1'000'000'000;
+/// A sweep of more would have no end, nor its list of runs room.
+constexpr std::uint64_t kMostSets = 1'000'000;
+constexpr std::uint64_t kMostSeed = 999'999'999'999'999'999;
+constexpr std::uint64_t kMostJobs = 1024;
 constexpr const char *kUsualChip = "32M,128K,2K,64";
 constexpr const char *kUsualEcc = "host";
 
@@ -110,7 +116,22 @@ std::string Companion(const char *name) {
     throw std::runtime_error(std::string("can't find ") + name + " beside this program");
 }
 
-/// Checks of option values, as CLI11 wants them: an empty text for a good one, else what is wrong.
+// Checks of option values, as CLI11 wants them: an empty text for a good one, else what is wrong.
+
+CLI::Validator CheckNumber(std::uint64_t least, std::uint64_t most) {
+    return CLI::Validator(
+        [least, most](const std::string &text) {
+            // A number of another base or with a sign would be read as another one.
+            const bool isPlain = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos &&
+                                 (text[0] != '0' || text.size() == 1) && text.size() <= kMostDigits;
+            const std::uint64_t number = isPlain ? std::stoull(text) : 0;
+            return isPlain && number >= least && number <= most
+                       ? std::string()
+                       : text + " is no number from " + std::to_string(least) + " to " + std::to_string(most);
+        },
+        "");
+}
+
 std::string CheckDevicePath(const std::string &path) {
     return path.size() > 1 && path[0] == '/' ? std::string() : path + " is no absolute path in the device";
 }
@@ -155,19 +176,29 @@ void Describe(CLI::App &app, Options &options) {
         ->check(CheckDevicePath);
     add("--program", "FILE", options.program, "the updater under test [the one of this build]")->check(CheckPresent);
     add("--fault", "KIND[:N]=ERRNO", options.faults, "each request of the kind fails, or the N-th alone");
-    add("--cut", "N", options.cut, "the power goes in the middle of the N-th page program or block erase");
+    add("--cut", "N", options.cut, "the power goes in the middle of the N-th page program or block erase")
+        ->check(CheckNumber(1, kMostRequests));
     add("--trace", "FILE", options.trace, "write a line for each request");
     add("--report", "FILE.json", options.report, "write the verdict and what it is drawn from, for programs");
     add("--map", "FILE.svg", options.map, "draw the chip, the script's ranges and the percentages");
     app.add_flag("--raw", options.isRaw, "only the updater's own output and exit status, for scripts")->group(group);
 
     group = "Sweeps (--sweep may be repeated): many runs from a --used chip or a copy of --flash, without notify calls";
-    add("--sweep", "bad|cut|faults", options.sweeps, "each block bad; power cut at each change; each request failing")
-        ->check(CLI::IsMember({"bad", "cut", "faults"}));
-    add("--every", "K", options.every, "only each K-th cut or fault [1]")->check(CLI::PositiveNumber);
-    add("--sets", "N", options.sets, "bad: sets of bad blocks, as many as the ranges bear, after single ones [100]");
-    add("--seed", "S", options.seed, "bad: what the sets are drawn from [1]");
-    add("--jobs", "N", options.jobs, "runs at the same time [one a core]")->check(CLI::Range(1, 1024));
+    CLI::Option *sweep = add("--sweep", "bad|cut|faults", options.sweeps,
+                             "each block bad; power cut at each change; each request failing")
+                             ->check(CLI::IsMember({"bad", "cut", "faults"}));
+    add("--every", "K", options.every, "only each K-th cut or fault [1]")
+        ->check(CheckNumber(1, kMostRequests))
+        ->needs(sweep);
+    add("--sets", "N", options.sets, "bad: sets of bad blocks, as many as the ranges bear, after single ones [100]")
+        ->check(CheckNumber(0, kMostSets))
+        ->needs(sweep);
+    add("--seed", "S", options.seed, "bad: what the sets are drawn from [1]")
+        ->check(CheckNumber(0, kMostSeed))
+        ->needs(sweep);
+    add("--jobs", "N", options.jobs, "runs at the same time [one a core]")
+        ->check(CheckNumber(1, kMostJobs))
+        ->needs(sweep);
 }
 
 RunSettings Settings(const Options &options, const NandGeometry &geometry) {

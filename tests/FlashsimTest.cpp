@@ -6,6 +6,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <sys/wait.h>
@@ -70,10 +71,11 @@ TEST_F(Flashsim, RawPassesStreamsAndStatusAndNothingElse) {
 }
 
 TEST_F(Flashsim, WrongUseGetsOneLineAndStatusTwo) {
-    for (const char *options :
-         {"--frob", "--chip 8M,128K,2K", "--chip 8M,128K,2Q,64", "--chip 8M,100K,2K,64", "--ecc none", "--bad 3-1",
-          "--bad 256", "--fault MEMWRITE", "--fault read=EFROG", "--cut x", "--mtd 3", "--mtd 3:part:1,128K",
-          "--mount opt", "--as update", "--root /nowhere", "--program /nowhere", "--start false"}) {
+    std::istringstream rows("--frob|--chip 8M,128K,2K|--chip 8M,128K,2Q,64|--chip 8M,100K,2K,64|--ecc none|--bad 3-1|"
+                            "--bad 256|--fault MEMWRITE|--fault read=EFROG|--mtd 3|--mtd 3:part:1,128K|--mount opt|"
+                            "--as update|--root /nowhere|--program /nowhere|--start false|--cut x|--cut -1|--cut 0|"
+                            "--sweep bad --sets -1|--sweep bad --seed 010|--sweep cut --every 0|--every 2");
+    for (std::string options; std::getline(rows, options, '|');) {
         EXPECT_EQ(Run(options), 2) << options;
         EXPECT_EQ(m_out, "") << options;
         EXPECT_EQ(m_err.rfind("flashsim: ", 0), 0U) << options;
