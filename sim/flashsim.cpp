@@ -263,17 +263,54 @@ void PrepareChip(const Options &options, const std::string &path, const std::str
     chip.ForgetMarks();
 }
 
-void Save(const std::string &text, const std::string &path, const char *what) {
-    std::ofstream file(path, std::ios::binary);
-    file << text << std::flush;
-    if (!file)
-        throw std::runtime_error(std::string("can't write the ") + what + " to " + path);
+/// A file that is asked for by an option, opened before the run: a long one isn't to end without it. It may be none.
+class OutputFile {
+public:
+    OutputFile(std::string path, const char *what) : m_sPath(std::move(path)), m_what(what) {
+        if (IsWanted())
+            m_file.open(m_sPath, std::ios::binary);
+        Check();
+    }
+
+    bool IsWanted() const { return !m_sPath.empty(); }
+
+    void Save(const std::string &text) {
+        m_file << text << std::flush;
+        Check();
+    }
+
+private:
+    void Check() const {
+        if (!m_file)
+            throw std::runtime_error(std::string("can't write the ") + m_what + " to " + m_sPath);
+    }
+
+    std::string m_sPath;
+    const char *m_what;
+    std::ofstream m_file;
+};
+
+bool IsSameFile(const std::string &one, const std::string &other) {
+    std::error_code missing;
+    return fs::equivalent(one, other, missing) ||
+           fs::weakly_canonical(fs::absolute(one)) == fs::weakly_canonical(fs::absolute(other));
 }
 
-void SaveTrace(const SimState &state, const std::string &path) {
-    Save(state.TraceText(), path, "trace");
-    if (state.TraceOverflowed())
-        fprintf(stderr, "flashsim: the trace in %s is not complete: there was no room for all of it\n", path.c_str());
+/// Checks that what is written takes the place of nothing that the run needs, nor of another output.
+void CheckOutputs(const Options &options) {
+    std::vector<std::string> taken = {options.update, options.program};
+    if (!options.flash.empty())
+        taken.insert(taken.end(), {options.flash, options.flash + ".chip"});
+    for (const std::string &output : {options.trace, options.report, options.map}) {
+        // Pipes and terminals take all.
+        if (output.empty() || fs::is_character_file(output) || fs::is_fifo(output))
+            continue;
+        for (const std::string &other : taken) {
+            if (!other.empty() && IsSameFile(output, other))
+                throw std::invalid_argument("what is written to " + output + " would take the place of " + other);
+        }
+        taken.push_back(output);
+    }
 }
 
 std::string ReportText(const nlohmann::ordered_json &report) {
@@ -352,6 +389,10 @@ bool RunSweeps(const Options &options, const RunSettings &settings, const std::s
 }
 
 int Rehearse(const Options &options, const RerunWords &words) {
+    CheckOutputs(options);
+    OutputFile traceFile(options.trace, "trace");
+    OutputFile reportFile(options.report, "report");
+    OutputFile mapFile(options.map, "map");
     const HeldSignals signals;
     const TempFolder folder;
     const bool isSwept = !options.sweeps.empty();
@@ -367,8 +408,6 @@ int Rehearse(const Options &options, const RerunWords &words) {
     const RunSettings settings = Settings(options, chip.Chip().Geometry());
     const RunOutcome outcome = RunUpdate(settings, path, statePath, signals);
     const SimState state(statePath);
-    if (!options.trace.empty())
-        SaveTrace(state, options.trace);
     const Rehearsal rehearsal = {outcome.script, outcome.files, state.Devices(),   outcome.status,
                                  outcome.out,    outcome.err,   state.TraceText(), state.CutPlace()};
     const bool isJudged = !outcome.isInterrupted && options.WantsVerdict();
@@ -380,19 +419,24 @@ int Rehearse(const Options &options, const RerunWords &words) {
             printf("%s", VerdictText(verdict, kScriptName).c_str());
         fflush(stdout);
     }
+    if (traceFile.IsWanted())
+        traceFile.Save(state.TraceText());
+    if (traceFile.IsWanted() && state.TraceOverflowed())
+        fprintf(stderr, "flashsim: the trace in %s is not complete: there was no room for all of it\n",
+                options.trace.c_str());
     nlohmann::ordered_json sweeps = nlohmann::ordered_json::array();
     const bool isSweepable = isJudged && outcome.status == 0;
     if (isSwept && !isSweepable)
         printf("no sweep: the update must come to its end by itself first\n");
     const bool held = !isSwept || (isSweepable && RunSweeps(options, settings, start, words, signals, sweeps));
-    if (isJudged && !options.report.empty()) {
+    if (isJudged && reportFile.IsWanted()) {
         nlohmann::ordered_json report = MakeReport(rehearsal, verdict, chip.Chip(), state);
         report["sweeps"] = std::move(sweeps);
-        Save(ReportText(report), options.report, "report");
+        reportFile.Save(ReportText(report));
     }
-    if (isJudged && !options.map.empty())
-        Save(DrawChip(UpdateName(options.update), chip.Chip(), WholeFlash(chip.Chip(), rehearsal.devices), verdict),
-             options.map, "map");
+    if (isJudged && mapFile.IsWanted())
+        mapFile.Save(
+            DrawChip(UpdateName(options.update), chip.Chip(), WholeFlash(chip.Chip(), rehearsal.devices), verdict));
     if (options.isRaw)
         return RunSummary::ShellStatus(outcome);
     return isJudged && verdict.IsClean() && held ? kClean : kFindings;
