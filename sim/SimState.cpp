@@ -185,8 +185,7 @@ std::string SimState::DeviceTable(std::uint32_t eraseSize) const {
 }
 
 int SimState::Begin(RequestKind kind) {
-    if (PowerWasCut())
-        EndHere();
+    NeedPower();
     m_current = kind;
     const std::uint64_t number = ++m_shared->requests[static_cast<std::size_t>(kind)];
     for (std::size_t i = 0; i < m_shared->faultCount; ++i) {
@@ -202,6 +201,11 @@ std::uint64_t SimState::Requests(RequestKind kind) const { return m_shared->requ
 std::uint64_t SimState::Changes() const { return m_shared->changes; }
 
 bool SimState::PowerWasCut() const { return m_shared->powerIsOff != 0; }
+
+void SimState::NeedPower() const {
+    if (PowerWasCut())
+        EndHere();
+}
 
 std::string SimState::CutPlace() const {
     if (!PowerWasCut())

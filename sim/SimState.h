@@ -89,6 +89,8 @@ public:
     std::uint64_t Changes() const;
 
     bool PowerWasCut() const;
+    /// Doesn't come back once the power is off: for what is no request, but done by a device with power alone.
+    void NeedPower() const;
     /// @return where the power went, as "MEMWRITE at 0x800", an offset on the chip; empty when it never did.
     std::string CutPlace() const;
 

@@ -130,6 +130,13 @@ TEST_F(Flashsim, HostStaysAsItIs) {
     waitpid(bystander, nullptr, 0);
 }
 
+TEST_F(Flashsim, PowerCutInAProgramOfTheUpdateEndsTheUpdater) {
+    const std::string updater =
+        Updater("dd if=/dev/zero of=/dev/mtd12 bs=2k count=1 conv=notrunc; kill -0 $$; echo on");
+    EXPECT_EQ(Run(updater + "--raw --cut 1"), 128 + SIGKILL);
+    EXPECT_EQ(m_out, "");
+}
+
 TEST_F(Flashsim, FlashFileKeepsTheChipBetweenRuns) {
     constexpr size_t kBlockTwo = size_t{2} * 64 * 2112;
     const std::string flash = (m_folder / "unit.nand").string();
