@@ -29,6 +29,7 @@
 #include <stdexcept>
 #include <string>
 #include <sys/ioctl.h>
+#include <system_error>
 #include <tuple>
 #include <unistd.h>
 #include <utility>
@@ -52,6 +53,7 @@ constexpr std::uint64_t kMostSeed = 999'999'999'999'999'999;
 constexpr std::uint64_t kMostJobs = 1024;
 constexpr const char *kUsualChip = "32M,128K,2K,64";
 constexpr const char *kUsualEcc = "host";
+constexpr const char *kRoomAdvice = " (TMPDIR names the folder for what isn't kept)";
 
 constexpr const char *kExamples = R"(Kinds of request for --fault:
   open lseek read write fsync close MEMGETBADBLOCK MEMERASE64 MEMERASE MEMWRITE MEMWRITEOOB64 MEMREADOOB64
@@ -410,7 +412,8 @@ int Rehearse(const Options &options, const RerunWords &words) {
     const SimState state(statePath);
     const Rehearsal rehearsal = {outcome.script, outcome.files, state.Devices(),   outcome.status,
                                  outcome.out,    outcome.err,   state.TraceText(), state.CutPlace()};
-    const bool isJudged = !outcome.isInterrupted && options.WantsVerdict();
+    // A verdict drawn from a part of the requests may miss what is wrong.
+    const bool isJudged = !outcome.isInterrupted && options.WantsVerdict() && !state.TraceOverflowed();
     const Verdict verdict = isJudged ? Judge(rehearsal, chip.Chip()) : Verdict();
     if (!options.isRaw) {
         const RunSummary summary(chip.Chip(), state, outcome);
@@ -421,9 +424,9 @@ int Rehearse(const Options &options, const RerunWords &words) {
     }
     if (traceFile.IsWanted())
         traceFile.Save(state.TraceText());
-    if (traceFile.IsWanted() && state.TraceOverflowed())
-        fprintf(stderr, "flashsim: the trace in %s is not complete: there was no room for all of it\n",
-                options.trace.c_str());
+    if (state.TraceOverflowed())
+        throw std::runtime_error(std::string("no room to record all requests: trace and verdict would not be whole") +
+                                 kRoomAdvice);
     nlohmann::ordered_json sweeps = nlohmann::ordered_json::array();
     const bool isSweepable = isJudged && outcome.status == 0;
     if (isSwept && !isSweepable)
@@ -460,8 +463,11 @@ int main(int argc, char *argv[]) {
         if (!options.sweeps.empty() && (options.isRaw || options.cut != 0))
             throw std::invalid_argument("--sweep goes with neither --raw nor --cut");
         return Rehearse(options, RecallOptions(app, options));
+    } catch (const std::system_error &failure) {
+        const bool isFull = failure.code() == std::errc::no_space_on_device;
+        fprintf(stderr, "flashsim: %s%s\n", failure.what(), isFull ? kRoomAdvice : "");
     } catch (const std::exception &failure) {
         fprintf(stderr, "flashsim: %s\n", failure.what());
-        return kWrongUse;
     }
+    return kWrongUse;
 }
