@@ -7,6 +7,7 @@
 #include "ProgressBar.h"
 #include "Report.h"
 #include "RunSummary.h"
+#include "ScopedFd.h"
 #include "SimRun.h"
 #include "SimText.h"
 #include "Sweep.h"
@@ -234,15 +235,19 @@ RunSettings Settings(const Options &options, const NandGeometry &geometry) {
 }
 
 /// Makes the chip, or takes the one that is kept. Blocks that are to be bad are so in either case.
-void PrepareChip(const Options &options, const std::string &path, const std::string &statePath,
-                 const HeldSignals &signals) {
+/// @return what keeps other runs off it
+ScopedFd PrepareChip(const Options &options, const std::string &path, const std::string &statePath,
+                     const HeldSignals &signals) {
     const NandGeometry geometry = ParseGeometry(options.chip.empty() ? kUsualChip : options.chip);
     const Ecc ecc = ParseEcc(options.ecc.empty() ? kUsualEcc : options.ecc);
+    ScopedFd turn = ChipFile::AwaitTurn(path);
     const bool isNew = !fs::exists(path);
     if (isNew)
         ChipFile::Create(path, geometry, ecc, {});
     else if (options.isUsed)
         throw std::invalid_argument(path + " is there already: --used fills a new chip");
+    ScopedFd right = ChipFile::Reserve(path, ChipFile::Usage::Change);
+    turn.Close();
     ChipFile file(path);
     NandChip &chip = file.Chip();
     const NandGeometry &its = chip.Geometry();
@@ -263,6 +268,7 @@ void PrepareChip(const Options &options, const std::string &path, const std::str
             chip.MarkBad(block);
     }
     chip.ForgetMarks();
+    return right;
 }
 
 /// A file that is asked for by an option, opened before the run: a long one isn't to end without it. It may be none.
@@ -400,9 +406,11 @@ int Rehearse(const Options &options, const RerunWords &words) {
     const bool isSwept = !options.sweeps.empty();
     const std::string path = options.flash.empty() || isSwept ? folder.File("flash") : options.flash;
     const std::string statePath = folder.File("state");
-    if (isSwept && !options.flash.empty())
+    if (isSwept && !options.flash.empty()) {
+        const ScopedFd right = ChipFile::Reserve(options.flash, ChipFile::Usage::Read);
         ChipFile::Copy(options.flash, path);
-    PrepareChip(options, path, statePath, signals);
+    }
+    const ScopedFd right = PrepareChip(options, path, statePath, signals);
     const std::string start = folder.File("start");
     if (isSwept)
         ChipFile::Copy(path, start);

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -9,6 +10,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -150,6 +152,11 @@ TEST_F(Flashsim, FlashFileKeepsTheChipBetweenRuns) {
     EXPECT_NE(m_out.find("\nverdict: clean: 1 of 1 line carried out\n"), std::string::npos) << m_out;
     EXPECT_EQ(Load(flash).substr(kBlockTwo, pages.size()), pages);
     EXPECT_EQ(Run("--chip 2M,128K,2K,64 --flash " + flash), 2);
+
+    const int fd = open((flash + ".chip").c_str(), O_RDONLY | O_CLOEXEC);
+    flock(fd, LOCK_EX);
+    EXPECT_EQ(Run("--flash " + flash), 2) << "another run has it";
+    close(fd);
 }
 
 TEST_F(Flashsim, FindingsAreToldOneALineWithStatusOne) {
