@@ -135,12 +135,53 @@ CLI::Validator CheckNumber(std::uint64_t least, std::uint64_t most) {
         "");
 }
 
-std::string CheckDevicePath(const std::string &path) {
-    return path.size() > 1 && path[0] == '/' ? std::string() : path + " is no absolute path in the device";
+/// @return whether a path is one of some folders or lies in one.
+template <size_t N> bool IsWithin(const char *const (&folders)[N], const std::string &path) {
+    return std::any_of(std::begin(folders), std::end(folders), [&path](const std::string &folder) {
+        return path == folder || path.rfind(folder + "/", 0) == 0;
+    });
 }
 
-std::string CheckFolder(const std::string &path) {
-    return fs::is_directory(path) ? std::string() : path + " is no folder";
+std::string CheckDevicePath(const std::string &path) {
+    const fs::path place = path;
+    const bool isPlain = place.is_absolute() && place.has_filename() && place == place.lexically_normal();
+    return isPlain ? std::string() : path + " is no plain absolute path in the device";
+}
+
+std::string CheckMount(const std::string &path) {
+    // Below /usr and /lib a device may have mounts, in place of its programs and libraries it has none.
+    constexpr const char *kPrograms[] = {"/usr", "/usr/bin", "/usr/lib", "/usr/sbin", "/bin",
+                                         "/lib", "/lib64",   "/sbin",    "/dev",      "/sys"};
+    constexpr const char *kOwn[] = {"/proc", "/.flashsim"};
+    const bool isProgram = std::find(std::begin(kPrograms), std::end(kPrograms), path) != std::end(kPrograms);
+    return isProgram || IsWithin(kOwn, path) ? path + " is needed by the device's programs" : CheckDevicePath(path);
+}
+
+std::string CheckPlace(const std::string &path) {
+    constexpr const char *kSystem[] = {"/usr",  "/bin", "/lib", "/lib32", "/lib64", "/libx32",
+                                       "/sbin", "/etc", "/dev", "/sys",   "/proc",  "/.flashsim"};
+    return IsWithin(kSystem, path) ? path + " is no place for an update: the device's system is there"
+                                   : CheckDevicePath(path);
+}
+
+std::string CheckUpdate(const std::string &path) {
+    if (!fs::exists(path))
+        return path + " doesn't exist";
+    return fs::is_directory(path) || fs::is_regular_file(path) ? std::string() : path + " is neither file nor folder";
+}
+
+std::string CheckRoot(const std::string &path) {
+    if (!fs::is_directory(path))
+        return path + " is no folder";
+    return fs::equivalent(path, "/") ? path + " is this machine's own root, not a folder with a device's files" : "";
+}
+
+std::string CheckSysfsFiles(const std::string &list) {
+    for (const std::string &name : SplitList(list)) {
+        if (std::find(std::begin(kSysfsFiles), std::end(kSysfsFiles), name) == std::end(kSysfsFiles))
+            return "'" + name + "' is no sysfs file of an MTD device";
+    }
+    return {};
 }
 
 std::string CheckPresent(const std::string &path) { return fs::exists(path) ? std::string() : path + " doesn't exist"; }
@@ -148,7 +189,8 @@ std::string CheckPresent(const std::string &path) { return fs::exists(path) ? st
 void Describe(CLI::App &app, Options &options) {
     app.footer(kExamples);
     app.add_option("UPDATE", options.update, "update image, or folder with an unpacked update; it stays as it is")
-        ->check(CheckPresent)
+        ->required()
+        ->check(CheckUpdate)
         ->type_name("");
     app.add_option("ARGUMENTS", options.arguments, "further arguments for the updater, such as a notify script")
         ->type_name("");
@@ -169,14 +211,15 @@ void Describe(CLI::App &app, Options &options) {
 
     group = "The device (--mtd, --mount and --start may be repeated)";
     add("--mtd", "N:NAME[:OFFSET,SIZE]", options.devices, "an MTD device [0:boot 1:kernel 9:opt 12:all]");
-    add("--no-sysfs", "LIST", options.missingSysfs, "sysfs files of MTD devices that are missing: erasesize,oobsize");
-    add("--root", "DIR", options.root, "its own files, laid out as from /; it stays as it is")->check(CheckFolder);
-    add("--mount", "PATH", options.mounts, "a mount of its own, with what --root has for it")->check(CheckDevicePath);
+    add("--no-sysfs", "LIST", options.missingSysfs, "sysfs files of MTD devices that are missing: erasesize,oobsize")
+        ->check(CheckSysfsFiles);
+    add("--root", "DIR", options.root, "its own files, laid out as from /; it stays as it is")->check(CheckRoot);
+    add("--mount", "PATH", options.mounts, "a mount of its own, with what --root has for it")->check(CheckMount);
     add("--start", "COMMAND", options.starts, "shell command that runs before the update and on");
 
     group = "The run (--fault may be repeated)";
     add("--as", "PATH", options.place, "where the device shows UPDATE [/tmp/update; an image: /tmp/NAME]")
-        ->check(CheckDevicePath);
+        ->check(CheckPlace);
     add("--program", "FILE", options.program, "the updater under test [the one of this build]")->check(CheckPresent);
     add("--fault", "KIND[:N]=ERRNO", options.faults, "each request of the kind fails, or the N-th alone");
     add("--cut", "N", options.cut, "the power goes in the middle of the N-th page program or block erase")
@@ -204,6 +247,12 @@ void Describe(CLI::App &app, Options &options) {
         ->needs(sweep);
 }
 
+void AddDevice(const SimDevice &device, std::vector<SimDevice> &devices) {
+    if (std::any_of(devices.begin(), devices.end(), [&](const SimDevice &it) { return it.number == device.number; }))
+        throw std::invalid_argument("two devices have the number " + std::to_string(device.number));
+    devices.push_back(device);
+}
+
 RunSettings Settings(const Options &options, const NandGeometry &geometry) {
     RunSettings settings;
     settings.update = options.update;
@@ -217,7 +266,7 @@ RunSettings Settings(const Options &options, const NandGeometry &geometry) {
     settings.starts = options.starts;
     settings.missingSysfs = SplitList(options.missingSysfs);
     for (const std::string &device : options.devices)
-        settings.sim.devices.push_back(ParseDevice(device, geometry));
+        AddDevice(ParseDevice(device, geometry), settings.sim.devices);
     if (options.devices.empty())
         settings.sim.devices = DefaultDevices(geometry);
     for (const std::string &fault : options.faults)
@@ -466,8 +515,6 @@ int main(int argc, char *argv[]) {
         } catch (const CLI::CallForHelp &help) {
             return app.exit(help);
         }
-        if (options.update.empty())
-            throw std::invalid_argument("UPDATE is missing; flashsim --help tells more");
         if (!options.sweeps.empty() && (options.isRaw || options.cut != 0))
             throw std::invalid_argument("--sweep goes with neither --raw nor --cut");
         return Rehearse(options, RecallOptions(app, options));

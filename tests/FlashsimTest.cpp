@@ -78,14 +78,16 @@ TEST_F(Flashsim, WrongUseGetsOneLineAndStatusTwo) {
                             "--as update|--root /nowhere|--program /nowhere|--start false|--cut x|--cut -1|--cut 0|"
                             "--sweep bad --sets -1|--sweep bad --seed 010|--sweep cut --every 0|--every 2|"
                             "--trace /nowhere/t|--report /|--flash F --map ./F|--flash F --trace F.chip|"
-                            "--trace F --report F");
+                            "--trace F --report F|--root /|--no-sysfs bogus|--mtd 1:a --mtd 1:b|--mtd 1234567:a|"
+                            "--mount /usr|--mount /opt/../dev|--as /bin/update");
     for (std::string options; std::getline(rows, options, '|');) {
         EXPECT_EQ(Run(options), 2) << options;
         EXPECT_EQ(m_out, "") << options;
         EXPECT_EQ(m_err.rfind("flashsim: ", 0), 0U) << options;
         EXPECT_EQ(m_err.find('\n'), m_err.size() - 1) << options << m_err;
     }
-    EXPECT_EQ(RunBare("/nowhere"), 2);
+    for (const char *update : {"/nowhere", "/dev/null", ""})
+        EXPECT_EQ(RunBare(update), 2) << update;
 }
 
 TEST_F(Flashsim, DeviceHasItsOwnFilesMountsAndProcesses) {
