@@ -517,6 +517,12 @@ int main(int argc, char *argv[]) {
         }
         if (!options.sweeps.empty() && (options.isRaw || options.cut != 0))
             throw std::invalid_argument("--sweep goes with neither --raw nor --cut");
+        const auto isSwept = [&](const char *kind) {
+            return std::find(options.sweeps.begin(), options.sweeps.end(), kind) != options.sweeps.end();
+        };
+        const bool drawsInVain = app.count("--sets") + app.count("--seed") > 0 && !isSwept("bad");
+        if (drawsInVain || (app.count("--every") > 0 && !isSwept("cut") && !isSwept("faults")))
+            throw std::invalid_argument("--sets and --seed go with --sweep bad, --every with --sweep cut or faults");
         return Rehearse(options, RecallOptions(app, options));
     } catch (const std::system_error &failure) {
         const bool isFull = failure.code() == std::errc::no_space_on_device;

@@ -73,13 +73,14 @@ TEST_F(Flashsim, RawPassesStreamsAndStatusAndNothingElse) {
 }
 
 TEST_F(Flashsim, WrongUseGetsOneLineAndStatusTwo) {
-    std::istringstream rows("--frob|--chip 8M,128K,2K|--chip 8M,128K,2Q,64|--chip 8M,100K,2K,64|--ecc none|--bad 3-1|"
-                            "--bad 256|--fault MEMWRITE|--fault read=EFROG|--mtd 3|--mtd 3:part:1,128K|--mount opt|"
-                            "--as update|--root /nowhere|--program /nowhere|--start false|--cut x|--cut -1|--cut 0|"
-                            "--sweep bad --sets -1|--sweep bad --seed 010|--sweep cut --every 0|--every 2|"
-                            "--trace /nowhere/t|--report /|--flash F --map ./F|--flash F --trace F.chip|"
-                            "--trace F --report F|--root /|--no-sysfs bogus|--mtd 1:a --mtd 1:b|--mtd 1234567:a|"
-                            "--mount /usr|--mount /opt/../dev|--as /bin/update");
+    std::istringstream rows(
+        "--frob|--chip 8M,128K,2K|--chip 8M,128K,2Q,64|--chip 8M,100K,2K,64|--ecc none|--bad 3-1|"
+        "--bad 256|--fault MEMWRITE|--fault read=EFROG|--mtd 3|--mtd 3:part:1,128K|--mount opt|"
+        "--as update|--root /nowhere|--program /nowhere|--start false|--cut x|--cut -1|--cut 0|"
+        "--sweep bad --sets -1|--sweep bad --seed 010|--sweep cut --every 0|--every 2|--sweep bad --every 2|"
+        "--trace /nowhere/t|--report /|--flash F --map ./F|--flash F --trace F.chip|"
+        "--trace F --report F|--root /|--no-sysfs bogus|--mtd 1:a --mtd 1:b|--mtd 1234567:a|"
+        "--mount /usr|--mount /opt/../dev|--as /bin/update");
     for (std::string options; std::getline(rows, options, '|');) {
         EXPECT_EQ(Run(options), 2) << options;
         EXPECT_EQ(m_out, "") << options;
