@@ -25,13 +25,14 @@ install_packages() {
     as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-# build PRESET: configures once, then builds; prints only what went wrong.
+# build PRESET [TARGET...]: configures once, then builds all or those targets; prints only what went wrong.
 build() {
-    local log
+    local preset=$1 log=build/$1.log
+    shift
     mkdir -p build
-    log=build/$1.log
-    if ! { [ -f "build/$1/build.ninja" ] || cmake --preset "$1"; } >"$log" 2>&1 ||
-        ! cmake --build --preset "$1" >>"$log" 2>&1; then
+    echo "building $preset"
+    if ! { [ -f "build/$preset/build.ninja" ] || cmake --preset "$preset"; } >"$log" 2>&1 ||
+        ! cmake --build --preset "$preset" --target "${@:-all}" >>"$log" 2>&1; then
         cat "$log"
         return 1
     fi

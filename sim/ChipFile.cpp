@@ -1,7 +1,12 @@
 #include "ChipFile.h"
 
+#include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <filesystem>
 #include <stdexcept>
+#include <sys/file.h>
+#include <system_error>
 
 namespace {
 
@@ -74,6 +79,24 @@ void ChipFile::Copy(const std::string &from, const std::string &to) {
     const ChipFile source(from);
     SharedFile::Copy(source.m_cells, to);
     SharedFile::Copy(source.m_states, StatesPath(to));
+}
+
+ScopedFd ChipFile::AwaitTurn(const std::string &path) {
+    const std::string folder = std::filesystem::absolute(path).parent_path();
+    ScopedFd turn(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // Where locks aren't to be had, what is wrong with the folder shows when the chip is made.
+    if (turn.Get() >= 0)
+        flock(turn.Get(), LOCK_EX);
+    return turn;
+}
+
+ScopedFd ChipFile::Reserve(const std::string &path, Usage usage) {
+    ScopedFd right(open(StatesPath(path).c_str(), O_RDWR | O_CLOEXEC));
+    if (right.Get() < 0)
+        throw std::system_error(errno, std::generic_category(), StatesPath(path));
+    if (flock(right.Get(), (usage == Usage::Read ? LOCK_SH : LOCK_EX) | LOCK_NB) != 0 && errno == EWOULDBLOCK)
+        throw std::runtime_error(path + ": another run has the chip");
+    return right;
 }
 
 ChipFile::ChipFile(const std::string &path)

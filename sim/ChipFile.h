@@ -1,6 +1,7 @@
 #pragma once
 
 #include "NandChip.h"
+#include "ScopedFd.h"
 #include "SharedFile.h"
 
 #include <string>
@@ -13,6 +14,8 @@
 /// once; nothing is copied to open or to close. The cells are only changed through a chip, never with other tools.
 class ChipFile {
 public:
+    enum class Usage { Read, Change };
+
     /// Makes a chip fresh from the factory; files that stand there are replaced.
     /// @param factoryBadBlocks block numbers
     /// @throw std::runtime_error with one line when the geometry makes no chip, a block isn't on it or a file can't
@@ -23,6 +26,16 @@ public:
     /// Makes a second chip that is what one that nobody changes is; files that stand there are replaced.
     /// @throw std::runtime_error with one line
     static void Copy(const std::string &from, const std::string &to);
+
+    /// Waits until no other process makes a chip in the same folder, and keeps them from it.
+    /// @return owner of that right
+    static ScopedFd AwaitTurn(const std::string &path);
+
+    /// Keeps a chip for this process and those that it starts: one that is changed has one user, one that is only read
+    /// may have more. Openers aren't held up: it is between those who ask here.
+    /// @return owner of that right
+    /// @throw std::runtime_error with one line when another process has it or there is no such chip
+    static ScopedFd Reserve(const std::string &path, Usage usage);
 
     /// Opens both files.
     /// @throw std::runtime_error with one line when one is missing, isn't a chip's or hasn't the length it should have

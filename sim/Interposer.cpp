@@ -30,6 +30,7 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
+#include <sys/types.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -85,6 +86,7 @@ Next<int(const char *)> nextUmount("umount");
 Next<int(const char *, int)> nextUmount2("umount2");
 Next<int(pid_t, int)> nextKill("kill");
 Next<int(const char *)> nextSystem("system");
+Next<pid_t(pid_t, int *, int)> nextWaitpid("waitpid");
 Next<FILE *(const char *, const char *)> nextPopen("popen");
 Next<int(const char *, char *const *)> nextExecv("execv");
 Next<int(const char *)> nextChroot("chroot");
@@ -396,6 +398,12 @@ __attribute__((constructor)) void FindInheritedDescriptors() {
 
 // Calls that are no device's business.
 
+/// A device without power does none of them, and learns of no program's end.
+void NeedPower() {
+    if (const Simulation *simulation = FindSimulation())
+        simulation->state.NeedPower();
+}
+
 /// @return the run's state when this is the program whose calls are traced and there is a trace, else nullptr.
 SimState *ProgramTrace() {
     static const bool traced = [] {
@@ -572,6 +580,7 @@ INTERPOSED int fsync(int fd) { return Sync(fd, nextFsync); }
 INTERPOSED int fdatasync(int fd) { return Sync(fd, nextFdatasync); }
 
 INTERPOSED void sync() noexcept {
+    NeedPower();
     // The host's own disks are none of a simulated device's business.
     if (FindSimulation() == nullptr)
         nextSync();
@@ -579,42 +588,59 @@ INTERPOSED void sync() noexcept {
 }
 
 INTERPOSED int umount(const char *path) noexcept {
+    NeedPower();
     return Traced(nextUmount(path), [path] { return "umount " + QuotedText(path); });
 }
 
 INTERPOSED int umount2(const char *path, int flags) noexcept {
+    NeedPower();
     return Traced(nextUmount2(path, flags),
                   [=] { return "umount2 " + QuotedText(path) + FormatText(" flags=0x%x", flags); });
 }
 
 INTERPOSED int kill(pid_t process, int signal) noexcept {
+    NeedPower();
     return Traced(nextKill(process, signal), [=] { return FormatText("kill pid=%d signal=%d", process, signal); });
 }
 
+INTERPOSED pid_t waitpid(pid_t process, int *status, int options) {
+    const pid_t ended = nextWaitpid(process, status, options);
+    const int error = errno;
+    NeedPower();
+    errno = error;
+    return ended;
+}
+
 INTERPOSED int system(const char *command) {
+    NeedPower();
     TraceAhead([command] { return "system " + QuotedText(command); });
     const int status = nextSystem(command);
     const int error = errno;
+    NeedPower();
     TraceAhead([status] { return FormatText("returned from system: %d", status); });
     errno = error;
     return status;
 }
 
 INTERPOSED FILE *popen(const char *command, const char *mode) {
+    NeedPower();
     TraceAhead([command] { return "popen " + QuotedText(command); });
     return nextPopen(command, mode);
 }
 
 INTERPOSED int execv(const char *path, char *const arguments[]) noexcept {
+    NeedPower();
     TraceAhead([path] { return "execv " + QuotedText(path); });
     return nextExecv(path, arguments);
 }
 
 INTERPOSED int chroot(const char *path) noexcept {
+    NeedPower();
     return Traced(nextChroot(path), [path] { return "chroot " + QuotedText(path); });
 }
 
 INTERPOSED int setuid(uid_t user) noexcept {
+    NeedPower();
     return Traced(nextSetuid(user), [user] { return FormatText("setuid %u", user); });
 }
 

@@ -2,19 +2,18 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <limits>
-#include <stdexcept>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
 [[noreturn]] void Fail(const std::string &path, int error) {
-    throw std::runtime_error(path + ": " + std::strerror(error));
+    throw std::system_error(error, std::generic_category(), path);
 }
 
 /// Closes itself; a mapping doesn't need it any more.
@@ -48,10 +47,12 @@ void WriteAll(int fd, const std::uint8_t *data, std::size_t length, const std::s
 
 } // namespace
 
-SharedFile SharedFile::Create(const std::string &path, std::uint64_t size) {
+SharedFile SharedFile::Create(const std::string &path, std::uint64_t size, std::uint64_t ready) {
     const Descriptor file = {OpenNew(path)};
     if (ftruncate(file.fd, static_cast<off_t>(size)) != 0)
         Fail(path, errno);
+    if (const int error = posix_fallocate(file.fd, 0, static_cast<off_t>(ready)))
+        Fail(path, error);
     return Map(file.fd, size, path);
 }
 
@@ -88,6 +89,13 @@ SharedFile SharedFile::Map(int fd, std::uint64_t size, const std::string &path) 
     if (data == MAP_FAILED)
         Fail(path, errno);
     return {static_cast<std::uint8_t *>(data), length};
+}
+
+bool SharedFile::MakeReady(std::uint64_t first, std::uint64_t end) const {
+    const auto page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+    const std::uint64_t start = first / page * page;
+    // Kernels before 5.14 don't know the request: there the bytes take their room when they are touched.
+    return madvise(m_data + start, static_cast<std::size_t>(end - start), MADV_POPULATE_WRITE) == 0 || errno == EINVAL;
 }
 
 SharedFile::SharedFile(SharedFile &&other) noexcept : m_data(other.m_data), m_size(other.m_size) {

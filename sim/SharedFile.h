@@ -7,20 +7,21 @@
 /// A file in memory, read and written by every process that maps it.
 class SharedFile {
 public:
-    /// Makes a file of `size` zero bytes in place of any that stands there. It takes room as it is written.
-    /// @throw std::runtime_error with one line
-    static SharedFile Create(const std::string &path, std::uint64_t size);
+    /// Makes a file of `size` zero bytes in place of any that stands there. The first `ready` of them take their room
+    /// at once, the others by MakeReady: where there is none left, touching them ends the process.
+    /// @throw std::system_error with one line, for want of room too
+    static SharedFile Create(const std::string &path, std::uint64_t size, std::uint64_t ready);
 
     /// Makes one that holds the same byte all over. It takes its room at once.
-    /// @throw std::runtime_error with one line, for want of room too
+    /// @throw std::system_error with one line, for want of room too
     static SharedFile CreateFull(const std::string &path, std::uint64_t size, std::uint8_t byte);
 
     /// Makes one that holds what another does. It takes its room at once.
-    /// @throw std::runtime_error with one line, for want of room too
+    /// @throw std::system_error with one line, for want of room too
     static void Copy(const SharedFile &from, const std::string &path);
 
     /// Maps the whole of a file that is there.
-    /// @throw std::runtime_error with one line
+    /// @throw std::system_error with one line
     static SharedFile Open(const std::string &path);
 
     SharedFile(SharedFile &&other) noexcept;
@@ -31,6 +32,10 @@ public:
 
     std::uint8_t *Data() const { return m_data; }
     std::uint64_t Size() const { return m_size; }
+
+    /// Takes room for the bytes from `first` to `end`.
+    /// @return false when there is none.
+    bool MakeReady(std::uint64_t first, std::uint64_t end) const;
 
 private:
     SharedFile(std::uint8_t *data, std::size_t size) : m_data(data), m_size(size) {}

@@ -76,18 +76,17 @@ void AddMtdFiles(const RunSettings &settings, const NandGeometry &geometry, Devi
     for (const SimDevice &device : settings.sim.devices) {
         const std::string name = "mtd" + std::to_string(device.number);
         layout.texts["/dev/" + name] = "";
-        const std::pair<const char *, std::string> attributes[] = {
-            {"size", std::to_string(device.size)},
-            {"erasesize", std::to_string(geometry.eraseSize)},
-            {"writesize", std::to_string(geometry.pageSize)},
-            {"oobsize", std::to_string(geometry.oobSize)},
-            {"name", device.name},
-            {"type", "nand"},
-        };
+        const std::string values[] = {std::to_string(device.size),
+                                      std::to_string(geometry.eraseSize),
+                                      std::to_string(geometry.pageSize),
+                                      std::to_string(geometry.oobSize),
+                                      device.name,
+                                      "nand"};
+        static_assert(std::size(values) == std::size(kSysfsFiles));
         const auto &missing = settings.missingSysfs;
-        for (const auto &[attribute, value] : attributes) {
-            if (std::find(missing.begin(), missing.end(), attribute) == missing.end())
-                layout.texts["/sys/class/mtd/" + name + "/" + attribute] = value + "\n";
+        for (size_t i = 0; i < std::size(values); ++i) {
+            if (std::find(missing.begin(), missing.end(), kSysfsFiles[i]) == missing.end())
+                layout.texts["/sys/class/mtd/" + name + "/" + kSysfsFiles[i]] = values[i] + "\n";
         }
     }
 }

@@ -11,6 +11,9 @@
 #include <sys/types.h>
 #include <vector>
 
+/// The files of an MTD device's sysfs folder.
+constexpr const char *kSysfsFiles[] = {"size", "erasesize", "writesize", "oobsize", "name", "type"};
+
 /// One update and the device that it runs in. Paths are the host's unless said otherwise.
 struct RunSettings {
     std::string program;                   ///< the updater under test

@@ -78,16 +78,19 @@ struct SimState::Shared {
     SimFault faults[kMaxFaults];
     Counter requests[kRequestKinds];
     Counter changes;
-    Counter traceEnd; ///< grows on when the trace is full: the end of what was wanted
+    Counter traceEnd;   ///< grows on when the trace is full: the end of what was wanted
+    Counter traceReady; ///< bytes that have their room, which they keep
     Counter cutOffset;
     Flag cutRequest;
     Flag powerIsOff;
+    Flag traceIsFull;
     Flag openFileCount;
     OpenFile openFiles[kMaxOpenFiles];
 
     /// Sets everything but the magic, the trace and its room.
     void Begin(const SimSettings &settings);
     char *TraceText() { return reinterpret_cast<char *>(this + 1); }
+    std::size_t TraceLength() const { return static_cast<std::size_t>(std::min<std::uint64_t>(traceEnd, traceReady)); }
 };
 
 void SimState::Shared::Begin(const SimSettings &settings) {
@@ -111,6 +114,7 @@ void SimState::Shared::Begin(const SimSettings &settings) {
         count = 0;
     changes = 0;
     traceEnd = 0;
+    traceIsFull = 0;
     powerIsOff = 0;
     openFileCount = 0;
 }
@@ -141,7 +145,7 @@ bool ParseFault(const std::string &text, SimFault &fault) {
 }
 
 void SimState::Create(const std::string &path, const SimSettings &settings) {
-    const SharedFile file = SharedFile::Create(path, sizeof(Shared) + settings.traceLimit);
+    const SharedFile file = SharedFile::Create(path, sizeof(Shared) + settings.traceLimit, sizeof(Shared));
     auto *shared = reinterpret_cast<Shared *>(file.Data());
     shared->Begin(settings);
     shared->traceLimit = settings.traceLimit;
@@ -150,8 +154,7 @@ void SimState::Create(const std::string &path, const SimSettings &settings) {
 
 void SimState::Restart(const SimSettings &settings) {
     // The rest has never been used, and would take room in memory by being cleared.
-    const std::uint64_t traced = std::min<std::uint64_t>(m_shared->traceEnd, m_shared->traceLimit);
-    std::memset(m_shared->TraceText(), 0, static_cast<std::size_t>(traced));
+    std::memset(m_shared->TraceText(), 0, m_shared->TraceLength());
     m_shared->Begin(settings);
 }
 
@@ -185,8 +188,7 @@ std::string SimState::DeviceTable(std::uint32_t eraseSize) const {
 }
 
 int SimState::Begin(RequestKind kind) {
-    if (PowerWasCut())
-        EndHere();
+    NeedPower();
     m_current = kind;
     const std::uint64_t number = ++m_shared->requests[static_cast<std::size_t>(kind)];
     for (std::size_t i = 0; i < m_shared->faultCount; ++i) {
@@ -203,6 +205,11 @@ std::uint64_t SimState::Changes() const { return m_shared->changes; }
 
 bool SimState::PowerWasCut() const { return m_shared->powerIsOff != 0; }
 
+void SimState::NeedPower() const {
+    if (PowerWasCut())
+        EndHere();
+}
+
 std::string SimState::CutPlace() const {
     if (!PowerWasCut())
         return "";
@@ -214,25 +221,42 @@ std::string SimState::CutPlace() const {
 
 bool SimState::Traces() const { return m_shared->traceLimit != 0; }
 
+bool SimState::HasTraceRoom(std::uint64_t end) {
+    constexpr std::uint64_t kPart = 1 << 16;
+    std::uint64_t ready = m_shared->traceReady;
+    if (m_shared->traceIsFull != 0 || end > m_shared->traceLimit)
+        return false;
+    if (end <= ready)
+        return true;
+    const std::uint64_t wanted = std::min((end / kPart + 1) * kPart, m_shared->traceLimit);
+    if (!m_file.MakeReady(sizeof(Shared) + ready, sizeof(Shared) + wanted))
+        return false;
+    // Another process may have come further meanwhile.
+    while (ready < wanted && !m_shared->traceReady.compare_exchange_weak(ready, wanted))
+        continue;
+    return true;
+}
+
 void SimState::Trace(const std::string &line) {
     const std::uint64_t length = line.size() + 1;
     const std::uint64_t start = m_shared->traceEnd.fetch_add(length);
-    if (start > m_shared->traceLimit || length > m_shared->traceLimit - start)
+    if (!HasTraceRoom(start + length)) {
+        m_shared->traceIsFull = 1;
         return;
+    }
     char *text = m_shared->TraceText() + start;
     line.copy(text, line.size());
     text[line.size()] = '\n';
 }
 
 std::string SimState::TraceText() const {
-    const auto end = static_cast<std::size_t>(std::min<std::uint64_t>(m_shared->traceEnd, m_shared->traceLimit));
-    std::string text(m_shared->TraceText(), end);
+    std::string text(m_shared->TraceText(), m_shared->TraceLength());
     // Lines that didn't fit, or whose writer was killed, left zeros.
     text.erase(std::remove(text.begin(), text.end(), '\0'), text.end());
     return text;
 }
 
-bool SimState::TraceOverflowed() const { return m_shared->traceEnd > m_shared->traceLimit && Traces(); }
+bool SimState::TraceOverflowed() const { return m_shared->traceIsFull != 0 && Traces(); }
 
 int SimState::NewOpenFile(const OpenFile &file) {
     const std::uint32_t number = m_shared->openFileCount++;

@@ -57,7 +57,7 @@ struct SimSettings {
     std::vector<SimDevice> devices; ///< up to 32
     std::vector<SimFault> faults;   ///< up to 64
     std::uint64_t cutAtChange = 0;  ///< power goes during the n-th page program or block erase, from 1; 0: never
-    std::uint64_t traceLimit = 0;   ///< bytes of trace that are kept; 0: none. Room is taken as lines come
+    std::uint64_t traceLimit = 0;   ///< bytes of trace that are kept at most; 0: none. Room is taken as lines come
 };
 
 /// The state of one simulated run: a file that all its processes share, without locks and without flushing.
@@ -89,6 +89,8 @@ public:
     std::uint64_t Changes() const;
 
     bool PowerWasCut() const;
+    /// Doesn't come back once the power is off: for what is no request, but done by a device with power alone.
+    void NeedPower() const;
     /// @return where the power went, as "MEMWRITE at 0x800", an offset on the chip; empty when it never did.
     std::string CutPlace() const;
 
@@ -111,6 +113,8 @@ public:
 
 private:
     struct Shared;
+    bool HasTraceRoom(std::uint64_t end);
+
     SharedFile m_file;
     Shared *m_shared;
     RequestKind m_current = RequestKind::Open;

@@ -113,9 +113,11 @@ SimDevice ParseDevice(const std::string &text, const NandGeometry &geometry) {
         device.offset = ParseSize(place[0]);
         device.size = ParseSize(place[1]);
     }
+    // Programs look for the node of a number of up to six digits.
+    constexpr int kNumberEnd = 1000000;
     const bool isOnChip = device.offset <= geometry.size && device.size <= geometry.size - device.offset;
     const bool isWhole = device.offset % geometry.eraseSize == 0 && device.size % geometry.eraseSize == 0;
-    if (!isOnChip || !isWhole || device.size == 0 || device.name.empty())
+    if (!isOnChip || !isWhole || device.size == 0 || device.name.empty() || device.number >= kNumberEnd)
         Refuse(text, kWanted);
     return device;
 }

@@ -11,7 +11,9 @@ TempFolder::TempFolder() {
     // The updater syncs all file systems several times a run: flash on a disk would be written out each time.
     constexpr const char *kInMemory = "/dev/shm";
     const char *wanted = getenv("TMPDIR");
-    std::string path = wanted != nullptr ? wanted : access(kInMemory, W_OK) == 0 ? kInMemory : "/tmp";
+    std::string path = wanted != nullptr && *wanted != '\0' ? wanted
+                       : access(kInMemory, W_OK) == 0       ? kInMemory
+                                                            : "/tmp";
     path += "/flashsimXXXXXX";
     if (mkdtemp(path.data()) == nullptr)
         throw std::runtime_error("can't make the folder " + path + ": " + strerror(errno));

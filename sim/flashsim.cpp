@@ -7,6 +7,7 @@
 #include "ProgressBar.h"
 #include "Report.h"
 #include "RunSummary.h"
+#include "ScopedFd.h"
 #include "SimRun.h"
 #include "SimText.h"
 #include "Sweep.h"
@@ -29,6 +30,7 @@
 #include <stdexcept>
 #include <string>
 #include <sys/ioctl.h>
+#include <system_error>
 #include <tuple>
 #include <unistd.h>
 #include <utility>
@@ -44,8 +46,15 @@ enum ExitStatus { kClean = 0, kFindings = 1, kWrongUse = 2 };
 constexpr std::uint64_t kTraceLimit = std::uint64_t{1} << 30;
 constexpr const char *kScriptName = "flashrig.script";
 constexpr size_t kUsualWidth = 80;
+constexpr size_t kMostDigits = 18;
+constexpr std::uint64_t kMostRequests = 1'000'000'000;
+/// A sweep of more would have no end, nor its list of runs room.
+constexpr std::uint64_t kMostSets = 1'000'000;
+constexpr std::uint64_t kMostSeed = 999'999'999'999'999'999;
+constexpr std::uint64_t kMostJobs = 1024;
 constexpr const char *kUsualChip = "32M,128K,2K,64";
 constexpr const char *kUsualEcc = "host";
+constexpr const char *kRoomAdvice = " (TMPDIR names the folder for what isn't kept)";
 
 constexpr const char *kExamples = R"(Kinds of request for --fault:
   open lseek read write fsync close MEMGETBADBLOCK MEMERASE64 MEMERASE MEMWRITE MEMWRITEOOB64 MEMREADOOB64
@@ -110,13 +119,69 @@ std::string Companion(const char *name) {
     throw std::runtime_error(std::string("can't find ") + name + " beside this program");
 }
 
-/// Checks of option values, as CLI11 wants them: an empty text for a good one, else what is wrong.
-std::string CheckDevicePath(const std::string &path) {
-    return path.size() > 1 && path[0] == '/' ? std::string() : path + " is no absolute path in the device";
+// Checks of option values, as CLI11 wants them: an empty text for a good one, else what is wrong.
+
+CLI::Validator CheckNumber(std::uint64_t least, std::uint64_t most) {
+    return CLI::Validator(
+        [least, most](const std::string &text) {
+            // A number of another base or with a sign would be read as another one.
+            const bool isPlain = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos &&
+                                 (text[0] != '0' || text.size() == 1) && text.size() <= kMostDigits;
+            const std::uint64_t number = isPlain ? std::stoull(text) : 0;
+            return isPlain && number >= least && number <= most
+                       ? std::string()
+                       : text + " is no number from " + std::to_string(least) + " to " + std::to_string(most);
+        },
+        "");
 }
 
-std::string CheckFolder(const std::string &path) {
-    return fs::is_directory(path) ? std::string() : path + " is no folder";
+/// @return whether a path is one of some folders or lies in one.
+template <size_t N> bool IsWithin(const char *const (&folders)[N], const std::string &path) {
+    return std::any_of(std::begin(folders), std::end(folders), [&path](const std::string &folder) {
+        return path == folder || path.rfind(folder + "/", 0) == 0;
+    });
+}
+
+std::string CheckDevicePath(const std::string &path) {
+    const fs::path place = path;
+    const bool isPlain = place.is_absolute() && place.has_filename() && place == place.lexically_normal();
+    return isPlain ? std::string() : path + " is no plain absolute path in the device";
+}
+
+std::string CheckMount(const std::string &path) {
+    // Below /usr and /lib a device may have mounts, in place of its programs and libraries it has none.
+    constexpr const char *kPrograms[] = {"/usr", "/usr/bin", "/usr/lib", "/usr/sbin", "/bin",
+                                         "/lib", "/lib64",   "/sbin",    "/dev",      "/sys"};
+    constexpr const char *kOwn[] = {"/proc", "/.flashsim"};
+    const bool isProgram = std::find(std::begin(kPrograms), std::end(kPrograms), path) != std::end(kPrograms);
+    return isProgram || IsWithin(kOwn, path) ? path + " is needed by the device's programs" : CheckDevicePath(path);
+}
+
+std::string CheckPlace(const std::string &path) {
+    constexpr const char *kSystem[] = {"/usr",  "/bin", "/lib", "/lib32", "/lib64", "/libx32",
+                                       "/sbin", "/etc", "/dev", "/sys",   "/proc",  "/.flashsim"};
+    return IsWithin(kSystem, path) ? path + " is no place for an update: the device's system is there"
+                                   : CheckDevicePath(path);
+}
+
+std::string CheckUpdate(const std::string &path) {
+    if (!fs::exists(path))
+        return path + " doesn't exist";
+    return fs::is_directory(path) || fs::is_regular_file(path) ? std::string() : path + " is neither file nor folder";
+}
+
+std::string CheckRoot(const std::string &path) {
+    if (!fs::is_directory(path))
+        return path + " is no folder";
+    return fs::equivalent(path, "/") ? path + " is this machine's own root, not a folder with a device's files" : "";
+}
+
+std::string CheckSysfsFiles(const std::string &list) {
+    for (const std::string &name : SplitList(list)) {
+        if (std::find(std::begin(kSysfsFiles), std::end(kSysfsFiles), name) == std::end(kSysfsFiles))
+            return "'" + name + "' is no sysfs file of an MTD device";
+    }
+    return {};
 }
 
 std::string CheckPresent(const std::string &path) { return fs::exists(path) ? std::string() : path + " doesn't exist"; }
@@ -124,7 +189,8 @@ std::string CheckPresent(const std::string &path) { return fs::exists(path) ? st
 void Describe(CLI::App &app, Options &options) {
     app.footer(kExamples);
     app.add_option("UPDATE", options.update, "update image, or folder with an unpacked update; it stays as it is")
-        ->check(CheckPresent)
+        ->required()
+        ->check(CheckUpdate)
         ->type_name("");
     app.add_option("ARGUMENTS", options.arguments, "further arguments for the updater, such as a notify script")
         ->type_name("");
@@ -145,29 +211,46 @@ void Describe(CLI::App &app, Options &options) {
 
     group = "The device (--mtd, --mount and --start may be repeated)";
     add("--mtd", "N:NAME[:OFFSET,SIZE]", options.devices, "an MTD device [0:boot 1:kernel 9:opt 12:all]");
-    add("--no-sysfs", "LIST", options.missingSysfs, "sysfs files of MTD devices that are missing: erasesize,oobsize");
-    add("--root", "DIR", options.root, "its own files, laid out as from /; it stays as it is")->check(CheckFolder);
-    add("--mount", "PATH", options.mounts, "a mount of its own, with what --root has for it")->check(CheckDevicePath);
+    add("--no-sysfs", "LIST", options.missingSysfs, "sysfs files of MTD devices that are missing: erasesize,oobsize")
+        ->check(CheckSysfsFiles);
+    add("--root", "DIR", options.root, "its own files, laid out as from /; it stays as it is")->check(CheckRoot);
+    add("--mount", "PATH", options.mounts, "a mount of its own, with what --root has for it")->check(CheckMount);
     add("--start", "COMMAND", options.starts, "shell command that runs before the update and on");
 
     group = "The run (--fault may be repeated)";
     add("--as", "PATH", options.place, "where the device shows UPDATE [/tmp/update; an image: /tmp/NAME]")
-        ->check(CheckDevicePath);
+        ->check(CheckPlace);
     add("--program", "FILE", options.program, "the updater under test [the one of this build]")->check(CheckPresent);
     add("--fault", "KIND[:N]=ERRNO", options.faults, "each request of the kind fails, or the N-th alone");
-    add("--cut", "N", options.cut, "the power goes in the middle of the N-th page program or block erase");
+    add("--cut", "N", options.cut, "the power goes in the middle of the N-th page program or block erase")
+        ->check(CheckNumber(1, kMostRequests));
     add("--trace", "FILE", options.trace, "write a line for each request");
     add("--report", "FILE.json", options.report, "write the verdict and what it is drawn from, for programs");
     add("--map", "FILE.svg", options.map, "draw the chip, the script's ranges and the percentages");
     app.add_flag("--raw", options.isRaw, "only the updater's own output and exit status, for scripts")->group(group);
 
     group = "Sweeps (--sweep may be repeated): many runs from a --used chip or a copy of --flash, without notify calls";
-    add("--sweep", "bad|cut|faults", options.sweeps, "each block bad; power cut at each change; each request failing")
-        ->check(CLI::IsMember({"bad", "cut", "faults"}));
-    add("--every", "K", options.every, "only each K-th cut or fault [1]")->check(CLI::PositiveNumber);
-    add("--sets", "N", options.sets, "bad: sets of bad blocks, as many as the ranges bear, after single ones [100]");
-    add("--seed", "S", options.seed, "bad: what the sets are drawn from [1]");
-    add("--jobs", "N", options.jobs, "runs at the same time [one a core]")->check(CLI::Range(1, 1024));
+    CLI::Option *sweep = add("--sweep", "bad|cut|faults", options.sweeps,
+                             "each block bad; power cut at each change; each request failing")
+                             ->check(CLI::IsMember({"bad", "cut", "faults"}));
+    add("--every", "K", options.every, "only each K-th cut or fault [1]")
+        ->check(CheckNumber(1, kMostRequests))
+        ->needs(sweep);
+    add("--sets", "N", options.sets, "bad: sets of bad blocks, as many as the ranges bear, after single ones [100]")
+        ->check(CheckNumber(0, kMostSets))
+        ->needs(sweep);
+    add("--seed", "S", options.seed, "bad: what the sets are drawn from [1]")
+        ->check(CheckNumber(0, kMostSeed))
+        ->needs(sweep);
+    add("--jobs", "N", options.jobs, "runs at the same time [one a core]")
+        ->check(CheckNumber(1, kMostJobs))
+        ->needs(sweep);
+}
+
+void AddDevice(const SimDevice &device, std::vector<SimDevice> &devices) {
+    if (std::any_of(devices.begin(), devices.end(), [&](const SimDevice &it) { return it.number == device.number; }))
+        throw std::invalid_argument("two devices have the number " + std::to_string(device.number));
+    devices.push_back(device);
 }
 
 RunSettings Settings(const Options &options, const NandGeometry &geometry) {
@@ -183,7 +266,7 @@ RunSettings Settings(const Options &options, const NandGeometry &geometry) {
     settings.starts = options.starts;
     settings.missingSysfs = SplitList(options.missingSysfs);
     for (const std::string &device : options.devices)
-        settings.sim.devices.push_back(ParseDevice(device, geometry));
+        AddDevice(ParseDevice(device, geometry), settings.sim.devices);
     if (options.devices.empty())
         settings.sim.devices = DefaultDevices(geometry);
     for (const std::string &fault : options.faults)
@@ -201,15 +284,19 @@ RunSettings Settings(const Options &options, const NandGeometry &geometry) {
 }
 
 /// Makes the chip, or takes the one that is kept. Blocks that are to be bad are so in either case.
-void PrepareChip(const Options &options, const std::string &path, const std::string &statePath,
-                 const HeldSignals &signals) {
+/// @return what keeps other runs off it
+ScopedFd PrepareChip(const Options &options, const std::string &path, const std::string &statePath,
+                     const HeldSignals &signals) {
     const NandGeometry geometry = ParseGeometry(options.chip.empty() ? kUsualChip : options.chip);
     const Ecc ecc = ParseEcc(options.ecc.empty() ? kUsualEcc : options.ecc);
+    ScopedFd turn = ChipFile::AwaitTurn(path);
     const bool isNew = !fs::exists(path);
     if (isNew)
         ChipFile::Create(path, geometry, ecc, {});
     else if (options.isUsed)
         throw std::invalid_argument(path + " is there already: --used fills a new chip");
+    ScopedFd right = ChipFile::Reserve(path, ChipFile::Usage::Change);
+    turn.Close();
     ChipFile file(path);
     NandChip &chip = file.Chip();
     const NandGeometry &its = chip.Geometry();
@@ -230,19 +317,57 @@ void PrepareChip(const Options &options, const std::string &path, const std::str
             chip.MarkBad(block);
     }
     chip.ForgetMarks();
+    return right;
 }
 
-void Save(const std::string &text, const std::string &path, const char *what) {
-    std::ofstream file(path, std::ios::binary);
-    file << text << std::flush;
-    if (!file)
-        throw std::runtime_error(std::string("can't write the ") + what + " to " + path);
+/// A file that is asked for by an option, opened before the run: a long one isn't to end without it. It may be none.
+class OutputFile {
+public:
+    OutputFile(std::string path, const char *what) : m_sPath(std::move(path)), m_what(what) {
+        if (IsWanted())
+            m_file.open(m_sPath, std::ios::binary);
+        Check();
+    }
+
+    bool IsWanted() const { return !m_sPath.empty(); }
+
+    void Save(const std::string &text) {
+        m_file << text << std::flush;
+        Check();
+    }
+
+private:
+    void Check() const {
+        if (!m_file)
+            throw std::runtime_error(std::string("can't write the ") + m_what + " to " + m_sPath);
+    }
+
+    std::string m_sPath;
+    const char *m_what;
+    std::ofstream m_file;
+};
+
+bool IsSameFile(const std::string &one, const std::string &other) {
+    std::error_code missing;
+    return fs::equivalent(one, other, missing) ||
+           fs::weakly_canonical(fs::absolute(one)) == fs::weakly_canonical(fs::absolute(other));
 }
 
-void SaveTrace(const SimState &state, const std::string &path) {
-    Save(state.TraceText(), path, "trace");
-    if (state.TraceOverflowed())
-        fprintf(stderr, "flashsim: the trace in %s is not complete: there was no room for all of it\n", path.c_str());
+/// Checks that what is written takes the place of nothing that the run needs, nor of another output.
+void CheckOutputs(const Options &options) {
+    std::vector<std::string> taken = {options.update, options.program};
+    if (!options.flash.empty())
+        taken.insert(taken.end(), {options.flash, options.flash + ".chip"});
+    for (const std::string &output : {options.trace, options.report, options.map}) {
+        // Pipes and terminals take all.
+        if (output.empty() || fs::is_character_file(output) || fs::is_fifo(output))
+            continue;
+        for (const std::string &other : taken) {
+            if (!other.empty() && IsSameFile(output, other))
+                throw std::invalid_argument("what is written to " + output + " would take the place of " + other);
+        }
+        taken.push_back(output);
+    }
 }
 
 std::string ReportText(const nlohmann::ordered_json &report) {
@@ -321,14 +446,20 @@ bool RunSweeps(const Options &options, const RunSettings &settings, const std::s
 }
 
 int Rehearse(const Options &options, const RerunWords &words) {
+    CheckOutputs(options);
+    OutputFile traceFile(options.trace, "trace");
+    OutputFile reportFile(options.report, "report");
+    OutputFile mapFile(options.map, "map");
     const HeldSignals signals;
     const TempFolder folder;
     const bool isSwept = !options.sweeps.empty();
     const std::string path = options.flash.empty() || isSwept ? folder.File("flash") : options.flash;
     const std::string statePath = folder.File("state");
-    if (isSwept && !options.flash.empty())
+    if (isSwept && !options.flash.empty()) {
+        const ScopedFd right = ChipFile::Reserve(options.flash, ChipFile::Usage::Read);
         ChipFile::Copy(options.flash, path);
-    PrepareChip(options, path, statePath, signals);
+    }
+    const ScopedFd right = PrepareChip(options, path, statePath, signals);
     const std::string start = folder.File("start");
     if (isSwept)
         ChipFile::Copy(path, start);
@@ -336,13 +467,12 @@ int Rehearse(const Options &options, const RerunWords &words) {
     const RunSettings settings = Settings(options, chip.Chip().Geometry());
     const RunOutcome outcome = RunUpdate(settings, path, statePath, signals);
     const SimState state(statePath);
-    if (!options.trace.empty())
-        SaveTrace(state, options.trace);
     const Rehearsal rehearsal = {outcome.script,    outcome.files,    state.Devices(),
                                  outcome.status,    outcome.out,      outcome.err,
                                  state.TraceText(), state.CutPlace(), AbsentTroubles(settings.sim, state),
                                  outcome.contents};
-    const bool isJudged = !outcome.isInterrupted && options.WantsVerdict();
+    // A verdict drawn from a part of the requests may miss what is wrong.
+    const bool isJudged = !outcome.isInterrupted && options.WantsVerdict() && !state.TraceOverflowed();
     const Verdict verdict = isJudged ? Judge(rehearsal, chip.Chip()) : Verdict();
     if (!options.isRaw) {
         const RunSummary summary(chip.Chip(), state, outcome);
@@ -351,19 +481,24 @@ int Rehearse(const Options &options, const RerunWords &words) {
             printf("%s", VerdictText(verdict, kScriptName).c_str());
         fflush(stdout);
     }
+    if (traceFile.IsWanted())
+        traceFile.Save(state.TraceText());
+    if (state.TraceOverflowed())
+        throw std::runtime_error(std::string("no room to record all requests: trace and verdict would not be whole") +
+                                 kRoomAdvice);
     nlohmann::ordered_json sweeps = nlohmann::ordered_json::array();
     const bool isSweepable = isJudged && outcome.status == 0;
     if (isSwept && !isSweepable)
         printf("no sweep: the update must come to its end by itself first\n");
     const bool held = !isSwept || (isSweepable && RunSweeps(options, settings, start, words, signals, sweeps));
-    if (isJudged && !options.report.empty()) {
+    if (isJudged && reportFile.IsWanted()) {
         nlohmann::ordered_json report = MakeReport(rehearsal, verdict, chip.Chip(), state);
         report["sweeps"] = std::move(sweeps);
-        Save(ReportText(report), options.report, "report");
+        reportFile.Save(ReportText(report));
     }
-    if (isJudged && !options.map.empty())
-        Save(DrawChip(UpdateName(options.update), chip.Chip(), WholeFlash(chip.Chip(), rehearsal.devices), verdict),
-             options.map, "map");
+    if (isJudged && mapFile.IsWanted())
+        mapFile.Save(
+            DrawChip(UpdateName(options.update), chip.Chip(), WholeFlash(chip.Chip(), rehearsal.devices), verdict));
     if (options.isRaw)
         return RunSummary::ShellStatus(outcome);
     return isJudged && verdict.IsClean() && held ? kClean : kFindings;
@@ -382,13 +517,20 @@ int main(int argc, char *argv[]) {
         } catch (const CLI::CallForHelp &help) {
             return app.exit(help);
         }
-        if (options.update.empty())
-            throw std::invalid_argument("UPDATE is missing; flashsim --help tells more");
         if (!options.sweeps.empty() && (options.isRaw || options.cut != 0))
             throw std::invalid_argument("--sweep goes with neither --raw nor --cut");
+        const auto isSwept = [&](const char *kind) {
+            return std::find(options.sweeps.begin(), options.sweeps.end(), kind) != options.sweeps.end();
+        };
+        const bool drawsInVain = app.count("--sets") + app.count("--seed") > 0 && !isSwept("bad");
+        if (drawsInVain || (app.count("--every") > 0 && !isSwept("cut") && !isSwept("faults")))
+            throw std::invalid_argument("--sets and --seed go with --sweep bad, --every with --sweep cut or faults");
         return Rehearse(options, RecallOptions(app, options));
+    } catch (const std::system_error &failure) {
+        const bool isFull = failure.code() == std::errc::no_space_on_device;
+        fprintf(stderr, "flashsim: %s%s\n", failure.what(), isFull ? kRoomAdvice : "");
     } catch (const std::exception &failure) {
         fprintf(stderr, "flashsim: %s\n", failure.what());
-        return kWrongUse;
     }
+    return kWrongUse;
 }

@@ -2,12 +2,15 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -70,16 +73,22 @@ TEST_F(Flashsim, RawPassesStreamsAndStatusAndNothingElse) {
 }
 
 TEST_F(Flashsim, WrongUseGetsOneLineAndStatusTwo) {
-    for (const char *options :
-         {"--frob", "--chip 8M,128K,2K", "--chip 8M,128K,2Q,64", "--chip 8M,100K,2K,64", "--ecc none", "--bad 3-1",
-          "--bad 256", "--fault MEMWRITE", "--fault read=EFROG", "--cut x", "--mtd 3", "--mtd 3:part:1,128K",
-          "--mount opt", "--as update", "--root /nowhere", "--program /nowhere", "--start false"}) {
+    std::istringstream rows(
+        "--frob|--chip 8M,128K,2K|--chip 8M,128K,2Q,64|--chip 8M,100K,2K,64|--ecc none|--bad 3-1|"
+        "--bad 256|--fault MEMWRITE|--fault read=EFROG|--mtd 3|--mtd 3:part:1,128K|--mount opt|"
+        "--as update|--root /nowhere|--program /nowhere|--start false|--cut x|--cut -1|--cut 0|"
+        "--sweep bad --sets -1|--sweep bad --seed 010|--sweep cut --every 0|--every 2|--sweep bad --every 2|"
+        "--trace /nowhere/t|--report /|--flash F --map ./F|--flash F --trace F.chip|"
+        "--trace F --report F|--root /|--no-sysfs bogus|--mtd 1:a --mtd 1:b|--mtd 1234567:a|"
+        "--mount /usr|--mount /opt/../dev|--as /bin/update");
+    for (std::string options; std::getline(rows, options, '|');) {
         EXPECT_EQ(Run(options), 2) << options;
         EXPECT_EQ(m_out, "") << options;
         EXPECT_EQ(m_err.rfind("flashsim: ", 0), 0U) << options;
         EXPECT_EQ(m_err.find('\n'), m_err.size() - 1) << options << m_err;
     }
-    EXPECT_EQ(RunBare("/nowhere"), 2);
+    for (const char *update : {"/nowhere", "/dev/null", ""})
+        EXPECT_EQ(RunBare(update), 2) << update;
 }
 
 TEST_F(Flashsim, DeviceHasItsOwnFilesMountsAndProcesses) {
@@ -126,6 +135,13 @@ TEST_F(Flashsim, HostStaysAsItIs) {
     waitpid(bystander, nullptr, 0);
 }
 
+TEST_F(Flashsim, PowerCutInAProgramOfTheUpdateEndsTheUpdater) {
+    const std::string updater =
+        Updater("dd if=/dev/zero of=/dev/mtd12 bs=2k count=1 conv=notrunc; kill -0 $$; echo on");
+    EXPECT_EQ(Run(updater + "--raw --cut 1"), 128 + SIGKILL);
+    EXPECT_EQ(m_out, "");
+}
+
 TEST_F(Flashsim, FlashFileKeepsTheChipBetweenRuns) {
     constexpr size_t kBlockTwo = size_t{2} * 64 * 2112;
     const std::string flash = (m_folder / "unit.nand").string();
@@ -139,6 +155,11 @@ TEST_F(Flashsim, FlashFileKeepsTheChipBetweenRuns) {
     EXPECT_NE(m_out.find("\nverdict: clean: 1 of 1 line carried out\n"), std::string::npos) << m_out;
     EXPECT_EQ(Load(flash).substr(kBlockTwo, pages.size()), pages);
     EXPECT_EQ(Run("--chip 2M,128K,2K,64 --flash " + flash), 2);
+
+    const int fd = open((flash + ".chip").c_str(), O_RDONLY | O_CLOEXEC);
+    flock(fd, LOCK_EX);
+    EXPECT_EQ(Run("--flash " + flash), 2) << "another run has it";
+    close(fd);
 }
 
 TEST_F(Flashsim, FindingsAreToldOneALineWithStatusOne) {
