@@ -33,15 +33,15 @@ struct RunSettings {
 
 /// What came of a run. The counters and the trace are in the state file.
 struct RunOutcome {
-    bool isInterrupted = false;   ///< a held signal ended it early
-    bool isOverdue = false;       ///< it took longer than it was given, and was ended
-    bool leavesProcesses = false; ///< others than the updater still run in the device
-    int status = 0;               ///< the updater's, as waitpid gives it; 0 when ended early
-    std::string out;              ///< all output of the updater and of whatever it and the device started
-    std::string err;              ///< the same for the error output
-    std::string script;           ///< bytes of the update's script, as it stands in the device at the end
+    bool isInterrupted = false;                ///< a held signal ended it early
+    bool isOverdue = false;                    ///< it took longer than it was given, and was ended
+    bool leavesProcesses = false;              ///< others than the updater still run in the device
+    int status = 0;                            ///< the updater's, as waitpid gives it; 0 when ended early
+    std::string out;                           ///< all output of the updater and of whatever it and the device started
+    std::string err;                           ///< the same for the error output
+    std::string script;                        ///< bytes of the update's script, as it stands in the device at the end
+    std::map<std::string, std::int64_t> files; ///< sizes of the files that words of the script name; -1: not regular
     std::map<std::string, std::string> contents; ///< the bytes of those up to 256 KiB
-    std::map<std::string, std::int64_t> files;   ///< sizes of the files that words of the script name; -1: not regular
 };
 
 /// A simulated device with an update in it. Nothing of the host changes but the chip and the state file; several
