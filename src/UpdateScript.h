@@ -46,8 +46,8 @@ public:
     int CmdWrite(int offset, int size, const char *path);
 
     /// Does the same with a raw image: each page's data is followed by its out-of-band bytes, and both are programmed
-    /// as they are, without ECC of the kernel's. A short record keeps the tail of the record
-    /// before it; behind a short first one stands 0xFF.
+    /// as they are, without ECC of the kernel's. A short record keeps the tail of the record before it; behind a short
+    /// first one stands 0xFF.
     /// @return as CmdWrite.
     int CmdWriteOob(int offset, int size, const char *path);
 

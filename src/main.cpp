@@ -38,7 +38,10 @@ void PrintUsage() {
     printf("usage : flashrig <folder contain flashrig.script> [progress notify script]\n");
 }
 
-int PrepareUpdate(const char *image) { return RunCommand(std::string("/app/prepare_flashrig.sh ") + image) ? 0 : -1; }
+int PrepareUpdate(const char *image) {
+    RunCommand(PrepareCommand(image));
+    return 0;
+}
 
 int CheckNewUpdateProgram(const char *folder) { return UFile::Exist((std::string(folder) + "/" + __progname).c_str()); }
 
