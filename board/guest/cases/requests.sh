@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/guest/board.sh
+# shellcheck shell=dash source=board/guest/board.sh
 # What the kernel gives for a list of requests; the simulator has to give the same.
 . /board.sh
 new_flash badblocks=5

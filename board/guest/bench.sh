@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/guest/board.sh
+# shellcheck shell=dash source=board/guest/board.sh
 # Counts the instructions, the kernel's included, of a 32 MiB write by the updater, by flash_erase and nandwrite, and
 # by the bare loop of requests; in turns, each on an erased chip.
 . /board.sh

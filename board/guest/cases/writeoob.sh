@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/guest/board.sh
+# shellcheck shell=dash source=board/guest/board.sh
 # An image with its spare bytes, dumped elsewhere on the chip, reads back with its ECC behind a bad block.
 . /board.sh
 new_flash badblocks=34,66

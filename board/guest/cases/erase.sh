@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/guest/board.sh
+# shellcheck shell=dash source=board/guest/board.sh
 # An erase leaves 0xFF in its good blocks alone; a range that isn't whole blocks is left as it is, and one that goes
 # on behind the chip is erased as far as there is a chip.
 . /board.sh

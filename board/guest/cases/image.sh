@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/guest/board.sh
+# shellcheck shell=dash source=board/guest/board.sh
 # An update image: unpacked by the device's script, percentages to its notify script, hand-over to its own updater.
 . /board.sh
 new_flash

@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/guest/board.sh
+# shellcheck shell=dash source=board/guest/board.sh
 # Plain writes of the lengths that matter, page and block borders, between neighbours that must stay.
 . /board.sh
 new_flash

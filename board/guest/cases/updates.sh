@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/guest/board.sh source=device/guest/updates.sh
+# shellcheck shell=dash source=board/guest/board.sh source=board/guest/updates.sh
 # What comes of the example updates on small pages; the simulator, which judges them, has to give the same.
 . /board.sh
 . /updates.sh

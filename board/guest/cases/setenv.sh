@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/guest/board.sh
+# shellcheck shell=dash source=board/guest/board.sh
 # The long form changes a variable in an environment on the chip: entries, zero tail, seal, and the ECC of each page.
 . /board.sh
 new_flash badblocks=65,67

@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/guest/board.sh
+# shellcheck shell=dash source=board/guest/board.sh
 # A script with the line ends of every kind of editor; the short setenv goes to the device's own tool.
 . /board.sh
 new_flash

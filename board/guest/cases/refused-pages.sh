@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/guest/board.sh
+# shellcheck shell=dash source=board/guest/board.sh
 # A chip that refuses raw pages without OOB bytes fails the first page of a write.
 . /board.sh
 new_flash

@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/guest/board.sh
+# shellcheck shell=dash source=board/guest/board.sh
 # A partition in full use is handed to ubiformat: applications, mounts and UBI go, the new file system comes.
 . /board.sh
 occupy_opt

@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/guest/board.sh
+# shellcheck shell=dash source=board/guest/board.sh
 # A page or block that fails for the kernel ends a write where it is; a failed erase lets the script go on.
 # The simulated chip programs a weak page, and blanks a weak block, before it says that it failed.
 . /board.sh

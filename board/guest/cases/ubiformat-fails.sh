@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/guest/board.sh
+# shellcheck shell=dash source=board/guest/board.sh
 # A ubiformat line that can't be carried out has freed the partition all the same, writes nothing and ends the script.
 . /board.sh
 occupy_opt

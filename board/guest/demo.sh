@@ -1,4 +1,4 @@
-# shellcheck shell=dash source=device/guest/board.sh
+# shellcheck shell=dash source=board/guest/board.sh
 # One update from an image file, as the user of a device sees it, and the flash read back with other tools.
 . /board.sh
 new_flash badblocks=20,37,38
