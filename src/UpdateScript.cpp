@@ -28,12 +28,12 @@ constexpr std::size_t kLineLimit = 255;
 constexpr char kErasedByte = '\xFF';
 constexpr std::size_t kLongSetEnvTokens = 5;
 
-/// The programs of an `ubiformat` line come with the update, at fixed places.
+/// The programs of a `ubiformat` line come with the update, at fixed paths.
 constexpr const char *kShell = "/bin/sh";
 constexpr const char *kPrepareScript = "/tmp/update/prepare.sh";
 constexpr const char *kUbiformat = "/tmp/update/ubiformat";
 
-/// Behind the format the image's blocks less these count as written; three more are reported singly.
+/// After the format the image's blocks less these count as written; three more are reported one by one.
 constexpr int kUbiformatHeldBack = 10;
 
 /// Device number of the whole flash; set before anything opens a device.
@@ -41,17 +41,17 @@ int nTotalMtdPartition = 12;
 
 int ReadHex(const std::string &token) { return UTextUtil::ToInt(token.c_str(), 16); }
 
-/// Sums and products wrap at 32 bits as the device's do, without undefined behaviour on the way.
+/// Sums and products wrap at 32 bits without undefined behaviour.
 int WrapAdd(int a, int b) { return static_cast<int>(static_cast<unsigned>(a) + static_cast<unsigned>(b)); }
 int WrapMultiply(int a, int b) { return static_cast<int>(static_cast<unsigned>(a) * static_cast<unsigned>(b)); }
 
-/// 32-bit division cut toward zero; 64 bits on the way, since -0x80000000 / -1 has no 32-bit result.
+/// 32-bit division truncated toward zero; 64 bits inside, since -0x80000000 / -1 has no 32-bit result.
 int Quotient(int a, int b) { return static_cast<int>(static_cast<long long>(a) / b); }
 
 /// The low 32 bits of a file's size: sizes are 32-bit signed throughout.
 int FileSize(const char *path) { return static_cast<int>(static_cast<unsigned>(UFile::GetFileSize(path))); }
 
-/// Divisions by a size that sysfs didn't tell count nothing.
+/// 0 when the block size is unknown (0).
 int WholeBlocks(int size, int block) { return block == 0 ? 0 : Quotient(size, block); }
 
 int BlocksWithPart(int size, int block) {
@@ -59,7 +59,7 @@ int BlocksWithPart(int size, int block) {
     return WholeBlocks(size, block) + (part ? 1 : 0);
 }
 
-/// A descriptor that closes itself. It may be -1: the first read tells, and closing that does no harm.
+/// A descriptor that closes itself. It may be -1: then the first read fails, and so does close, harmlessly.
 class ScopedFd {
 public:
     explicit ScopedFd(int fd) : m_nFd(fd) {}
@@ -80,8 +80,8 @@ int ByteOffset(const SNandUtil &nand, unsigned block) {
     return WrapMultiply(static_cast<int>(block), nand.m_nEraseSize);
 }
 
-/// Calls `visit` with each good block from `first` up to, not including, `end`, until it gives false.
-/// Bad blocks are passed over with a warning.
+/// Calls `visit` with each good block from `first` up to, not including, `end`, until `visit` returns false.
+/// Skips bad blocks with a warning.
 /// @return 0, or the negative result of a failed bad-block test, which ends the walk.
 template <typename Visit> int WalkGoodBlocks(SNandUtil &nand, unsigned first, unsigned end, Visit visit) {
     for (unsigned block = first; block < end; ++block) {
@@ -100,7 +100,7 @@ template <typename Visit> int WalkGoodBlocks(SNandUtil &nand, unsigned first, un
     return 0;
 }
 
-/// Erases one block and says so when it fails.
+/// Erases one block; prints an error line on failure.
 int Erase(SNandUtil &nand, unsigned block) {
     const int result = nand.EraseBlock(static_cast<int>(block));
     if (result != 0)
@@ -112,7 +112,7 @@ void PrintInvalidSize(const SNandUtil &nand, int size) {
     fprintf(stderr, "error : invalid size=%d, blocksize = %d\n", size, nand.m_nEraseSize);
 }
 
-/// The alignment tests of all commands: offset first, then size.
+/// Checks the alignment of offset, then size; prints an error line on failure.
 bool IsAligned(const SNandUtil &nand, int offset, int size) {
     const unsigned mask = static_cast<unsigned>(nand.m_nEraseSize) - 1;
     if ((static_cast<unsigned>(offset) & mask) != 0) {
@@ -126,7 +126,7 @@ bool IsAligned(const SNandUtil &nand, int offset, int size) {
     return true;
 }
 
-/// Page commands divide by both sizes.
+/// Page commands divide by both sizes, so these must be known; prints an error line on failure.
 bool HasPages(const SNandUtil &nand) {
     if (nand.m_nWriteSize > 0 && nand.m_nWriteSize <= nand.m_nEraseSize && nand.m_nOobSize >= 0)
         return true;
@@ -137,8 +137,8 @@ bool HasPages(const SNandUtil &nand) {
 
 unsigned PagesPerBlock(const SNandUtil &nand) { return static_cast<unsigned>(nand.m_nEraseSize / nand.m_nWriteSize); }
 
-/// Reads `size` bytes of flash page by page, bad blocks like all others.
-/// @return 0, or what the failing ReadPage gave.
+/// Reads `size` bytes of flash page by page, bad blocks included.
+/// @return 0, or the result of the failing ReadPage.
 int ReadPages(SNandUtil &nand, int offset, int size, char *buffer) {
     const int pageSize = nand.m_nWriteSize;
     const int first = offset / pageSize;
@@ -153,22 +153,22 @@ int ReadPages(SNandUtil &nand, int offset, int size, char *buffer) {
     return 0;
 }
 
-/// execv asks for changeable text and changes none.
+/// execv takes non-const text but does not change it.
 void Execute(std::vector<const char *> arguments) {
     arguments.push_back(nullptr);
     ExecuteCommand(const_cast<char *const *>(arguments.data()), true);
 }
 
-/// What an image file holds for each page.
+/// What an image file contains for each page.
 struct ImageFormat {
-    bool carriesOob; ///< a page's out-of-band bytes stand behind its data
+    bool carriesOob; ///< a page's data is followed by its out-of-band bytes
 
-    /// Reads the next record and warns of a short one.
-    /// @return what `read` gave: the end of the file is 0, a failure is negative.
+    /// Reads the next record and warns if it is short.
+    /// @return the result of `read`: 0 at the end of the file, negative on failure.
     int (*readRecord)(int file, std::vector<char> &record, int pageSize);
 };
 
-/// One read of up to the record's size, whatever becomes of it.
+/// One read of up to the record's size.
 int ReadInto(int file, std::vector<char> &record) { return static_cast<int>(read(file, record.data(), record.size())); }
 
 int ReadPlainPage(int file, std::vector<char> &page, int pageSize) {
@@ -181,15 +181,15 @@ int ReadPlainPage(int file, std::vector<char> &page, int pageSize) {
 }
 
 int ReadPageWithOob(int file, std::vector<char> &record, int pageSize) {
-    // Not cleared in between: a short record keeps the tail of the one before.
+    // The buffer is not cleared: a short record keeps the tail of the previous one.
     const int count = ReadInto(file, record);
-    // The end of the file is told as a short record too, and the number is the page's.
+    // The end of the file counts as a short record too, and the message gives the page size without OOB.
     if (count >= 0 && static_cast<std::size_t>(count) != record.size())
         fprintf(stderr, "warning : file read datasize = %d, pending to pagesize = %d\n", count, pageSize);
     return count;
 }
 
-/// An image file that goes to flash record by record.
+/// An image file that is written to flash record by record.
 class ImageFile {
 public:
     ImageFile(const char *path, const ImageFormat &format, const SNandUtil &nand)
@@ -197,8 +197,8 @@ public:
           m_record(static_cast<std::size_t>(m_nPageSize) + static_cast<std::size_t>(m_nOobSize), kErasedByte),
           m_file(open(path, O_RDONLY)) {}
 
-    /// Reads the next record; tells the end of the file and a failure.
-    /// @return bytes read, 0 at the end, negative for a failure.
+    /// Reads the next record; prints a line at the end of the file and on failure.
+    /// @return bytes read, 0 at the end, negative on failure.
     int Next() {
         const int count = m_format.readRecord(m_file.Get(), m_record, m_nPageSize);
         if (count < 0)
@@ -210,8 +210,8 @@ public:
         return count;
     }
 
-    /// Programs the record into a page and says so when that fails.
-    /// @return true when it is written.
+    /// Programs the record into a page; prints an error line on failure.
+    /// @return true when the page was written.
     bool Write(SNandUtil &nand, int page) const {
         const char *data = m_record.data();
         const char *oob = m_format.carriesOob ? data + m_nPageSize : nullptr;
@@ -230,8 +230,8 @@ private:
     int m_nBytesRead = 0;
 };
 
-/// @param forPages a page command follows: refuse unknown page sizes while nothing is erased yet.
-/// @return 0 when every block of a non-empty range was erased or passed over.
+/// @param forPages a page command follows: refuse an unknown page size before anything is erased.
+/// @return 0 when every good block of a non-empty range was erased, else negative or the failed request's result.
 int EraseRange(int offset, int size, bool forPages) {
     SNandUtil nand(nTotalMtdPartition);
     if (!IsAligned(nand, offset, size))
@@ -239,7 +239,7 @@ int EraseRange(int offset, int size, bool forPages) {
     if (forPages && !HasPages(nand))
         return -1;
     int result = -1;
-    // A size that sysfs didn't tell makes an empty range.
+    // An unknown erase size makes the range empty.
     const unsigned first = nand.m_nEraseSize == 0 ? 0 : BlockOf(nand, offset);
     const unsigned end = nand.m_nEraseSize == 0 ? 0 : first + BlockOf(nand, size);
     if (first < end) {
@@ -254,13 +254,13 @@ int EraseRange(int offset, int size, bool forPages) {
     return result;
 }
 
-/// Lays a file down in the good blocks of an erased range.
-/// @param endPage gets the page at which the file's end was found; it stays as it is when it wasn't.
+/// Writes a file into the good blocks of an erased range.
+/// @param endPage set to the page at which the end of the file was found; unchanged when the walk ended before.
 /// @return 0, or the first failure's negative result.
 int WritePages(UpdateScript &script, SNandUtil &nand, int offset, int size, ImageFile &file, int &endPage) {
     const unsigned first = BlockOf(nand, offset);
     const unsigned rangeEnd = first + BlockOf(nand, size);
-    // To the end of the chip: only behind the range it shows whether the file ended with it or goes on.
+    // To the end of the chip: only the first read after the range shows whether the file ends there or continues.
     const unsigned bound = BlockOf(nand, nand.m_nTotalSize);
     const unsigned pagesPerBlock = PagesPerBlock(nand);
     int result = 0;
@@ -297,7 +297,7 @@ int WriteImage(UpdateScript &script, int offset, int size, const char *path, con
     int endPage = 0;
     int result;
     {
-        // Closed before the last report: the notify script is not to inherit it.
+        // Closed before the last report: the notify script must not inherit the descriptor.
         ImageFile file(path, format, nand);
         result = WritePages(script, nand, offset, size, file, endPage);
     }
@@ -332,6 +332,167 @@ int WriteEnvironment(UpdateScript &script, SNandUtil &nand, int offset, const UE
     return result;
 }
 
+using Tokens = std::vector<std::string>;
+
+/// The flash sizes needed to count a line's blocks.
+struct Geometry {
+    int eraseSize;
+    int writeSize;
+    int oobSize;
+};
+
+/// One command of the script language. A line with fewer tokens is incomplete; `fileToken` 0 means no image file.
+struct Command {
+    const char *name;
+    std::size_t tokens;
+    std::size_t fileToken;
+    /// Runs a line; `path` is the image file's. A negative result stops the script.
+    int (*run)(UpdateScript &script, const Tokens &tokens, const std::string &path);
+    /// @return the blocks that the line will report.
+    int (*count)(const Geometry &flash, const Tokens &tokens, int fileSize);
+};
+
+/// `write` and `writeoob` differ in what they do with the file only.
+template <int (UpdateScript::*Operation)(int, int, const char *)>
+int RunImage(UpdateScript &script, const Tokens &tokens, const std::string &path) {
+    const int offset = ReadHex(tokens[1]);
+    fprintf(stderr, "write %s to flash address %x\n", path.c_str(), offset);
+    return (script.*Operation)(offset, ReadHex(tokens[2]), path.c_str());
+}
+
+int RunErase(UpdateScript &script, const Tokens &tokens, const std::string &) {
+    // A failed erase never stops the script.
+    script.CmdErase(ReadHex(tokens[1]), ReadHex(tokens[2]));
+    return 0;
+}
+
+int RunSetEnv(UpdateScript &script, const Tokens &tokens, const std::string &) {
+    const bool isLong = tokens.size() >= kLongSetEnvTokens;
+    // The long form begins with offset and size.
+    const std::size_t nameToken = isLong ? 3 : 1;
+    const char *name = tokens[nameToken].c_str();
+    const char *value = tokens[nameToken + 1].c_str();
+    if (isLong)
+        script.CmdSetEnv(ReadHex(tokens[1]), ReadHex(tokens[2]), name, value);
+    else
+        script.CmdSetEnv(name, value);
+    // Printed after a failure too, which never stops the script.
+    fprintf(stderr, "write %s = %s to env\n", name, value);
+    return 0;
+}
+
+int RunUbiformat(UpdateScript &script, const Tokens &tokens, const std::string &path) {
+    fprintf(stderr, "ubiformat %s to <MTD> %s\n", path.c_str(), tokens[1].c_str());
+    return script.CmdUbiformat(tokens[1].c_str(), path.c_str());
+}
+
+int CountFile(const Geometry &flash, const Tokens &, int fileSize) { return BlocksWithPart(fileSize, flash.eraseSize); }
+
+int CountRawFile(const Geometry &flash, const Tokens &, int fileSize) {
+    const int blockBytes = WrapMultiply(flash.eraseSize, WrapAdd(flash.writeSize, flash.oobSize));
+    return WholeBlocks(fileSize, WholeBlocks(blockBytes, flash.writeSize));
+}
+
+int CountNothing(const Geometry &, const Tokens &, int) { return 0; }
+
+int CountEnvironment(const Geometry &flash, const Tokens &tokens, int) {
+    return tokens.size() < kLongSetEnvTokens ? 0 : WholeBlocks(ReadHex(tokens[2]), flash.eraseSize);
+}
+
+constexpr Command kCommands[] = {
+    {"write", 4, 3, RunImage<&UpdateScript::CmdWrite>, CountFile},
+    {"writeoob", 4, 3, RunImage<&UpdateScript::CmdWriteOob>, CountRawFile},
+    {"erase", 3, 0, RunErase, CountNothing},
+    {"setenv", 3, 0, RunSetEnv, CountEnvironment},
+    {"ubiformat", 3, 2, RunUbiformat, CountFile},
+};
+
+enum class LineState { Ready, Unknown, Incomplete, FileMissing };
+
+/// One line of the script, resolved.
+struct Line {
+    std::string text;
+    Tokens tokens;
+    const Command *command; ///< null for an unknown one
+    std::string path;       ///< of the image file; empty when the command takes none
+    LineState state;
+};
+
+/// Looks up the command and the image file of a line.
+Line Resolve(const UpdateScript &script, const std::string &text, Tokens tokens) {
+    Line line = {text, std::move(tokens), nullptr, std::string(), LineState::Unknown};
+    for (const Command &command : kCommands) {
+        if (line.tokens[0] == command.name)
+            line.command = &command;
+    }
+    if (line.command == nullptr)
+        return line;
+    line.state = LineState::Incomplete;
+    if (line.tokens.size() < line.command->tokens)
+        return line;
+    line.state = LineState::Ready;
+    if (line.command->fileToken == 0)
+        return line;
+    line.path = script.m_sScriptDir + line.tokens[line.command->fileToken];
+    if (!UFile::Exist(line.path.c_str()))
+        line.state = LineState::FileMissing;
+    return line;
+}
+
+/// Calls `visit` with each line that is neither empty nor a comment, until `visit` returns false.
+template <typename Visit> void VisitLines(const UpdateScript &script, Visit visit) {
+    std::vector<std::string> lines;
+    UTextUtil::Split(script.m_sScript.c_str(), kLineEnds, lines);
+    for (const std::string &text : lines) {
+        Tokens tokens;
+        if (UTextUtil::Split(text.c_str(), kBlanks, tokens) == 0 || tokens[0].find('#') != std::string::npos)
+            continue;
+        if (!visit(Resolve(script, text, std::move(tokens))))
+            break;
+    }
+}
+
+/// A script over its limits is refused as a whole: half a line would be another command.
+/// @return which limit the text exceeds, and where; empty for none.
+std::string BrokenLimit(const std::string &text) {
+    if (text.size() > kScriptLimit)
+        return "script of " + std::to_string(text.size()) + " characters, the limit is " + std::to_string(kScriptLimit);
+    std::size_t number = 1;
+    for (std::size_t start = 0; start < text.size(); ++number) {
+        const std::size_t end = std::min(text.find_first_of(kLineEnds, start), text.size());
+        if (end - start > kLineLimit)
+            return "script line " + std::to_string(number) + " of " + std::to_string(end - start) +
+                   " characters, the limit is " + std::to_string(kLineLimit);
+        const bool pair = text.compare(end, 2, "\r\n") == 0;
+        start = end + (pair ? 2 : 1);
+    }
+    return std::string();
+}
+
+/// Runs one line.
+/// @return false when its failure ends the script.
+bool RunLine(UpdateScript &script, const Line &line) {
+    switch (line.state) {
+    case LineState::Unknown:
+        fprintf(stderr, "Unknown script command %s\n", line.text.c_str());
+        return true;
+    case LineState::Incomplete:
+        fprintf(stderr, "incomplete script command %s\n", line.text.c_str());
+        return true;
+    case LineState::FileMissing:
+        fprintf(stderr, "%s doesn't exist\n", line.path.c_str());
+        return true;
+    case LineState::Ready:
+        break;
+    }
+    try {
+        return line.command->run(script, line.tokens, line.path) >= 0;
+    } catch (const std::exception &problem) {
+        fprintf(stderr, "error : %s\n", problem.what());
+        return false;
+    }
+}
+
 } // namespace
 
 int GetAllPartitionNumber() {
@@ -352,50 +513,6 @@ int GetAllPartitionNumber() {
     return 0;
 }
 
-enum class UpdateScript::LineState { Ready, Unknown, Incomplete, FileMissing };
-
-/// One line of the script and what it asks for.
-struct UpdateScript::Line {
-    std::string text;
-    Tokens tokens;
-    const Command *command; ///< null for an unknown one
-    std::string path;       ///< of the image file; empty when the command takes none
-    LineState state;
-};
-
-/// What a script line needs of the flash to be counted.
-struct UpdateScript::Geometry {
-    int eraseSize;
-    int writeSize;
-    int oobSize;
-};
-
-/// One command of the script language. A line with fewer tokens is incomplete; `fileToken` 0 means no image file.
-struct UpdateScript::Command {
-    const char *name;
-    std::size_t tokens;
-    std::size_t fileToken;
-    int (UpdateScript::*run)(const Tokens &tokens, const std::string &path); ///< negative stops the script
-    int (*count)(const Geometry &flash, const Tokens &tokens, int fileSize); ///< blocks it will report
-};
-
-const UpdateScript::Command UpdateScript::kCommands[] = {
-    {"write", 4, 3, &UpdateScript::RunImage<&UpdateScript::CmdWrite>,
-     [](const Geometry &flash, const Tokens &, int fileSize) { return BlocksWithPart(fileSize, flash.eraseSize); }},
-    {"writeoob", 4, 3, &UpdateScript::RunImage<&UpdateScript::CmdWriteOob>,
-     [](const Geometry &flash, const Tokens &, int fileSize) {
-         const int blockBytes = WrapMultiply(flash.eraseSize, WrapAdd(flash.writeSize, flash.oobSize));
-         return WholeBlocks(fileSize, WholeBlocks(blockBytes, flash.writeSize));
-     }},
-    {"erase", 3, 0, &UpdateScript::RunErase, [](const Geometry &, const Tokens &, int) { return 0; }},
-    {"setenv", 3, 0, &UpdateScript::RunSetEnv,
-     [](const Geometry &flash, const Tokens &tokens, int) {
-         return tokens.size() < kLongSetEnvTokens ? 0 : WholeBlocks(ReadHex(tokens[2]), flash.eraseSize);
-     }},
-    {"ubiformat", 3, 2, &UpdateScript::RunUbiformat,
-     [](const Geometry &flash, const Tokens &, int fileSize) { return BlocksWithPart(fileSize, flash.eraseSize); }},
-};
-
 UpdateScript::UpdateScript(const char *scriptPath, const char *notifyScript, bool reboot)
     : m_nTotalBlock(0), m_nBlockWritten(0), m_nLastPercent(0), m_bReboot(reboot) {
     nTotalMtdPartition = GetAllPartitionNumber();
@@ -411,23 +528,23 @@ UpdateScript::UpdateScript(const char *scriptPath, const char *notifyScript, boo
 int UpdateScript::Run() {
     if (m_sScript.empty())
         return -1;
-    const std::string broken = BrokenLimit();
+    const std::string broken = BrokenLimit(m_sScript);
     if (!broken.empty()) {
         fprintf(stderr, "error : %s\n", broken.c_str());
         return -1;
     }
-    VisitLines([this](const Line &line) { return RunLine(line); });
+    VisitLines(*this, [this](const Line &line) { return RunLine(*this, line); });
     Finish();
     return 0;
 }
 
 int UpdateScript::GetTotalBlock() {
-    if (m_sScript.empty() || !BrokenLimit().empty())
+    if (m_sScript.empty() || !BrokenLimit(m_sScript).empty())
         return 0;
     const SNandUtil nand(nTotalMtdPartition);
     const Geometry flash = {nand.m_nEraseSize, nand.m_nWriteSize, nand.m_nOobSize};
     int total = 0;
-    VisitLines([&](const Line &line) {
+    VisitLines(*this, [&](const Line &line) {
         if (line.state == LineState::Unknown)
             fprintf(stderr, "Unknown script command %s\n", line.text.c_str());
         if (line.state != LineState::Ready)
@@ -449,7 +566,7 @@ void UpdateScript::IncBlockWritten() {
     m_nLastPercent = percent;
     if (m_sNotifyScript.empty())
         return;
-    // Said once, not at each percentage: a call that is too long stays so, but for a fall to fewer digits.
+    // Printed once, not at each percentage: a call that is too long stays too long, unless the percentage falls.
     if (!RunCommand(m_sNotifyScript + " " + std::to_string(percent)))
         m_sNotifyScript.clear();
 }
@@ -461,116 +578,6 @@ void UpdateScript::Finish() {
         sleep(3);
         RunCommand("reboot");
     }
-}
-
-/// Finds out what a line asks for.
-UpdateScript::Line UpdateScript::Resolve(const std::string &text, Tokens tokens) const {
-    Line line = {text, std::move(tokens), nullptr, std::string(), LineState::Unknown};
-    for (const Command &command : kCommands) {
-        if (line.tokens[0] == command.name)
-            line.command = &command;
-    }
-    if (line.command == nullptr)
-        return line;
-    line.state = LineState::Incomplete;
-    if (line.tokens.size() < line.command->tokens)
-        return line;
-    line.state = LineState::Ready;
-    if (line.command->fileToken == 0)
-        return line;
-    line.path = m_sScriptDir + line.tokens[line.command->fileToken];
-    if (!UFile::Exist(line.path.c_str()))
-        line.state = LineState::FileMissing;
-    return line;
-}
-
-/// Calls `visit` with each line that isn't empty or a comment, until it gives false.
-template <typename Visit> void UpdateScript::VisitLines(Visit visit) const {
-    std::vector<std::string> lines;
-    UTextUtil::Split(m_sScript.c_str(), kLineEnds, lines);
-    for (const std::string &text : lines) {
-        Tokens tokens;
-        if (UTextUtil::Split(text.c_str(), kBlanks, tokens) == 0 || tokens[0].find('#') != std::string::npos)
-            continue;
-        if (!visit(Resolve(text, std::move(tokens))))
-            break;
-    }
-}
-
-/// A script over its limits is refused whole: half a line would be another command.
-/// @return which limit it breaks, and where; empty for none.
-std::string UpdateScript::BrokenLimit() const {
-    if (m_sScript.size() > kScriptLimit)
-        return "script of " + std::to_string(m_sScript.size()) + " characters, the limit is " +
-               std::to_string(kScriptLimit);
-    std::size_t number = 1;
-    for (std::size_t start = 0; start < m_sScript.size(); ++number) {
-        const std::size_t end = std::min(m_sScript.find_first_of(kLineEnds, start), m_sScript.size());
-        if (end - start > kLineLimit)
-            return "script line " + std::to_string(number) + " of " + std::to_string(end - start) +
-                   " characters, the limit is " + std::to_string(kLineLimit);
-        const bool pair = m_sScript.compare(end, 2, "\r\n") == 0;
-        start = end + (pair ? 2 : 1);
-    }
-    return std::string();
-}
-
-/// Carries out one line.
-/// @return false when its failure ends the script.
-bool UpdateScript::RunLine(const Line &line) {
-    switch (line.state) {
-    case LineState::Unknown:
-        fprintf(stderr, "Unknown script command %s\n", line.text.c_str());
-        return true;
-    case LineState::Incomplete:
-        fprintf(stderr, "incomplete script command %s\n", line.text.c_str());
-        return true;
-    case LineState::FileMissing:
-        fprintf(stderr, "%s doesn't exist\n", line.path.c_str());
-        return true;
-    case LineState::Ready:
-        break;
-    }
-    try {
-        return (this->*line.command->run)(line.tokens, line.path) >= 0;
-    } catch (const std::exception &problem) {
-        fprintf(stderr, "error : %s\n", problem.what());
-        return false;
-    }
-}
-
-int UpdateScript::RunErase(const Tokens &tokens, const std::string &) {
-    // A failed erase never stops the script.
-    CmdErase(ReadHex(tokens[1]), ReadHex(tokens[2]));
-    return 0;
-}
-
-/// `write` and `writeoob` differ in what they do with the file only.
-template <int (UpdateScript::*Command)(int, int, const char *)>
-int UpdateScript::RunImage(const Tokens &tokens, const std::string &path) {
-    const int offset = ReadHex(tokens[1]);
-    fprintf(stderr, "write %s to flash address %x\n", path.c_str(), offset);
-    return (this->*Command)(offset, ReadHex(tokens[2]), path.c_str());
-}
-
-int UpdateScript::RunSetEnv(const Tokens &tokens, const std::string &) {
-    const bool isLong = tokens.size() >= kLongSetEnvTokens;
-    // In the long form offset and size stand in front.
-    const std::size_t nameToken = isLong ? 3 : 1;
-    const char *name = tokens[nameToken].c_str();
-    const char *value = tokens[nameToken + 1].c_str();
-    if (isLong)
-        CmdSetEnv(ReadHex(tokens[1]), ReadHex(tokens[2]), name, value);
-    else
-        CmdSetEnv(name, value);
-    // Said whatever came of it; a failure never stops the script.
-    fprintf(stderr, "write %s = %s to env\n", name, value);
-    return 0;
-}
-
-int UpdateScript::RunUbiformat(const Tokens &tokens, const std::string &path) {
-    fprintf(stderr, "ubiformat %s to <MTD> %s\n", path.c_str(), tokens[1].c_str());
-    return CmdUbiformat(tokens[1].c_str(), path.c_str());
 }
 
 int UpdateScript::CmdErase(int offset, int size) { return EraseRange(offset, size, false); }
@@ -596,7 +603,7 @@ int UpdateScript::CmdSetEnv(int offset, int size, const char *name, const char *
         PrintInvalidSize(nand, size);
         return -1;
     }
-    // Not filled: a size beyond the chip must fail at its first unreadable page, not take the device's memory.
+    // Not initialised: a size beyond the chip must fail at the first unreadable page without using up the memory.
     std::unique_ptr<char[]> flash(new char[static_cast<std::size_t>(size)]);
     const int read = ReadPages(nand, offset, size, flash.get());
     if (read != 0)
@@ -611,7 +618,7 @@ int UpdateScript::CmdSetEnv(int offset, int size, const char *name, const char *
 }
 
 int UpdateScript::CmdUbiformat(const char *device, const char *path) {
-    // Kept to the end: the whole flash stays open while the outside programs run, and is synced last.
+    // Kept to the end: the whole flash stays open while the outside programs run and is synced last.
     const SNandUtil nand(nTotalMtdPartition);
     const int size = FileSize(path);
     IncBlockWritten();
