@@ -19,8 +19,8 @@ constexpr std::size_t kLoadStep = 4096;
 constexpr mode_t kOpenMode = 0777;
 constexpr unsigned int kWriteMode = 0644;
 
-/// Gives `failure` back after the uniform report of errno.
-/// Always inline, so that the stack of the report begins with the operation itself.
+/// Reports errno and returns `failure`.
+/// Always inline, so that the reported stack begins with the operation itself.
 template <typename Result>
 __attribute__((always_inline)) inline Result Failed(int line, const char *operation, Result failure) {
     USysLog::error(__FILE__, line, operation, errno);
@@ -40,7 +40,7 @@ int UFile::IsDir(const char *path) {
 }
 
 std::string UFile::ReadFile(const char *path) {
-    // Not value-initialised: pages that the read doesn't reach are never touched.
+    // Not value-initialised: pages beyond the end of the file are never touched.
     const std::unique_ptr<char[]> buffer(new char[kTextLimit + 1]);
     buffer[0] = '\0';
     const int fd = open64(path, O_RDONLY);
@@ -217,7 +217,7 @@ int UFile::LoadBinaryFile(std::string path, std::string &result) {
     char step[kLoadStep];
     while (!file.eof()) {
         file.read(step, sizeof step);
-        // A folder opens but can't be read: its stream goes bad and never comes to its end.
+        // A folder can be opened but not read: its stream goes bad and never reaches the end of the file.
         if (file.bad())
             return 0;
         if (file.gcount() > 0)

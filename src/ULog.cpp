@@ -30,7 +30,7 @@ template <std::size_t Size> void CopyRange(char (&buffer)[Size], const char *beg
     buffer[length] = '\0';
 }
 
-/// Ends a cut format in front of its last conversion, which may have lost its tail.
+/// Ends a truncated format before its last conversion, which may be incomplete.
 void DropLastConversion(char *format) {
     char *last = nullptr;
     for (char *at = std::strchr(format, '%'); at != nullptr; at = std::strchr(at, '%')) {
@@ -44,7 +44,7 @@ void DropLastConversion(char *format) {
 }
 
 /// Writes one frame that backtrace_symbols described as "module(symbol+offset) [address]".
-/// A frame whose name can't be demangled is written as it came and uses up nothing of `skip`.
+/// A frame whose name cannot be demangled is written unchanged and does not count for `skip`.
 void WriteFrame(const char *frame, int &skip) {
     const char *open = std::strchr(frame, '(');
     const char *close = std::strchr(frame, ')');
@@ -118,9 +118,9 @@ void USysLog::debug(const char *file, int line, const char *function, const char
     if (now > m_tLastTime + kSwitchLookSeconds) {
         char path[kSwitchPathSize];
         std::snprintf(path, sizeof path, "%s.log", __progname_full);
-        struct stat status;
+        struct stat64 status;
         m_tLastTime = now;
-        m_bEnable = stat(path, &status) == 0;
+        m_bEnable = stat64(path, &status) == 0;
     }
     if (!m_bEnable)
         return;
@@ -134,7 +134,7 @@ void USysLog::debug(const char *file, int line, const char *function, const char
     va_end(values);
 }
 
-// The reports leave out this frame and their own, so it must be there.
+// The reports omit this frame and their own frame, so this one must exist.
 __attribute__((noinline)) void USysLog::PrintStackTrace(int skip) {
     void *frames[kMaxFrames] = {};
     const int count = backtrace(frames, kMaxFrames);

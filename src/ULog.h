@@ -2,7 +2,7 @@
 
 #include <ctime>
 
-/// libc's own: the name by which the program was started, behind its last slash and in full.
+/// Defined by libc: the name by which the program was started, after its last slash and in full.
 extern "C" {
 extern const char *__progname;      // NOLINT(bugprone-reserved-identifier)
 extern const char *__progname_full; // NOLINT(bugprone-reserved-identifier)
@@ -13,15 +13,15 @@ class UError {
 public:
     static constexpr int kLastCode = 132;
 
-    /// The errno macro's own name by number; 0 is "SUCCESS", the two numbers that Linux leaves free are "E41", "E58".
+    /// The errno macro's name by number; 0 is "SUCCESS"; "E41" and "E58" are unused numbers.
     static const char *const sErrorCode[kLastCode + 1];
 
-    /// @return the name of a code; "UNKNOWN" for one that is not in the table, negative ones included.
+    /// @return the name of a code; "UNKNOWN" for a code outside the table, negative codes included.
     static const char *Name(int code);
 };
 
-/// The system log, on facility LOG_USER. All messages go to standard error too.
-/// Texts longer than the buffers of this class are cut. One thread, no lock.
+/// The system log, on facility LOG_USER. All messages also go to standard error.
+/// Texts longer than the buffers of this class are cut. Not thread-safe.
 class USysLog {
 public:
     /// A syslog priority.
@@ -35,26 +35,26 @@ public:
     static void open(const char *ident);
     static void close();
 
-    /// Writes one message; the format brings its own line end.
+    /// Writes one message; the format contains the line end.
     static void Write(Level level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-    /// Writes one debug message while the switch file exists: the program's full path with ".log" behind it.
-    /// The file is looked for at most every 6 seconds. `file` and `function` must hold no '%'.
+    /// Writes one debug message if the switch file exists: the program's full path plus ".log".
+    /// The file is checked at most every 6 seconds. `file` and `function` must hold no '%'.
     static void debug(const char *file, int line, const char *function, const char *format, ...)
         __attribute__((format(printf, 4, 5)));
 
     /// Writes the stack of the caller, 80 frames at most.
-    /// @param skip how many of the frames whose names can be demangled are left out, from the top.
+    /// @param skip number of frames to omit from the top; only frames whose names can be demangled count.
     static void PrintStackTrace(int skip);
 
     /// Report an errno value with its name and text, or with the caller's text of up to 255 characters,
-    /// and the stack behind it. A code of 0 writes nothing.
+    /// followed by the stack. A code of 0 writes nothing.
     /// @return the code.
     static int error(const char *file, int line, const char *function, int code);
     static int error(const char *file, int line, const char *function, int code, const char *format, ...)
         __attribute__((format(printf, 5, 6)));
 
-    /// Reports a failure that has no code: always a line and the stack.
+    /// Reports a failure without a code: a line and the stack.
     static void error(const char *file, int line, const char *function, const char *format, ...)
         __attribute__((format(printf, 4, 5)));
 
@@ -63,7 +63,7 @@ private:
     static bool m_bEnable;
 };
 
-/// Building it opens the log, before main begins.
+/// Its constructor opens the log before main begins.
 extern USysLog gSysLog;
 
 /// Error reports on standard error, without a stack.
@@ -77,6 +77,6 @@ public:
     static int error(const char *file, int line, const char *function, int code);
     static int error(const char *file, int line, const char *function, int code, const char *message);
 
-    /// Writes one line with the program's name and process id in front; the line end is added.
+    /// Writes one line that begins with the program's name and process id; the line end is added.
     static void write(const char *format, ...) __attribute__((format(printf, 1, 2)));
 };

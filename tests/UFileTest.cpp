@@ -127,6 +127,26 @@ TEST_F(UFileTest, SuccessIsSilent) {
     umask(maskBefore);
 }
 
+TEST_F(UFileTest, SizesHave64BitsOnEveryTarget) {
+    constexpr long long kSize = 0x180000001;
+    ASSERT_EQ(truncate64(m_sFile.c_str(), kSize), 0);
+    struct stat record = {};
+    const std::string text = Logged([&] {
+        EXPECT_EQ(UFile::GetAttrs(m_sFile.c_str(), &record), 1);
+        EXPECT_EQ(UFile::GetFileSize(m_sFile.c_str()), kSize);
+        EXPECT_EQ(UFile::GetFileSize(m_nFd), kSize);
+        EXPECT_EQ(UFile::GetLastWriteTime(m_sFile.c_str()), record.st_mtime);
+        EXPECT_EQ(UFile::Exist(m_sFile.c_str()), 1);
+        EXPECT_EQ(UFile::IsDir(m_sFile.c_str()), 0);
+        char byte = 'x';
+        EXPECT_EQ(UFile::ReadFile(m_sFile.c_str(), &byte, 1), 1);
+        EXPECT_EQ(UFile::Seek(m_nFd, -1, SEEK_END), kSize - 1);
+        EXPECT_EQ(UFile::Lock(m_nFd, F_WRLCK, false), 1);
+    });
+    EXPECT_EQ(record.st_size, kSize);
+    EXPECT_EQ(text, "");
+}
+
 TEST_F(UFileTest, LinksCountAsWhatTheyPointTo) {
     std::filesystem::create_symlink(m_sFolder, m_sLink);
     std::filesystem::create_symlink(m_sMissing, m_sFolder + "/dangling");
