@@ -16,14 +16,14 @@
 
 namespace {
 
-/// Supervises the others and would start them again: it goes first.
+/// Supervises the other applications and would restart them, so it is stopped first.
 constexpr const char *kSupervisor = "HeartGuard";
 
 constexpr const char *kStopList[] = {
     "linkpilot", "flow_core", "FlowRunner", "toolkitd", "SignalHub", "remote_rx", "port_mux", "Panel-Face", "webnest",
 };
 
-/// Inner mounts first: an outer one is busy as long as they stand.
+/// Inner mounts first: an outer file system is busy while an inner one is mounted.
 constexpr const char *kMountList[] = {
     "/opt/user", "/usr/local/lib", "/lib/modules", "/opt/suite", "/opt",
 };
@@ -54,7 +54,7 @@ bool IsMounted() {
     return false;
 }
 
-/// @return false for a field that is no number or beyond the range of one, as the runs of blanks between ids give.
+/// @return false for a field that is not a number or out of range. Runs of blanks between ids give empty fields.
 bool ReadProcessId(const std::string &field, int &id) {
     try {
         id = std::stoi(field);
@@ -64,7 +64,7 @@ bool ReadProcessId(const std::string &field, int &id) {
     }
 }
 
-/// @return the parent's id, or 0 at the end of the line.
+/// @return the parent's id, or 0 when there is none.
 int ParentOf(int id) {
     // "<id> (<name>) <state> <parent> ...": the name may hold anything, parentheses too.
     const std::string status = UFile::ReadFile(("/proc/" + std::to_string(id) + "/stat").c_str());
@@ -76,7 +76,7 @@ int ParentOf(int id) {
     return fields.size() < 2 ? 0 : UTextUtil::ToInt(fields[1].c_str(), 10);
 }
 
-/// Neither groups of processes (negative ids), nor init, nor the line of processes that this update hangs on.
+/// False for process groups (negative ids), init, this process and its ancestors.
 bool MayBeStopped(int id) {
     if (id < 0 || id == 1)
         return false;
@@ -127,12 +127,12 @@ int GetProcessIdByName(const std::string &name) {
     trim(line);
     printf("[%s]\n", line);
     const unsigned long id = std::strtoul(line, nullptr, 10);
-    // A number that is no process id must not wrap into one: -1 would be every process.
+    // A number out of range must not wrap into a process id: -1 would be every process.
     return id > INT_MAX ? 0 : static_cast<int>(id);
 }
 
 int KillProcess(int id, int *status) {
-    // kill with 0 would reach our own process group.
+    // kill with id 0 would signal our own process group.
     if (id == 0)
         return 0;
     if (kill(id, SIGTERM) == -1)
@@ -194,7 +194,7 @@ int PrepareProcess() {
     }
     holders = ShellCmd(kListHolders);
     if (!holders.empty()) {
-        // Twice: what the first pass kills may have been starting another.
+        // Twice: a process killed in the first pass may have started another.
         for (int pass = 0; pass < 2; ++pass) {
             ShellCmd(kKillHolders);
             sync();

@@ -16,10 +16,10 @@ namespace {
 constexpr std::size_t kPathSize = 256;
 constexpr std::uint64_t kOldEraseReach = 0xFFFFFFFF;
 
-/// The kernel takes user addresses as 64-bit values with the high word 0.
+/// The kernel takes user addresses as 64-bit values; on 32-bit systems the high word is 0.
 std::uint64_t UserAddress(const char *buffer) { return reinterpret_cast<std::uintptr_t>(buffer); }
 
-/// What the kernel sees of a negative 32-bit value in a 64-bit field.
+/// A 32-bit value in a 64-bit field of a request.
 std::uint64_t SignExtended(int value) { return static_cast<std::uint64_t>(std::int64_t{value}); }
 
 } // namespace
@@ -124,7 +124,7 @@ int SNandUtil::WritePageWithOob(int page, const char *data, int length, const ch
         return 0;
     if (errno != ENOTTY && errno != EOPNOTSUPP)
         return -1;
-    // The kernel lacks the request. No OOB bytes: nothing to ask it for, and it would refuse a null buffer.
+    // The kernel lacks the request. Without OOB bytes the OOB request is skipped: the kernel refuses a null buffer.
     if (oob != nullptr && WriteOOB(page, oob) != 0)
         return -1;
     if (data == nullptr)

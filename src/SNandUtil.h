@@ -1,15 +1,15 @@
 #pragma once
 
-/// One open MTD character device and the requests that the updater makes of it.
+/// One open MTD character device and the requests that the updater makes.
 ///
 /// Blocks and pages are absolute numbers within the device: block `b` begins at byte b * m_nEraseSize, page `p` at
-/// byte p * m_nWriteSize. Block offsets are 64 bits wide; page offsets are 32-bit signed, so pages from byte
-/// 0x80000000 on can't be reached. Nothing is printed but by WriteOOB and ReadOOB; errno is left as the failing
-/// call set it. An object isn't copied and is used by one thread.
+/// byte p * m_nWriteSize. Block offsets have 64 bits; page offsets are 32-bit signed, so pages from byte 0x80000000 on
+/// cannot be accessed. Only WriteOOB and ReadOOB print. errno is left as the failing call set it. An object is not
+/// copied and belongs to one thread.
 class SNandUtil {
 public:
     /// Reads the geometry of /dev/mtd<device> from sysfs and opens the device for reading and writing.
-    /// Reports nothing: a size that can't be read is 0, a device that can't be opened leaves -1 in m_nFd.
+    /// Reports nothing: a size that cannot be read is 0, a device that cannot be opened leaves -1 in m_nFd.
     explicit SNandUtil(int device);
 
     /// Syncs and closes the device.
@@ -21,26 +21,26 @@ public:
     /// @return 1 for a bad block, 0 for a good one, negative when the request failed.
     int IsBlockBad(int block);
 
-    /// Erases one block. Asks with 64-bit offsets first, then with the older request, which ends at 4 GiB.
-    /// @return 0 when erased, else what the last request gave.
+    /// Erases one block. Tries the 64-bit request first, then the older request, which ends at 4 GiB.
+    /// @return 0 when erased, else the result of the last request.
     int EraseBlock(int block);
 
-    /// Writes or reads the m_nOobSize out-of-band bytes of one page; `oob` has room for as many.
-    /// ReadOOB fills the buffer although it is taken as const. Prints a line on standard error on failure.
-    /// @return 0, else what the request gave.
+    /// Write or read the m_nOobSize out-of-band bytes of one page; `oob` has room for m_nOobSize bytes.
+    /// ReadOOB fills the buffer despite the const. A failure prints a line on standard error.
+    /// @return 0, else the result of the request.
     int WriteOOB(int page, const char *oob);
     int ReadOOB(int page, const char *oob);
 
-    /// Writes `length` bytes from the start of a page on, with the ECC that the kernel adds.
-    /// @return the length when all of it was written, else -1.
+    /// Writes `length` bytes from the start of a page on; the kernel adds the ECC.
+    /// @return the length when all bytes were written, else -1.
     int WritePage(int page, const char *data, int length);
 
     /// Reads one whole page into `data`, which has room for m_nWriteSize bytes, corrected by the kernel's ECC.
     /// @return m_nWriteSize, or -1.
     int ReadPage(int page, char *data);
 
-    /// Writes data and OOB of one page in one request. A kernel without that request gets OOB and page one after
-    /// the other; a null `oob` or `data` is then left out.
+    /// Writes data and OOB of one page in one request. On a kernel without that request, writes the OOB first and then
+    /// the data; a null `oob` or `data` is skipped.
     /// @param mode MTD_OPS_PLACE_OOB, MTD_OPS_AUTO_OOB or MTD_OPS_RAW.
     /// @return 0, or -1.
     int WritePageWithOob(int page, const char *data, int length, const char *oob, int oobLength, int mode);

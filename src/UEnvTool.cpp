@@ -8,8 +8,8 @@
 namespace {
 
 constexpr std::uint32_t kPolynomial = 0xEDB88320;
-constexpr int kSealSize = 4;
-constexpr int kParsedSize = kSealSize + 2; // the scan looks at two bytes before it looks at its bound
+constexpr int kCrcSize = 4;
+constexpr int kParsedSize = kCrcSize + 2; // the scan reads two bytes before it checks its bound
 constexpr int kScanMargin = 4;
 
 constexpr std::array<std::uint32_t, 256> MakeTable() {
@@ -23,17 +23,17 @@ constexpr std::array<std::uint32_t, 256> MakeTable() {
     return table;
 }
 
-/// Takes the lowest byte of the value through the table.
+/// One step of the CRC: looks up the lowest byte of the value.
 std::uint32_t Step(std::uint32_t value) { return crc_table[value & 0xFF] ^ (value >> 8); }
 
-/// Reads the entries of a block up to the double zero byte that ends the list, or to the scan's bound.
-/// An entry in progress at the bound is dropped: its end was not seen.
+/// Reads the entries of a block up to the double zero byte that ends the list, or up to the scan's bound.
+/// An entry that reaches the bound is dropped: its terminator was not seen.
 std::vector<std::string> Parse(const char *block, int size) {
     std::vector<std::string> entries;
     if (size < kParsedSize)
         return entries;
-    const char *start = block + kSealSize;
-    // The first byte is looked at even where the bound leaves none.
+    const char *start = block + kCrcSize;
+    // The first byte is read even when the bound leaves no byte.
     const char *const bound = std::max(start + 1, block + size - kScanMargin);
     while (const void *zero = std::memchr(start, '\0', static_cast<std::size_t>(bound - start))) {
         const char *const end = static_cast<const char *>(zero);
@@ -45,7 +45,7 @@ std::vector<std::string> Parse(const char *block, int size) {
     return entries;
 }
 
-/// @return the first entry whose text in front of its first '=' is the name, or the end of the list.
+/// @return the first entry whose text before its first '=' is the name, or the end of the list.
 template <typename Entries> auto Find(Entries &entries, const char *name) {
     return std::find_if(entries.begin(), entries.end(), [name](const std::string &entry) {
         const std::size_t length = entry.find('=');
@@ -63,7 +63,7 @@ unsigned int crc32_no_comp(unsigned int value, const unsigned char *bytes, unsig
     for (; bytes != end && reinterpret_cast<std::uintptr_t>(bytes) % kWord != 0; ++bytes)
         value = Step(value ^ *bytes);
     for (; static_cast<std::size_t>(end - bytes) >= kWord; bytes += kWord) {
-        // One aligned load, told to the compiler without breaking its aliasing rules.
+        // One aligned load that respects the aliasing rules.
         std::uint32_t word;
         std::memcpy(&word, __builtin_assume_aligned(bytes, kWord), kWord);
         value = Step(Step(Step(Step(value ^ le32toh(word)))));
@@ -98,27 +98,27 @@ int UEnvTool::SetEnv(const char *name, const char *value) {
     else
         *entry = changed;
 
-    std::size_t needed = kSealSize;
+    std::size_t needed = kCrcSize;
     for (const std::string &text : entries)
         needed += text.size() + 1;
-    // A list cut short would lose what the device boots by: all of it goes in, or nothing changes.
+    // A truncated list would lose boot variables: either all entries fit, or nothing changes.
     if (needed > static_cast<std::size_t>(m_nSize))
         return -1;
     m_vEntry.swap(entries);
 
     std::fill_n(m_pBlock, m_nSize, '\0');
-    char *at = m_pBlock + kSealSize;
+    char *at = m_pBlock + kCrcSize;
     for (const std::string &text : m_vEntry)
         at = std::copy(text.begin(), text.end(), at) + 1;
     return UpdateCRC();
 }
 
 int UEnvTool::UpdateCRC() {
-    if (m_nSize < kSealSize)
+    if (m_nSize < kCrcSize)
         return 0;
-    m_nCrc = ~crc32_no_comp(~0U, reinterpret_cast<const unsigned char *>(m_pBlock) + kSealSize,
-                            static_cast<unsigned int>(m_nSize - kSealSize));
-    const std::uint32_t seal = htole32(m_nCrc);
-    std::memcpy(m_pBlock, &seal, sizeof seal);
+    m_nCrc = ~crc32_no_comp(~0U, reinterpret_cast<const unsigned char *>(m_pBlock) + kCrcSize,
+                            static_cast<unsigned int>(m_nSize - kCrcSize));
+    const std::uint32_t stored = htole32(m_nCrc);
+    std::memcpy(m_pBlock, &stored, sizeof stored);
     return 0;
 }

@@ -8,45 +8,44 @@
 /// The table of the reflected CRC-32 polynomial 0xEDB88320.
 extern const std::array<std::uint32_t, 256> crc_table;
 
-/// Takes `length` bytes at any alignment into a running CRC-32.
-/// The caller starts with 0xFFFFFFFF and inverts the last value; in between, calls chain.
+/// Adds `length` bytes at any alignment to a running CRC-32.
+/// The caller starts with 0xFFFFFFFF, passes each result to the next call, and inverts the last one.
 /// @return the new running value.
 unsigned int crc32_no_comp(unsigned int value, const unsigned char *bytes, unsigned int length);
 
-/// One boot environment block in memory. Knows nothing of flash and prints nothing.
+/// One boot environment block in memory. Accesses no flash and prints nothing.
 ///
-/// A block begins with its seal, the CRC-32 of all bytes behind it, least significant byte first. From byte 4 on stand
-/// the entries "name=value", each ended by a zero byte; one more zero byte ends the list, and the rest is zero.
-/// The length stands nowhere in the block. The scan stops 4 bytes short of the block's end: a list that is to be read
-/// back, zero bytes of its entries included, may take all but 8 bytes of the block.
+/// A block begins with the CRC-32 of all bytes after it, least significant byte first. The entries "name=value" start
+/// at byte 4, each terminated by a zero byte; one more zero byte ends the list, and the rest is zero. The block does
+/// not contain its own length. Parsing stops 4 bytes before the end of the block: to be read back, the list, including
+/// the entries' zero bytes, may take all but 8 bytes of the block.
 class UEnvTool {
 public:
-    /// Copies a block of `size` bytes and reads its entries; the caller's bytes stay the caller's.
-    /// The seal is not looked at. The last entry counts only when the list's end follows it. A block of fewer than
-    /// 6 bytes has no entries.
+    /// Copies a block of `size` bytes and reads its entries. The CRC is not checked. The last entry counts only when
+    /// its terminator is found. A block of fewer than 6 bytes has no entries.
     /// @throws std::bad_alloc when there is no memory for the copy.
     UEnvTool(const char *block, int size);
     ~UEnvTool();
     UEnvTool(const UEnvTool &) = delete;
     UEnvTool &operator=(const UEnvTool &) = delete;
 
-    /// @return 1 when an entry has exactly that name, else 0.
+    /// @return 1 when an entry has exactly this name, else 0.
     int HasEnv(const char *name) const;
 
-    /// @return the value of the first entry of that name; empty when there is none.
+    /// @return the value of the first entry with this name; empty when there is none.
     std::string GetEnv(const char *name) const;
 
-    /// Replaces the first entry of that name in its place, or appends one, then writes the whole block anew and seals
-    /// it. A name that holds '=' is never found again.
-    /// @return 0, or -1 when the entries would not fit in the block: list and block are then as they were.
+    /// Replaces the first entry with this name in place, or appends one, then rebuilds the block and its CRC.
+    /// A name that contains '=' is never found again.
+    /// @return 0, or -1 when the entries do not fit in the block: list and block are then unchanged.
     int SetEnv(const char *name, const char *value);
 
-    /// Seals the block; one of fewer than 4 bytes has no room for a seal and stays as it is.
+    /// Stores the CRC in the block; a block of fewer than 4 bytes has no room for a CRC and stays unchanged.
     /// @return 0.
     int UpdateCRC();
 
-    std::vector<std::string> m_vEntry; ///< in the block's order, without the zero bytes
+    std::vector<std::string> m_vEntry; ///< in the order of the block, without the zero bytes
     char *m_pBlock;                    ///< `m_nSize` bytes, owned
     int m_nSize;
-    unsigned int m_nCrc; ///< the seal of the last UpdateCRC; not set before
+    unsigned int m_nCrc; ///< the CRC of the last UpdateCRC; not set before
 };

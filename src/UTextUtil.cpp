@@ -14,34 +14,34 @@ constexpr char kBlank = ' ';
 constexpr int kNumberSize = 16;
 constexpr char kTokenSpace[] = " \f\n\t\r\v";
 
-/// @return the position behind the first separator, or null. The terminator separates nothing.
-const char *BehindSeparator(const char *text, char separator) {
+/// @return the position after the first separator, or null. The terminator is not a separator.
+const char *AfterSeparator(const char *text, char separator) {
     const char *found = separator == '\0' ? nullptr : std::strchr(text, separator);
     return found == nullptr ? nullptr : found + 1;
 }
 
-/// @return the position behind the first occurrence of the key, or null.
-const char *BehindKey(const char *text, const char *key) {
+/// @return the position after the first occurrence of the key, or null.
+const char *AfterKey(const char *text, const char *key) {
     const char *found = std::strstr(text, key);
     return found == nullptr ? nullptr : found + std::strlen(key);
 }
 
-/// @return the position behind the first occurrence of the key that a blank or the separator follows, or null.
-const char *BehindExactKey(const char *text, const char *key, char separator) {
+/// @return the position after the first occurrence of the key followed by a blank or the separator, or null.
+const char *AfterExactKey(const char *text, const char *key, char separator) {
     const std::size_t length = std::strlen(key);
     if (length == 0)
         return nullptr;
     for (const char *found = std::strstr(text, key); found != nullptr; found = std::strstr(found + 1, key)) {
-        const char *behind = found + length;
-        if (*behind == kBlank || *behind == separator)
-            return behind;
+        const char *after = found + length;
+        if (*after == kBlank || *after == separator)
+            return after;
     }
     return nullptr;
 }
 
-/// Sets the outputs to the value of the key that ends at `behind`, which may be null.
-int TakeValue(const char *behind, char separator, const char *stops, char **value, int *length) {
-    const char *start = behind == nullptr ? nullptr : BehindSeparator(behind, separator);
+/// Sets the outputs to the value of the key that ends at `after`, which may be null.
+int TakeValue(const char *after, char separator, const char *stops, char **value, int *length) {
+    const char *start = after == nullptr ? nullptr : AfterSeparator(after, separator);
     if (start == nullptr)
         return 0;
     *value = const_cast<char *>(start);
@@ -73,7 +73,7 @@ int UTextUtil::ToInt(const char *text, int base) {
 
 int UTextUtil::findKeyExact(const char *text, const char *key, char separator, const char *stops, char **value,
                             int *length) {
-    return TakeValue(BehindExactKey(text, key, separator), separator, stops, value, length);
+    return TakeValue(AfterExactKey(text, key, separator), separator, stops, value, length);
 }
 
 int UTextUtil::findKeyExact(const char *text, const char *key, char separator, const char *stops, char *buffer,
@@ -100,16 +100,16 @@ int UTextUtil::findKeyExact(const char *text, const char *key, char separator, c
 
 int UTextUtil::findKey(const char *text, const char *key, char separator, const char *stops, char **value,
                        int *length) {
-    return TakeValue(BehindKey(text, key), separator, stops, value, length);
+    return TakeValue(AfterKey(text, key), separator, stops, value, length);
 }
 
 char *UTextUtil::findKey(const char *text, const char *key, char separator) {
-    const char *behind = BehindKey(text, key);
-    return behind == nullptr ? nullptr : findValue(behind, separator);
+    const char *after = AfterKey(text, key);
+    return after == nullptr ? nullptr : findValue(after, separator);
 }
 
 char *UTextUtil::findValue(const char *text, char separator) {
-    const char *value = BehindSeparator(text, separator);
+    const char *value = AfterSeparator(text, separator);
     if (value == nullptr)
         return nullptr;
     while (*value == kBlank)

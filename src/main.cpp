@@ -16,7 +16,7 @@ constexpr const char *kScriptName = "flashrig.script";
 constexpr const char *kFallbackFolder = "/";
 constexpr const char *kNotifyScript = "/tmp/update/progress_script.sh";
 
-/// Runs the copy of this program that came with the update.
+/// Runs the copy of this program in the update.
 /// @return the exit value of this process.
 int HandOver(const std::string &folder, const char *notifyScript) {
     std::string command = folder + "/" + __progname + " " + folder;

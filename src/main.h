@@ -3,10 +3,10 @@
 /// Writes the two usage lines to standard output.
 void PrintUsage();
 
-/// Lets the device's prepare script unpack an image into "/tmp/update"; the script's exit status is not looked at.
-/// An image whose command would be too long is refused before this.
+/// Runs the device's prepare script, which unpacks an image into "/tmp/update"; its exit status is ignored.
+/// A command that would be too long does not run.
 /// @return 0.
 int PrepareUpdate(const char *image);
 
-/// @return non-zero when the folder holds a file with this program's own name, whatever its contents.
+/// @return non-zero when the folder contains a file with this program's own name.
 int CheckNewUpdateProgram(const char *folder);
