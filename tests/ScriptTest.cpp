@@ -54,6 +54,9 @@ TEST(Script, IsRefusedWholeBeforeAnyFlashIsTouched) {
         {fits + "\n", 255, "error : script of 4096 characters, the limit is 4095\n"},
         {line + std::string(242, 'x'), 0, "erase complete\n offset=0 size=4000\n"},
         {line + std::string(243, 'x'), 255, "error : script line 3 of 256 characters, the limit is 255\n"},
+        // A refused script is not counted either: nothing names its unknown command.
+        {"unknown\r" + line + std::string(243, 'x'), 255,
+         "error : script line 4 of 256 characters, the limit is 255\n"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.script.size());
@@ -62,6 +65,7 @@ TEST(Script, IsRefusedWholeBeforeAnyFlashIsTouched) {
         EXPECT_EQ(outcome.status, row.status);
         EXPECT_EQ(outcome.err, row.err);
         EXPECT_EQ(outcome.Count("MEMERASE64") == 0, row.status != 0);
+        EXPECT_EQ(outcome.Count("open") == 0, row.status != 0);
         EXPECT_EQ(outcome.Count("sync"), row.status == 0 ? 2U : 0U);
     }
 }

@@ -71,7 +71,8 @@ TEST_F(USysLogTest, NamesCodesAsErrnoMacros) {
 TEST_F(USysLogTest, ErrorReportsGiveSourceNameAndText) {
     gFrames.emplace();
     const std::string cut(255, 'x');
-    const char *const longer = "%sxxx";
+    const std::string fits(254, 'x');
+    const char *const longer = "%sx";
     const struct {
         std::string text;
         std::string expected;
@@ -80,7 +81,11 @@ TEST_F(USysLogTest, ErrorReportsGiveSourceNameAndText) {
          "a.cpp(7):Open()\t[ENOENT(2)] No such file or directory\nNo Stack Trace.\n"},
         {Logged([&] { EXPECT_EQ(USysLog::error("a.cpp", 7, "Open", 133, longer, cut.c_str()), 133); }),
          "a.cpp(7):Open()\t[UNKNOWN(133)] " + cut + "\nNo Stack Trace.\n"},
+        {Logged([&] { EXPECT_EQ(USysLog::error("a.cpp", 7, "Open", 1, longer, fits.c_str()), 1); }),
+         "a.cpp(7):Open()\t[EPERM(1)] " + cut + "\nNo Stack Trace.\n"},
         {Logged([&] { USysLog::error("a.cpp", 7, "Open", longer, cut.c_str()); }),
+         "a.cpp(7):Open()\t[" + cut + "]\nNo Stack Trace.\n"},
+        {Logged([&] { USysLog::error("a.cpp", 7, "Open", longer, fits.c_str()); }),
          "a.cpp(7):Open()\t[" + cut + "]\nNo Stack Trace.\n"},
         {Logged([] { EXPECT_EQ(USysLog::error("a.cpp", 7, "Open", 0), 0); }), ""},
         {Logged([] { EXPECT_EQ(USysLog::error("a.cpp", 7, "Open", 0, "%d", 5), 0); }), ""},
@@ -148,11 +153,19 @@ TEST_F(USysLogTest, DebugLooksForItsSwitchFileAfterMoreThanFiveSeconds) {
                   row.written ? "a.cpp(7):Run()\t\tpage 0x1f\n" : "")
             << row.second;
     }
-    // A format that doesn't fit ends in front of the last conversion that it still holds.
-    const std::string fits(255 - std::strlen("a.cpp(7):Run()\t\t%d"), 'x');
-    const std::string format = fits + "%d%s";
-    EXPECT_EQ(Logged([&] { USysLog::debug("a.cpp", 7, "Run", format.c_str(), 5, "end"); }),
-              "a.cpp(7):Run()\t\t" + fits + "\n");
+    // 239 characters fit. A longer format ends before its last conversion within the buffer.
+    const std::string x(231, 'x');
+    const struct {
+        std::string format;
+        std::string written;
+    } formats[] = {
+        {x + "%%123%%s", x + "%123%s"},   {x + "%d123456", x + "5123456"},   {x + "%d12%%345", x},
+        {x + "1234567%%", x + "1234567"}, {x + "%%12345%d", x + "%12345"},   {x + "%%12345%%", x + "%12345"},
+        {x + "123456%%8", x + "123456%"}, {x + "123456789", x + "12345678"},
+    };
+    for (const auto &row : formats)
+        EXPECT_EQ(Logged([&] { USysLog::debug("a.cpp", 7, "Run", row.format.c_str(), 5); }),
+                  "a.cpp(7):Run()\t\t" + row.written + "\n");
     __progname_full = realName;
     unlink((program + ".log").c_str());
     rmdir(folder);

@@ -1,4 +1,5 @@
 #include "UTextUtil.h"
+#include "ProcessUtil.h"
 #include "UTypeUtil.h"
 
 #include <gtest/gtest.h>
@@ -23,6 +24,36 @@ TEST(UTextUtil, SplitCutsAtRunsOfDelimitersAndAppends) {
     Texts tokens = {"one", "two"};
     EXPECT_EQ(UTextUtil::Split("a b c", " ", tokens), 5);
     EXPECT_EQ(tokens, (Texts{"one", "two", "a", "b", "c"}));
+}
+
+TEST(ProcessUtil, SplitsCutAtEachDelimiterOrAtRunsOfThem) {
+    const struct {
+        std::string text;
+        const char *delimiters;
+        Texts fields; ///< of StdStringSplit
+        Texts tokens; ///< of TextSplit
+    } rows[] = {
+        {"12 345 6", " ", {"12", "345", "6"}, {"12", "345", "6"}},
+        {"1 2", " ", {"1", "2"}, {"1", "2"}},
+        {" a  b ", " ", {"", "a", "", "b", ""}, {"a", "b"}},
+        {"a,b;c", ";,", {"a", "b", "c"}, {"a", "b", "c"}},
+        {"", " ", {""}, {}},
+        {" ", " ", {"", ""}, {}},
+        {"a b", "", {"a b"}, {"a b"}},
+    };
+    for (auto row : rows) {
+        const std::string text = row.text;
+        Texts fields = {"first"};
+        Texts tokens = {"first"};
+        row.fields.insert(row.fields.begin(), "first");
+        row.tokens.insert(row.tokens.begin(), "first");
+        StdStringSplit(row.text, row.delimiters, &fields);
+        EXPECT_EQ(fields, row.fields) << text;
+        EXPECT_EQ(row.text, text);
+        EXPECT_EQ(TextSplit(text.c_str(), row.delimiters, &tokens), static_cast<int>(row.tokens.size()));
+        EXPECT_EQ(tokens, row.tokens) << text;
+    }
+    EXPECT_EQ(TextSplit("a", " ", nullptr), -1);
 }
 
 TEST(UTextUtil, NumbersClampToThirtyTwoBits) {
