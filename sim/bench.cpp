@@ -1,15 +1,15 @@
 // Measures how fast flashsim rehearses and sweeps, and where the time goes.
 
-#include "ChipFile.h"
-#include "HeldSignals.h"
-#include "SimRun.h"
-#include "SimText.h"
-#include "Sweep.h"
-#include "TempFolder.h"
-#include "TestStand.h"
-#include "UsedChip.h"
-#include "Verdict.h"
-#include "Workers.h"
+#include "base/HeldSignals.h"
+#include "base/TempFolder.h"
+#include "base/Workers.h"
+#include "chip/ChipFile.h"
+#include "mtd/DeviceText.h"
+#include "sandbox/UpdateRun.h"
+#include "sweep/Rig.h"
+#include "sweep/Sweep.h"
+#include "verdict/UsedChip.h"
+#include "verdict/Verdict.h"
 
 #include <chrono>
 #include <cstdio>
@@ -83,7 +83,7 @@ void MeasureRehearsal(const TempFolder &folder, const HeldSignals &signals) {
     ChipFile::Create(path, geometry, Ecc::Host, {});
     const double make = watch.Lap();
     SimState::Create(folder.File("state"), settings.sim);
-    UpdateDevice device(settings, path, folder.File("state"));
+    Sandbox device(settings, path, folder.File("state"));
     device.Run({"/bin/true"}, false, signals);
     const double build = watch.Lap();
     const RunOutcome outcome = device.Run(UpdaterCommand(settings), true, signals);
@@ -109,15 +109,15 @@ void MeasureRehearsal(const TempFolder &folder, const HeldSignals &signals) {
     Tell("(copying the image once)", copy);
 }
 
-void MeasureRuns(TestStand &stand, const char *what, int runs) {
+void MeasureRuns(Rig &rig, const char *what, int runs) {
     double lay = 0;
     double run = 0;
-    stand.Run(); // builds the device, where one serves all
+    rig.Run(); // builds the device, where one serves all
     for (int i = 0; i < runs; ++i) {
         Watch watch;
-        stand.LayStart();
+        rig.LayStart();
         lay += watch.Lap();
-        stand.Run();
+        rig.Run();
         run += watch.Lap();
     }
     printf("a run of %zu MiB on a chip of %s, %s: %.0f a second\n", kSmallImage / kMebibyte, kSmallChip, what,
@@ -135,11 +135,11 @@ void MeasureSweeps(const TempFolder &folder, const HeldSignals &signals) {
     {
         ChipFile start(path);
         UseUp(start.Chip(), settings.sim.devices, ReadUpdateLines(kSmallScript));
-        ChipFile::Copy(path, folder.File("stand"));
-        TestStand stand(settings, start, folder.File("stand"), signals);
-        MeasureRuns(stand, "a device each", kRuns / 10);
-        stand.Adopt({true, UpdaterCommand(settings)});
-        MeasureRuns(stand, "one device for all", kRuns);
+        ChipFile::Copy(path, folder.File("rig"));
+        Rig rig(settings, start, folder.File("rig"), signals);
+        MeasureRuns(rig, "a device each", kRuns / 10);
+        rig.Adopt({true, UpdaterCommand(settings)});
+        MeasureRuns(rig, "one device for all", kRuns);
     }
     const Sweeper sweeper(settings, path, signals);
     for (const unsigned workers : {1U, CoreCount()}) {

@@ -1,0 +1,156 @@
+#include "mtd/DeviceText.h"
+
+#include "base/Text.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <limits>
+#include <sstream>
+#include <stdexcept>
+
+namespace {
+
+[[noreturn]] void Refuse(const std::string &text, const std::string &wanted) {
+    throw std::invalid_argument("'" + text + "' is not " + wanted);
+}
+
+/// Reads the digits of a whole number; `rest` gets what follows them.
+bool ReadNumber(const std::string &text, std::uint64_t &number, std::string &rest) {
+    if (text.empty() || isdigit(static_cast<unsigned char>(text[0])) == 0)
+        return false;
+    char *end = nullptr;
+    const bool isHex = text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0;
+    errno = 0;
+    number = strtoull(text.c_str(), &end, isHex ? 16 : 10);
+    rest = end;
+    return errno == 0;
+}
+
+std::uint32_t ReadSmall(const std::string &text, const std::string &whole, const char *wanted) {
+    std::uint64_t number = 0;
+    std::string rest;
+    if (!ReadNumber(text, number, rest) || !rest.empty() || number > std::numeric_limits<std::int32_t>::max())
+        Refuse(whole, wanted);
+    return static_cast<std::uint32_t>(number);
+}
+
+std::uint32_t SmallSize(const std::string &text) {
+    const std::uint64_t size = ParseSize(text);
+    if (size > std::numeric_limits<std::uint32_t>::max())
+        Refuse(text, "a size below 4G");
+    return static_cast<std::uint32_t>(size);
+}
+
+} // namespace
+
+std::uint64_t ParseSize(const std::string &text) {
+    const struct {
+        const char *unit;
+        int shift;
+    } units[] = {{"", 0}, {"K", 10}, {"M", 20}, {"G", 30}};
+    std::uint64_t number = 0;
+    std::string rest;
+    if (ReadNumber(text, number, rest)) {
+        for (const auto &unit : units) {
+            if (rest == unit.unit && number <= std::numeric_limits<std::uint64_t>::max() >> unit.shift)
+                return number << unit.shift;
+        }
+    }
+    Refuse(text, "a size such as 128K, 64M or 2048");
+}
+
+NandGeometry ParseGeometry(const std::string &text) {
+    const std::vector<std::string> sizes = SplitList(text);
+    if (sizes.size() != 4)
+        Refuse(text, "a chip's SIZE,ERASE,PAGE,OOB");
+    return {ParseSize(sizes[0]), SmallSize(sizes[1]), SmallSize(sizes[2]), SmallSize(sizes[3])};
+}
+
+Ecc ParseEcc(const std::string &text) {
+    if (text == "host")
+        return Ecc::Host;
+    if (text == "chip")
+        return Ecc::Chip;
+    Refuse(text, "an ECC: host or chip");
+}
+
+std::vector<std::uint32_t> ParseBlocks(const std::string &text) {
+    constexpr const char *kWanted = "a list of blocks such as 7,64-66";
+    std::vector<std::uint32_t> blocks;
+    for (const std::string &item : SplitList(text)) {
+        const size_t dash = item.find('-');
+        const std::uint32_t first = ReadSmall(item.substr(0, dash), text, kWanted);
+        const std::uint32_t last = dash == std::string::npos ? first : ReadSmall(item.substr(dash + 1), text, kWanted);
+        // Checked before the list is made: a slip of the keyboard must not fill the memory.
+        if (last < first || last - first > 1U << 20)
+            Refuse(text, kWanted);
+        for (std::uint32_t block = first; block <= last; ++block)
+            blocks.push_back(block);
+    }
+    return blocks;
+}
+
+SimDevice ParseDevice(const std::string &text, const NandGeometry &geometry) {
+    constexpr const char *kWanted = "a device N:NAME or N:NAME:OFFSET,SIZE of whole blocks on the chip";
+    const size_t nameAt = text.find(':');
+    if (nameAt == std::string::npos)
+        Refuse(text, kWanted);
+    const size_t placeAt = text.find(':', nameAt + 1);
+    SimDevice device = {static_cast<int>(ReadSmall(text.substr(0, nameAt), text, kWanted)),
+                        text.substr(nameAt + 1, placeAt - nameAt - 1), 0, geometry.size};
+    if (placeAt != std::string::npos) {
+        const std::vector<std::string> place = SplitList(text.substr(placeAt + 1));
+        if (place.size() != 2)
+            Refuse(text, kWanted);
+        device.offset = ParseSize(place[0]);
+        device.size = ParseSize(place[1]);
+    }
+    // Programs look for the node of a number of up to six digits.
+    constexpr int kNumberEnd = 1000000;
+    const bool isOnChip = device.offset <= geometry.size && device.size <= geometry.size - device.offset;
+    const bool isWhole = device.offset % geometry.eraseSize == 0 && device.size % geometry.eraseSize == 0;
+    if (!isOnChip || !isWhole || device.size == 0 || device.name.empty() || device.number >= kNumberEnd)
+        Refuse(text, kWanted);
+    return device;
+}
+
+std::vector<SimDevice> DefaultDevices(const NandGeometry &geometry) {
+    // A sixteenth for the boot loader, a quarter for kernels, the rest for programs, as such devices have it.
+    const std::uint64_t erase = geometry.eraseSize;
+    const std::uint64_t boot = (geometry.Blocks() + 15) / 16 * erase;
+    const std::uint64_t kernel = geometry.Blocks() / 4 * erase;
+    std::vector<SimDevice> devices = {{0, "boot", 0, boot},
+                                      {1, "kernel", boot, kernel},
+                                      {9, "opt", boot + kernel, geometry.size - boot - kernel},
+                                      {12, "all", 0, geometry.size}};
+    // A chip of a few blocks has no room for all of them.
+    devices.erase(std::remove_if(devices.begin(), devices.end(), [](const SimDevice &it) { return it.size == 0; }),
+                  devices.end());
+    return devices;
+}
+
+SimFault ReadFault(const std::string &text) {
+    SimFault fault = {};
+    if (!ParseFault(text, fault))
+        Refuse(text, "a fault KIND[:N]=ERRNO such as MEMWRITE:3=EIO");
+    return fault;
+}
+
+std::string BlocksText(const std::vector<std::uint32_t> &ascending) {
+    std::string text;
+    for (size_t first = 0, last = 0; first < ascending.size(); first = ++last) {
+        while (last + 1 < ascending.size() && ascending[last + 1] == ascending[last] + 1)
+            ++last;
+        text += (text.empty() ? "" : ",") + std::to_string(ascending[first]);
+        if (last > first)
+            text += "-" + std::to_string(ascending[last]);
+    }
+    return text;
+}
+
+std::string FaultText(const SimFault &fault) {
+    return std::string(RequestName(fault.kind)) + (fault.nth == 0 ? "" : ":" + std::to_string(fault.nth)) + "=" +
+           ErrnoName(fault.error);
+}

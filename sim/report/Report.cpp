@@ -1,0 +1,147 @@
+#include "report/Report.h"
+
+#include <algorithm>
+#include <cctype>
+#include <nlohmann/json.hpp>
+#include <sys/wait.h>
+
+using nlohmann::ordered_json;
+
+namespace {
+
+constexpr int kFormat = 1;
+
+const char *ResultName(LineResult result) {
+    constexpr const char *kNames[] = {"clean", "skipped", "failed", "never-ran"};
+    return kNames[static_cast<std::size_t>(result)];
+}
+
+const char *SeverityName(Severity severity) {
+    constexpr const char *kNames[] = {"note", "warning", "error"};
+    return kNames[static_cast<std::size_t>(severity)];
+}
+
+ordered_json DescribeChip(const NandChip &chip) {
+    const NandGeometry &geometry = chip.Geometry();
+    ordered_json bad = ordered_json::array();
+    for (std::uint32_t block = 0; block < geometry.Blocks(); ++block) {
+        if (chip.IsBad(block))
+            bad.push_back(block);
+    }
+    return {{"size", geometry.size},
+            {"eraseSize", geometry.eraseSize},
+            {"pageSize", geometry.pageSize},
+            {"oobSize", geometry.oobSize},
+            {"ecc", chip.EccMode() == Ecc::Host ? "host" : "chip"},
+            {"badBlocks", bad}};
+}
+
+ordered_json DescribeRun(const Rehearsal &rehearsal) {
+    ordered_json run = {{"exitStatus", nullptr}, {"signal", nullptr}, {"powerCut", nullptr}};
+    if (WIFSIGNALED(rehearsal.status))
+        run["signal"] = WTERMSIG(rehearsal.status);
+    else
+        run["exitStatus"] = WEXITSTATUS(rehearsal.status);
+    if (!rehearsal.cutPlace.empty())
+        run["powerCut"] = rehearsal.cutPlace;
+    return run;
+}
+
+ordered_json DescribeLine(const LineVerdict &verdict) {
+    ordered_json line = {
+        {"number", verdict.line.number}, {"text", verdict.line.text}, {"result", ResultName(verdict.result)}};
+    if (!verdict.line.WritesImage())
+        return line;
+    line["room"] = nullptr;
+    if (const auto spare = verdict.SpareBlocks())
+        line["room"] = {{"rangeBlocks", *verdict.rangeBlocks},
+                        {"imageBlocks", *verdict.imageBlocks},
+                        {"badBlocks", verdict.badBlocks},
+                        {"spareBlocks", *spare}};
+    return line;
+}
+
+ordered_json DescribeFinding(const Finding &finding) {
+    ordered_json described = {
+        {"line", nullptr},      {"text", finding.text},       {"severity", SeverityName(finding.severity)},
+        {"kind", finding.kind}, {"happens", finding.happens}, {"change", finding.change}};
+    if (finding.line != 0)
+        described["line"] = finding.line;
+    return described;
+}
+
+/// A script's line for a terminal, which takes no orders from it.
+std::string Shown(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(),
+        [](char character) { return std::iscntrl(static_cast<unsigned char>(character)) != 0; }, ' ');
+    return text;
+}
+
+std::string Counted(std::ptrdiff_t number, const char *noun) {
+    return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
+}
+
+} // namespace
+
+ordered_json MakeReport(const Rehearsal &rehearsal, const Verdict &verdict, const NandChip &chip,
+                        const SimState &state) {
+    ordered_json report = {{"format", kFormat},
+                           {"verdict", verdict.IsClean() ? "clean" : "findings"},
+                           {"chip", DescribeChip(chip)},
+                           {"devices", ordered_json::array()},
+                           {"run", DescribeRun(rehearsal)},
+                           {"requests", ordered_json::object()},
+                           {"changes", state.Changes()},
+                           {"percentages", verdict.percentages},
+                           {"lines", ordered_json::array()},
+                           {"findings", ordered_json::array()},
+                           {"sweeps", ordered_json::array()}};
+    for (const SimDevice &device : rehearsal.devices)
+        report["devices"].push_back(
+            {{"number", device.number}, {"name", device.name}, {"offset", device.offset}, {"size", device.size}});
+    for (std::uint32_t kind = 0; kind < kRequestKinds; ++kind) {
+        const auto request = static_cast<RequestKind>(kind);
+        report["requests"][RequestName(request)] = state.Requests(request);
+    }
+    for (const LineVerdict &line : verdict.lines)
+        report["lines"].push_back(DescribeLine(line));
+    for (const Finding &finding : verdict.findings)
+        report["findings"].push_back(DescribeFinding(finding));
+    return report;
+}
+
+std::string VerdictText(const Verdict &verdict, const std::string &scriptName) {
+    std::string text;
+    for (const LineVerdict &line : verdict.lines) {
+        const auto spare = line.SpareBlocks();
+        if (!spare || *spare < 0)
+            continue;
+        text += scriptName + ":" + std::to_string(line.line.number) + ": room: " + line.line.image + " fills " +
+                std::to_string(*line.imageBlocks) + " of " + Counted(*line.rangeBlocks, "block") + " and bears " +
+                Counted(*spare, "bad one") +
+                (line.badBlocks == 0 ? "" : ", " + std::to_string(line.badBlocks) + " of them here") + "\n";
+    }
+    for (const Finding &finding : verdict.findings) {
+        const std::string about = finding.text.empty() ? "" : finding.text + ": ";
+        text += scriptName + (finding.line == 0 ? "" : ":" + std::to_string(finding.line)) + ": " +
+                SeverityName(finding.severity) + ": " +
+                Shown(about + finding.happens + "; " + finding.change + " [" + finding.kind + "]") + "\n";
+    }
+    return text + VerdictLine(verdict) + "\n";
+}
+
+std::string VerdictLine(const Verdict &verdict) {
+    std::ptrdiff_t counts[3] = {};
+    for (const Finding &finding : verdict.findings)
+        ++counts[static_cast<std::size_t>(finding.severity)];
+    const auto ran = std::count_if(verdict.lines.begin(), verdict.lines.end(),
+                                   [](const LineVerdict &line) { return line.result == LineResult::Clean; });
+    std::string text = std::string("verdict: ") + (verdict.IsClean() ? "clean" : "NOT clean") + ": ";
+    for (const Severity severity : {Severity::Error, Severity::Warning, Severity::Note}) {
+        if (const std::ptrdiff_t count = counts[static_cast<std::size_t>(severity)])
+            text += Counted(count, SeverityName(severity)) + ", ";
+    }
+    return text + std::to_string(ran) + " of " + Counted(static_cast<std::ptrdiff_t>(verdict.lines.size()), "line") +
+           " carried out";
+}

@@ -1,0 +1,40 @@
+#include "sweep/Rig.h"
+
+namespace {
+
+std::string MakeState(const std::string &path, const SimSettings &settings) {
+    SimState::Create(path, settings);
+    return path;
+}
+
+} // namespace
+
+Rig::Rig(const RunSettings &settings, const ChipFile &start, const std::string &path, const HeldSignals &signals)
+    : m_settings(settings), m_start(start.Chip()), m_signals(signals), m_sPath(path), m_chip(path),
+      m_state(MakeState(path + ".state", settings.sim)) {}
+
+void Rig::LayStart(const std::vector<std::uint32_t> &badBlocks) {
+    NandChip &chip = Chip();
+    for (std::uint32_t block = 0; block < chip.Geometry().Blocks(); ++block) {
+        if (chip.IsTouched(block) || chip.IsBad(block) != m_start.IsBad(block))
+            chip.CopyBlock(m_start, block);
+    }
+    for (const std::uint32_t block : badBlocks)
+        chip.MarkBad(block);
+}
+
+RunOutcome Rig::Run(std::uint64_t cutAtChange, const std::vector<SimFault> &faults) {
+    SimSettings run = m_settings.sim;
+    run.cutAtChange = cutAtChange;
+    run.faults.insert(run.faults.end(), faults.begin(), faults.end());
+    m_state.Restart(run);
+    const bool isNew = !m_device;
+    if (isNew)
+        m_device = std::make_unique<Sandbox>(m_settings, m_sPath, m_sPath + ".state");
+    RunOutcome outcome =
+        m_device->Run(isNew ? UpdaterCommand(m_settings) : m_habit.command, isNew, m_signals, m_habit.milliseconds);
+    const bool hasEnded = outcome.isInterrupted || outcome.isOverdue;
+    if (!m_habit.sharesDevice || outcome.leavesProcesses || hasEnded)
+        m_device.reset();
+    return outcome;
+}

@@ -1,0 +1,257 @@
+#include "sweep/SweepJudge.h"
+
+#include "UEnvTool.h"
+#include "base/Text.h"
+#include "verdict/Failures.h"
+#include "verdict/ScriptChecks.h"
+
+#include <algorithm>
+#include <csignal>
+#include <sys/wait.h>
+
+namespace {
+
+constexpr std::size_t kMostNames = 12;
+constexpr std::size_t kMostOfName = 32;
+
+bool Holds(const UEnvTool &environment, const std::string &entry) {
+    const auto &entries = environment.m_vEntry;
+    return std::find(entries.begin(), entries.end(), entry) != entries.end();
+}
+
+/// @return an entry's name, as far as people can read it.
+std::string NameOf(const std::string &entry) {
+    std::string name = entry.substr(0, std::min(entry.find('='), kMostOfName));
+    std::replace_if(
+        name.begin(), name.end(), [](char character) { return character <= ' ' || character > '~'; }, '?');
+    return name;
+}
+
+/// What became of an environment whose bytes aren't as they should be.
+std::string EnvironmentLoss(const std::vector<char> &wanted, const std::vector<char> &found) {
+    const UEnvTool whole(wanted.data(), static_cast<int>(wanted.size()));
+    const UEnvTool rest(found.data(), static_cast<int>(found.size()));
+    std::string names;
+    std::size_t lost = 0;
+    for (const std::string &entry : whole.m_vEntry) {
+        if (!Holds(rest, entry) && ++lost <= kMostNames)
+            names += (names.empty() ? "" : ", ") + NameOf(entry);
+    }
+    std::string loss = lost == 0 ? "brings back all variables" : "doesn't bring back " + names;
+    if (lost > kMostNames)
+        loss += " and " + std::to_string(lost - kMostNames) + " more";
+    std::size_t strange = 0;
+    for (const std::string &entry : rest.m_vEntry)
+        strange += Holds(whole, entry) ? 0 : entry.size();
+    if (strange > 0)
+        loss += ", and leaves " + Count(static_cast<std::int64_t>(strange), "byte") + " that are no such variable";
+    return loss;
+}
+
+std::string Trouble(const LineStory &story) {
+    switch (story.result) {
+    case LineResult::NeverRan:
+        return "it never ran";
+    case LineResult::Skipped:
+        return "it was passed over: " + story.complaint;
+    case LineResult::Clean:
+        return "it is carried out, and isn't on a chip like the start";
+    default:
+        break;
+    }
+    if (story.complaint.empty())
+        return "it ended without a word";
+    const bool isMarked = story.complaint.compare(0, std::string(kErrorMark).size(), kErrorMark) == 0;
+    return isMarked ? story.complaint.substr(std::string(kErrorMark).size()) : story.complaint;
+}
+
+} // namespace
+
+std::optional<FlashRange> ReferenceRun::DoneRange(std::size_t line) const {
+    const WholeFlash flash(chip, devices);
+    const std::optional<FlashRange> range = flash.RangeOf(lines[line]);
+    const bool isDone = range && flash.IsOnFlash(*range) && story.lines[line].result == LineResult::Clean;
+    return isDone ? range : std::nullopt;
+}
+
+SweepJudge::SweepJudge(const ReferenceRun &reference)
+    : m_reference(reference), m_flash(reference.chip, reference.devices),
+      m_mayChange(reference.chip.Geometry().Blocks(), false) {
+    bool startsPrograms = false;
+    for (const UpdateLine &line : reference.lines) {
+        startsPrograms = startsPrograms || line.kind == LineKind::HandEnv || line.kind == LineKind::Ubiformat;
+        const std::optional<FlashRange> range = m_flash.RangeOf(line);
+        for (const std::uint32_t block : range ? m_flash.Blocks(*range) : std::vector<std::uint32_t>())
+            m_mayChange[block] = true;
+    }
+    // Only the device's own tools know where they keep what they are given.
+    for (std::uint32_t block = 0; startsPrograms && block < m_mayChange.size(); ++block)
+        m_mayChange[block] = m_mayChange[block] || reference.chip.IsTouched(block);
+}
+
+std::optional<SweepComplaint> SweepJudge::JudgeBad(const NandChip &chip, const RunOutcome &run) const {
+    for (const auto &complaint : {JudgeEnd(run), JudgeOutside(chip), JudgeLines(run)}) {
+        if (complaint)
+            return complaint;
+    }
+    for (std::size_t i = 0; i < m_reference.lines.size(); ++i) {
+        auto complaint = JudgeOrder(chip, i);
+        if (complaint)
+            return complaint;
+    }
+    return std::nullopt;
+}
+
+std::optional<SweepComplaint> SweepJudge::JudgeFault(const NandChip &chip, const RunOutcome &run) const {
+    for (const auto &complaint : {JudgeEnd(run), JudgeOutside(chip)}) {
+        if (complaint)
+            return complaint;
+    }
+    if (run.status != m_reference.outcome.status || IsTold(run))
+        return std::nullopt;
+    const auto block = FirstDifference(chip);
+    if (!block)
+        return std::nullopt;
+    return SweepComplaint{LineOf(*block), "no failure is told, and flash isn't what it is without the fault"};
+}
+
+/// @return whether a line went another way than in the reference, or for another reason.
+bool SweepJudge::IsTold(const RunOutcome &run) const {
+    const RunStory story = Follow(run, false);
+    for (std::size_t i = 0; i < story.lines.size(); ++i) {
+        const LineStory &before = m_reference.story.lines[i];
+        const LineStory &now = story.lines[i];
+        if (now.result != before.result || now.complaint != before.complaint || now.exits != before.exits)
+            return true;
+    }
+    return false;
+}
+
+std::optional<SweepComplaint> SweepJudge::JudgeCut(const NandChip &chip, const RunOutcome &cut,
+                                                   const RunOutcome &again) const {
+    if (cut.isOverdue)
+        return JudgeEnd(cut);
+    for (const auto &complaint : {JudgeEnd(again), JudgeOutside(chip), JudgeLines(again)}) {
+        if (complaint)
+            return complaint;
+    }
+    const auto block = FirstDifference(chip);
+    if (!block)
+        return std::nullopt;
+    return SweepComplaint{LineInProgress(cut), LossIn(chip, *block)};
+}
+
+std::size_t SweepJudge::FindUnsealed(const NandChip &chip, const RunOutcome &cut) const {
+    const WholeFlash flash(chip, m_reference.devices);
+    for (std::size_t i = 0; i < m_reference.lines.size(); ++i) {
+        const std::optional<FlashRange> range = m_reference.DoneRange(i);
+        if (m_reference.lines[i].kind != LineKind::SetEnv || !range)
+            continue;
+        const std::vector<std::uint32_t> blocks = m_flash.Blocks(*range);
+        const bool isTouched =
+            std::any_of(blocks.begin(), blocks.end(), [&](std::uint32_t block) { return chip.IsTouched(block); });
+        if (isTouched && HasValidSeal(m_flash.Read(*range)) && !HasValidSeal(flash.Read(*range)))
+            return LineInProgress(cut);
+    }
+    return 0;
+}
+
+/// @return the number of the first line that isn't as in an uncut run; 0 for none.
+std::size_t SweepJudge::LineInProgress(const RunOutcome &cut) const {
+    const RunStory story = Follow(cut, true);
+    for (std::size_t i = 0; i < story.lines.size(); ++i) {
+        if (story.lines[i].result != m_reference.story.lines[i].result)
+            return m_reference.lines[i].number;
+    }
+    return 0;
+}
+
+RunStory SweepJudge::Follow(const RunOutcome &run, bool wasCut) const {
+    // What the updater had not yet flushed of its output is lost in a cut; every run prints the same there.
+    return FollowRun(m_reference.lines, wasCut ? m_reference.outcome.out : run.out, run.err, wasCut);
+}
+
+std::optional<SweepComplaint> SweepJudge::JudgeEnd(const RunOutcome &run) const {
+    if (run.isOverdue)
+        return SweepComplaint{0, "the updater came to no end and was ended"};
+    if (WIFSIGNALED(run.status))
+        return SweepComplaint{0, "the updater was ended by signal " + std::to_string(WTERMSIG(run.status))};
+    return std::nullopt;
+}
+
+std::optional<SweepComplaint> SweepJudge::JudgeOutside(const NandChip &chip) const {
+    for (std::uint32_t block = 0; block < m_mayChange.size(); ++block) {
+        if (chip.IsTouched(block) && !m_mayChange[block])
+            return SweepComplaint{0, "block " + std::to_string(block) + " at " +
+                                         Hex(m_flash.FromChip(std::uint64_t{block} * chip.Geometry().eraseSize)) +
+                                         ", outside the ranges of the script, was changed"};
+    }
+    return std::nullopt;
+}
+
+std::optional<SweepComplaint> SweepJudge::JudgeLines(const RunOutcome &run) const {
+    const RunStory story = Follow(run, false);
+    for (std::size_t i = 0; i < story.lines.size(); ++i) {
+        const LineStory &line = story.lines[i];
+        if (line.result != m_reference.story.lines[i].result || line.exits != m_reference.story.lines[i].exits)
+            return SweepComplaint{m_reference.lines[i].number, Trouble(line)};
+    }
+    return std::nullopt;
+}
+
+/// Whether what a line wrote lies in the good blocks of its range in the order of the reference.
+std::optional<SweepComplaint> SweepJudge::JudgeOrder(const NandChip &chip, std::size_t line) const {
+    const UpdateLine &what = m_reference.lines[line];
+    const std::optional<FlashRange> range = m_reference.DoneRange(line);
+    if (!range || (!what.WritesImage() && what.kind != LineKind::SetEnv))
+        return std::nullopt;
+    const std::vector<std::uint32_t> wanted = m_flash.GoodBlocks(*range);
+    const std::vector<std::uint32_t> found = WholeFlash(chip, m_reference.devices).GoodBlocks(*range);
+    for (std::size_t i = 0; i < wanted.size(); ++i) {
+        if (i >= found.size() ? m_reference.chip.IsBlank(wanted[i])
+                              : chip.HasCellsOf(m_reference.chip, wanted[i], found[i]))
+            continue;
+        if (what.WritesImage())
+            return SweepComplaint{what.number, "its image doesn't lie whole in the good blocks of its range"};
+        return SweepComplaint{what.number, "its range holds a bad block: the environment isn't written whole"};
+    }
+    return std::nullopt;
+}
+
+/// @return what is wrong with a block that isn't as after an uncut run.
+std::string SweepJudge::LossIn(const NandChip &chip, std::uint32_t block) const {
+    const WholeFlash flash(chip, m_reference.devices);
+    const std::int64_t offset = m_flash.FromChip(std::uint64_t{block} * chip.Geometry().eraseSize);
+    for (std::size_t i = 0; i < m_reference.lines.size(); ++i) {
+        const std::optional<FlashRange> range = m_reference.DoneRange(i);
+        if (m_reference.lines[i].kind != LineKind::SetEnv || !range || !range->Holds(offset))
+            continue;
+        return "power that goes while the environment at " + Hex(range->begin) +
+               " is rewritten takes it away; the second run starts from what is left: it " +
+               EnvironmentLoss(m_flash.Read(*range), flash.Read(*range));
+    }
+    const std::size_t line = LineOf(block);
+    return (line == 0 ? "flash outside all ranges" : "the range of line " + std::to_string(line)) +
+           " isn't what it is after an uncut run";
+}
+
+/// @return the number of the last line whose range holds a block; 0 for none.
+std::size_t SweepJudge::LineOf(std::uint32_t block) const {
+    const std::int64_t offset = m_flash.FromChip(std::uint64_t{block} * m_reference.chip.Geometry().eraseSize);
+    for (std::size_t i = m_reference.lines.size(); i-- > 0;) {
+        const std::optional<FlashRange> range = m_flash.RangeOf(m_reference.lines[i]);
+        if (range && range->Holds(offset))
+            return m_reference.lines[i].number;
+    }
+    return 0;
+}
+
+/// @return the first block that isn't as the reference left it; neither of the two was changed elsewhere.
+std::optional<std::uint32_t> SweepJudge::FirstDifference(const NandChip &chip) const {
+    for (std::uint32_t block = 0; block < chip.Geometry().Blocks(); ++block) {
+        const bool isTouched = chip.IsTouched(block) || m_reference.chip.IsTouched(block);
+        if (isTouched && !chip.HasCellsOf(m_reference.chip, block, block))
+            return block;
+    }
+    return std::nullopt;
+}
