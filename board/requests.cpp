@@ -3,10 +3,9 @@
 //
 // The last argument is the device: an erased chip of 128 KiB blocks and 2 KiB pages with 64 bytes OOB, whose block 5
 // is bad.
-#include <cerrno>
+#include "Requests.h"
+
 #include <cinttypes>
-#include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -14,7 +13,6 @@
 #include <string>
 #include <sys/ioctl.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -28,36 +26,6 @@ constexpr std::uint64_t kNegative = ~std::uint64_t{0} - kPage + 1;
 const char *path; ///< of the device
 int device = -1;
 void *volatile nowhere = nullptr; ///< a null pointer that the compiler does not know for one
-
-using Bytes = std::vector<unsigned char>;
-
-/// Bytes without a pattern that depend on the seed alone.
-Bytes Noise(std::uint64_t length, std::uint32_t seed) {
-    Bytes bytes(static_cast<std::size_t>(length));
-    for (unsigned char &byte : bytes) {
-        seed = seed * 1664525 + 1013904223;
-        byte = static_cast<unsigned char>(seed >> 24);
-    }
-    return bytes;
-}
-
-/// FNV-1a: tells which bytes came.
-std::uint32_t Sum(const Bytes &bytes, std::size_t length) {
-    std::uint32_t sum = 2166136261;
-    for (std::size_t i = 0; i < length; ++i)
-        sum = (sum ^ bytes[i]) * 16777619;
-    return sum;
-}
-
-std::uint64_t Address(Bytes &bytes) { return reinterpret_cast<std::uintptr_t>(bytes.data()); }
-
-/// Ends the line of a request that returned `result`.
-void Tell(long long result) {
-    if (result < 0)
-        std::printf(" = %lld errno %d\n", result, errno);
-    else
-        std::printf(" = %lld\n", result);
-}
 
 void PrintFile(const std::string &name) {
     std::ifstream file(name);
@@ -74,7 +42,7 @@ void Open(int flags, const char *name) {
 
 void Seek(std::int64_t offset, int whence) {
     std::printf("lseek %" PRId64 " whence %d", offset, whence);
-    Tell(lseek(device, static_cast<off_t>(offset), whence));
+    PrintResult(lseek(device, static_cast<off_t>(offset), whence));
 }
 
 /// Without a seek in front: goes on where the last one ended.
@@ -82,9 +50,9 @@ void ReadOn(std::uint64_t length) {
     Bytes bytes(static_cast<std::size_t>(length), 0xA5);
     std::printf("read %" PRIu64, length);
     const ssize_t count = read(device, bytes.data(), bytes.size());
-    Tell(count);
+    PrintResult(count);
     if (count > 0)
-        std::printf("    data %08x\n", Sum(bytes, static_cast<std::size_t>(count)));
+        std::printf("    data %08x\n", Digest(bytes.data(), static_cast<std::size_t>(count)));
 }
 
 void Read(std::uint64_t offset, std::uint64_t length) {
@@ -95,7 +63,7 @@ void Read(std::uint64_t offset, std::uint64_t length) {
 void WriteOn(std::uint64_t length, std::uint32_t seed) {
     const Bytes bytes = Noise(length, seed);
     std::printf("write %" PRIu64, length);
-    Tell(write(device, bytes.data(), bytes.size()));
+    PrintResult(write(device, bytes.data(), bytes.size()));
 }
 
 void Write(std::uint64_t offset, std::uint64_t length, std::uint32_t seed) {
@@ -106,19 +74,19 @@ void Write(std::uint64_t offset, std::uint64_t length, std::uint32_t seed) {
 void IsBad(std::uint64_t offset) {
     auto place = static_cast<std::int64_t>(offset);
     std::printf("MEMGETBADBLOCK %#" PRIx64, offset);
-    Tell(ioctl(device, MEMGETBADBLOCK, &place));
+    PrintResult(ioctl(device, MEMGETBADBLOCK, &place));
 }
 
 void Erase(std::uint64_t start, std::uint64_t length) {
     erase_info_user64 range = {start, length};
     std::printf("MEMERASE64 %#" PRIx64 " + %#" PRIx64, start, length);
-    Tell(ioctl(device, MEMERASE64, &range));
+    PrintResult(ioctl(device, MEMERASE64, &range));
 }
 
 void EraseOld(std::uint32_t start, std::uint32_t length) {
     erase_info_user range = {start, length};
     std::printf("MEMERASE %#" PRIx32 " + %#" PRIx32, start, length);
-    Tell(ioctl(device, MEMERASE, &range));
+    PrintResult(ioctl(device, MEMERASE, &range));
 }
 
 enum Pointers { kBoth, kDataOnly, kOobOnly, kNeither };
@@ -135,14 +103,14 @@ void WritePages(std::uint64_t start, std::uint64_t length, std::uint64_t oobLeng
     request.mode = static_cast<__u8>(mode);
     std::printf("MEMWRITE %#" PRIx64 " + %" PRIu64 ", oob %" PRIu64 ", pointers %d, mode %d", start, length, oobLength,
                 pointers, mode);
-    Tell(ioctl(device, MEMWRITE, &request));
+    PrintResult(ioctl(device, MEMWRITE, &request));
 }
 
 void WriteOob(std::uint64_t start, std::uint32_t length, bool null = false) {
     Bytes oob = Noise(length, static_cast<std::uint32_t>(start + length));
     mtd_oob_buf64 request = {start, 0, length, null ? 0 : Address(oob)};
     std::printf("MEMWRITEOOB64 %#" PRIx64 " + %" PRIu32 "%s", start, length, null ? " null" : "");
-    Tell(ioctl(device, MEMWRITEOOB64, &request));
+    PrintResult(ioctl(device, MEMWRITEOOB64, &request));
 }
 
 void ReadOob(std::uint64_t start, std::uint32_t length, bool null = false) {
@@ -150,9 +118,9 @@ void ReadOob(std::uint64_t start, std::uint32_t length, bool null = false) {
     mtd_oob_buf64 request = {start, 0, length, null ? 0 : Address(oob)};
     std::printf("MEMREADOOB64 %#" PRIx64 " + %" PRIu32 "%s", start, length, null ? " null" : "");
     const int result = ioctl(device, MEMREADOOB64, &request);
-    Tell(result);
+    PrintResult(result);
     if (result == 0 && length != 0)
-        std::printf("    oob %08x\n", Sum(oob, length));
+        std::printf("    oob %08x\n", Digest(oob.data(), length));
 }
 
 /// What a page holds now, as a normal reader sees it and in its spare bytes.
@@ -193,7 +161,7 @@ void Reads(std::uint64_t size) {
     ReadOn(1);
     Read(kBad, kPage);
     std::printf("read null");
-    Tell(read(device, nowhere, 16));
+    PrintResult(read(device, nowhere, 16));
 }
 
 void BadBlocks(std::uint64_t size) {
@@ -201,7 +169,7 @@ void BadBlocks(std::uint64_t size) {
                                        size + kBlock, kNegative, std::uint64_t{1} << 40})
         IsBad(offset);
     std::printf("MEMGETBADBLOCK null");
-    Tell(ioctl(device, MEMGETBADBLOCK, nullptr));
+    PrintResult(ioctl(device, MEMGETBADBLOCK, nullptr));
 }
 
 void NormalWrites(std::uint64_t size) {
@@ -229,7 +197,7 @@ void NormalWrites(std::uint64_t size) {
     Write(kBad, kPage, 12);
     Look(kBad);
     std::printf("write null");
-    Tell(write(device, nowhere, kPage));
+    PrintResult(write(device, nowhere, kPage));
 }
 
 void Erases(std::uint64_t size) {
@@ -260,9 +228,9 @@ void Erases(std::uint64_t size) {
     Erase(kBad, kBlock);
     EraseOld(kBad, kBlock);
     std::printf("MEMERASE64 null");
-    Tell(ioctl(device, MEMERASE64, nullptr));
+    PrintResult(ioctl(device, MEMERASE64, nullptr));
     std::printf("MEMERASE null");
-    Tell(ioctl(device, MEMERASE, nullptr));
+    PrintResult(ioctl(device, MEMERASE, nullptr));
 }
 
 void PageWrites(std::uint64_t size) {
@@ -316,7 +284,7 @@ void PageWrites(std::uint64_t size) {
     Look(kBad);
     IsBad(kBad);
     std::printf("MEMWRITE null");
-    Tell(ioctl(device, MEMWRITE, nullptr));
+    PrintResult(ioctl(device, MEMWRITE, nullptr));
 }
 
 void OobRequests(std::uint64_t size) {
@@ -351,11 +319,11 @@ void OobRequests(std::uint64_t size) {
     WriteOob(kBad + kPage, kOob);
     ReadOob(kBad + kPage, kOob);
     std::printf("MEMREADOOB64 null");
-    Tell(ioctl(device, MEMREADOOB64, nullptr));
+    PrintResult(ioctl(device, MEMREADOOB64, nullptr));
     std::printf("MEMWRITEOOB64 null");
-    Tell(ioctl(device, MEMWRITEOOB64, nullptr));
+    PrintResult(ioctl(device, MEMWRITEOOB64, nullptr));
     std::printf("no request of the kernel's");
-    Tell(ioctl(device, _IO('M', 99), nullptr));
+    PrintResult(ioctl(device, _IO('M', 99), nullptr));
 }
 
 /// A descriptor without the right to write, or to read.

@@ -12,18 +12,21 @@ new_flash() {
     name_whole_flash mtd0
 }
 
-# name_whole_flash DEVICE
+# name_whole_flash DEVICE: /proc/mtd shows the name for that device.
 name_whole_flash() {
     sed "/^$1:/s/\"NAND.*\"/\"all\"/" /proc/mtd >/tmp/mtd
     mount --bind /tmp/mtd /proc/mtd
 }
 
-# Leaves no flash behind, whatever a case has left.
+# remove_flash: removes the mounts of a case, its UBI device and its flash; fails when the flash is still there.
 remove_flash() {
-    umount /opt/user /opt /proc/mtd
-    ubidetach -p /dev/mtd9
+    tail -n "+$((${own_mounts:?} + 1))" /proc/mounts | tac | while read -r _ place _; do
+        umount "$place" || umount -l "$place"
+    done
+    [ ! -e /sys/class/ubi/ubi0 ] || ubidetach -d 0
     rmmod rawwrite
     rmmod nandsim
+    ! grep -q ^nandsim /proc/modules
 } >/dev/null 2>&1
 
 # run COMMAND...: leaves its streams in the files out and err, and how it ended in $status.
