@@ -144,13 +144,13 @@ void MeasureSweeps(const TempFolder &folder, const HeldSignals &signals) {
     const Sweeper sweeper(settings, path, signals);
     for (const unsigned workers : {1U, CoreCount()}) {
         SweepSettings sweep;
-        sweep.kind = SweepKind::Faults;
+        sweep.kind = FindSweepKind("faults");
         sweep.workers = workers;
-        sweep.every = sweeper.Places(sweep.kind) / kSweptRuns;
+        sweep.every = sweeper.Places(*sweep.kind) / kSweptRuns;
         Watch watch;
         const SweepResult result = sweeper.Run(sweep, [](const SweepResult &) {});
         const double took = watch.Lap();
-        printf("sweep of %zu faults by %u worker%s: %.0f runs/s, %zu held\n", result.done, workers,
+        printf("sweep of %zu faults by %u worker%s: %.0f runs/s, %zu passed\n", result.done, workers,
                workers == 1 ? "" : "s", static_cast<double>(result.done) * 1000 / took,
                result.done - result.failures.size());
     }

@@ -233,7 +233,7 @@ void Describe(CLI::App &app, Options &options) {
     group = "Sweeps (--sweep may be repeated): many runs from a --used chip or a copy of --flash, without notify calls";
     CLI::Option *sweep = add("--sweep", "bad|cut|faults", options.sweeps,
                              "each block bad; power cut at each change; each request failing")
-                             ->check(CLI::IsMember({"bad", "cut", "faults"}));
+                             ->check(CLI::IsMember(SweepNames()));
     add("--every", "K", options.every, "only each K-th cut or fault [1]")
         ->check(CheckNumber(1, kMostRequests))
         ->needs(sweep);
@@ -417,33 +417,30 @@ RerunWords RecallOptions(const CLI::App &app, const Options &options) {
     return words;
 }
 
-/// Carries out the sweeps that are asked for, and tells of each as it ends.
-/// @return whether all of them held.
+/// Runs the sweeps and prints the result of each when it ends.
+/// @return whether all of them passed.
 bool RunSweeps(const Options &options, const RunSettings &settings, const std::string &start, const RerunWords &words,
                const HeldSignals &signals, nlohmann::ordered_json &described) {
-    constexpr SweepKind kKinds[] = {SweepKind::Bad, SweepKind::Cut, SweepKind::Faults};
     const Sweeper sweeper(settings, start, signals);
-    bool held = true;
+    bool hasPassed = true;
     for (const std::string &name : options.sweeps) {
-        const auto *kind =
-            std::find_if(std::begin(kKinds), std::end(kKinds), [&](SweepKind it) { return name == SweepName(it); });
-        const SweepSettings sweep = {*kind, options.every, options.sets, options.seed, options.jobs};
+        const SweepSettings sweep = {FindSweepKind(name), options.every, options.sets, options.seed, options.jobs};
         SweepResult result;
         {
             ProgressBar bar("sweep " + name);
             result = sweeper.Run(sweep, [&bar](const SweepResult &now) {
                 const std::size_t failed = now.failures.size();
-                bar.Show(now.done, now.planned, failed == 0 ? "" : std::to_string(failed) + " didn't hold");
+                bar.Show(now.done, now.planned, failed == 0 ? "" : std::to_string(failed) + " failed");
             });
         }
         printf("%s", SweepText(result, words, kScriptName).c_str());
         fflush(stdout);
         described.push_back(DescribeSweep(result, words));
-        held = held && result.Held();
+        hasPassed = hasPassed && result.Passed();
         if (result.isInterrupted)
             break;
     }
-    return held;
+    return hasPassed;
 }
 
 int Rehearse(const Options &options, const RerunWords &words) {
@@ -490,7 +487,7 @@ int Rehearse(const Options &options, const RerunWords &words) {
     nlohmann::ordered_json sweeps = nlohmann::ordered_json::array();
     const bool isSweepable = isJudged && outcome.status == 0;
     if (isSwept && !isSweepable)
-        printf("no sweep: the update must come to its end by itself first\n");
+        printf("no sweep: the update must first finish normally\n");
     const bool held = !isSwept || (isSweepable && RunSweeps(options, settings, start, words, signals, sweeps));
     if (isJudged && reportFile.IsWanted()) {
         nlohmann::ordered_json report = MakeReport(rehearsal, verdict, chip.Chip(), state);
@@ -520,12 +517,13 @@ int main(int argc, char *argv[]) {
         }
         if (!options.sweeps.empty() && (options.isRaw || options.cut != 0))
             throw std::invalid_argument("--sweep goes with neither --raw nor --cut");
-        const auto isSwept = [&](const char *kind) {
-            return std::find(options.sweeps.begin(), options.sweeps.end(), kind) != options.sweeps.end();
-        };
-        const bool drawsInVain = app.count("--sets") + app.count("--seed") > 0 && !isSwept("bad");
-        if (drawsInVain || (app.count("--every") > 0 && !isSwept("cut") && !isSwept("faults")))
-            throw std::invalid_argument("--sets and --seed go with --sweep bad, --every with --sweep cut or faults");
+        for (const char *option : {"every", "sets", "seed"}) {
+            const bool isUsed = std::any_of(options.sweeps.begin(), options.sweeps.end(), [&](const std::string &name) {
+                return UsesOption(*FindSweepKind(name), option);
+            });
+            if (app.count(std::string("--") + option) > 0 && !isUsed)
+                throw std::invalid_argument(std::string("no sweep here uses --") + option);
+        }
         return Rehearse(options, RecallOptions(app, options));
     } catch (const std::system_error &failure) {
         const bool isFull = failure.code() == std::errc::no_space_on_device;

@@ -2,6 +2,7 @@
 
 #include "base/Text.h"
 #include "mtd/DeviceText.h"
+#include "sweep/SweepTable.h"
 #include "verdict/ScriptChecks.h"
 
 #include <algorithm>
@@ -14,26 +15,6 @@ namespace {
 constexpr std::size_t kMostTroubles = 8;
 
 std::string CountRuns(std::size_t count) { return Count(static_cast<std::int64_t>(count), "run"); }
-
-/// "each of 12 changes", "one in 10 of 4308 changes".
-std::string Places(const SweepResult &result, const char *noun) {
-    const std::uint64_t every = result.settings.every;
-    return (every == 1 ? "each" : "one in " + std::to_string(every)) + " of " +
-           Count(static_cast<std::int64_t>(result.places), noun);
-}
-
-std::string Heading(const SweepResult &result) {
-    switch (result.settings.kind) {
-    case SweepKind::Bad:
-        return "each of " + Count(static_cast<std::int64_t>(result.places), "block") + " bad in turn, then " +
-               Count(static_cast<std::int64_t>(result.planned - result.places), "set") + " of bad blocks (seed " +
-               std::to_string(result.settings.seed) + ")";
-    case SweepKind::Cut:
-        return "power cut at " + Places(result, "change") + ", then the update run again";
-    default:
-        return Places(result, "request") + " failing once";
-    }
-}
 
 /// Runs with the same trouble.
 struct Trouble {
@@ -89,39 +70,41 @@ std::string RerunCommand(const RerunWords &words, const SweepFailure &failure) {
 }
 
 std::string SweepText(const SweepResult &result, const RerunWords &words, const std::string &scriptName) {
-    const std::string name = std::string("sweep ") + SweepName(result.settings.kind);
+    const std::string name = std::string("sweep ") + result.settings.kind->name;
     if (result.planned == 0)
-        return name + ": " + (result.isInterrupted ? "interrupted before its first run" : "nothing to go by") + "\n";
-    const auto tell = [&](std::size_t line, const std::string &text, const std::string &happens, std::size_t runs) {
+        return name + ": " + (result.isInterrupted ? "interrupted before its first run" : "nothing to try") + "\n";
+    const auto describe = [&](std::size_t line, const std::string &text, const std::string &happens, std::size_t runs) {
         return scriptName + (line == 0 ? "" : ":" + std::to_string(line)) + ": " + name + ": " +
                (text.empty() ? "" : text + ": ") + happens + " [" + CountRuns(runs) + "]\n";
     };
-    std::string all = name + ": " + Heading(result) + ": " + std::to_string(result.done - result.failures.size()) +
-                      " of " + CountRuns(result.done) + " held";
+    std::string all = name + ": " + result.settings.kind->heading(result) + ": " +
+                      std::to_string(result.done - result.failures.size()) + " of " + CountRuns(result.done) +
+                      " passed";
     if (result.isInterrupted)
         all += ", interrupted with " + CountRuns(result.planned - result.done) + " to go";
     all += '\n';
     const std::vector<Trouble> troubles = GatherTroubles(result.failures);
     for (std::size_t i = 0; i < std::min(troubles.size(), kMostTroubles); ++i) {
         const SweepFailure &first = *troubles[i].first;
-        all += tell(first.line, first.text, first.happens, troubles[i].runs);
+        all += describe(first.line, first.text, first.happens, troubles[i].runs);
+        if (!first.advice.empty())
+            all.append("    ").append(first.advice).append("\n");
         all.append("    ").append(RerunCommand(words, first)).append("\n");
     }
     if (troubles.size() > kMostTroubles)
-        all += name + ": and " + std::to_string(troubles.size() - kMostTroubles) + " further kinds of trouble\n";
+        all += name + ": and " + std::to_string(troubles.size() - kMostTroubles) + " further kinds of failure\n";
     for (const UnsealedLine &unsealed : result.unsealed)
-        all +=
-            tell(unsealed.line, unsealed.text,
-                 "note: the environment that is rewritten has no valid seal then, and a boot loader finds none until "
-                 "the second run is through",
-                 unsealed.runs);
+        all += describe(
+            unsealed.line, unsealed.text,
+            "note: the cut leaves an environment with an invalid CRC; the boot loader finds none until a second run "
+            "has finished",
+            unsealed.runs);
     return all;
 }
 
 ordered_json DescribeSweep(const SweepResult &result, const RerunWords &words) {
     const SweepSettings &settings = result.settings;
-    const bool isBad = settings.kind == SweepKind::Bad;
-    ordered_json sweep = {{"kind", SweepName(settings.kind)},
+    ordered_json sweep = {{"kind", settings.kind->name},
                           {"every", nullptr},
                           {"seed", nullptr},
                           {"runs", result.planned},
@@ -132,9 +115,9 @@ ordered_json DescribeSweep(const SweepResult &result, const RerunWords &words) {
                           {"unsealed", ordered_json::array()}};
     for (const UnsealedLine &unsealed : result.unsealed)
         sweep["unsealed"].push_back({{"line", unsealed.line}, {"text", unsealed.text}, {"runs", unsealed.runs}});
-    if (isBad)
+    if (UsesOption(*settings.kind, "seed"))
         sweep["seed"] = settings.seed;
-    else
+    if (UsesOption(*settings.kind, "every"))
         sweep["every"] = settings.every;
     for (const SweepFailure &failure : result.failures) {
         ordered_json described = {{"run", failure.number},
@@ -144,6 +127,7 @@ ordered_json DescribeSweep(const SweepResult &result, const RerunWords &words) {
                                   {"line", nullptr},
                                   {"text", failure.text},
                                   {"happens", failure.happens},
+                                  {"change", failure.advice},
                                   {"command", RerunCommand(words, failure)}};
         if (failure.what.cutAtChange != 0)
             described["cut"] = failure.what.cutAtChange;

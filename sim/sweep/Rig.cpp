@@ -28,13 +28,13 @@ RunOutcome Rig::Run(std::uint64_t cutAtChange, const std::vector<SimFault> &faul
     run.cutAtChange = cutAtChange;
     run.faults.insert(run.faults.end(), faults.begin(), faults.end());
     m_state.Restart(run);
-    const bool isNew = !m_device;
+    const bool isNew = !m_sandbox;
     if (isNew)
-        m_device = std::make_unique<Sandbox>(m_settings, m_sPath, m_sPath + ".state");
+        m_sandbox = std::make_unique<Sandbox>(m_settings, m_sPath, m_sPath + ".state");
     RunOutcome outcome =
-        m_device->Run(isNew ? UpdaterCommand(m_settings) : m_habit.command, isNew, m_signals, m_habit.milliseconds);
+        m_sandbox->Run(isNew ? UpdaterCommand(m_settings) : m_habit.command, isNew, m_signals, m_habit.milliseconds);
     const bool hasEnded = outcome.isInterrupted || outcome.isOverdue;
-    if (!m_habit.sharesDevice || outcome.leavesProcesses || hasEnded)
-        m_device.reset();
+    if (!m_habit.sharesSandbox || outcome.leavesProcesses || hasEnded)
+        m_sandbox.reset();
     return outcome;
 }

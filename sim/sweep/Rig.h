@@ -10,27 +10,27 @@
 #include <string>
 #include <vector>
 
-/// How runs follow each other on a rig.
+/// How the runs of a rig follow each other.
 struct RigHabit {
-    bool sharesDevice = false;            ///< runs leave nothing behind in their device: one serves them all
-    std::vector<std::string> command;     ///< for a device in which the update has run as given
-    int milliseconds = Sandbox::kNoLimit; ///< what a run may take
+    bool sharesSandbox = false;           ///< runs leave nothing in their sandbox, so one sandbox serves all of them
+    std::vector<std::string> command;     ///< for a sandbox in which the update has already run
+    int milliseconds = Sandbox::kNoLimit; ///< time limit of a run
 };
 
-/// A chip and a device on which an update is run many times.
+/// A chip and a sandbox in which an update is run many times.
 class Rig {
 public:
+    /// @param settings without a trace; they outlive the rig
     /// @param start the chip that runs start from; it outlives the rig
-    /// @param path of the chip's files, which are there and hold what `start` holds; the state file is made beside them
-    /// @param settings without a trace; they outlive the rig too
+    /// @param path of the chip's files, which exist and equal `start`; the state file is made beside them
     Rig(const RunSettings &settings, const ChipFile &start, const std::string &path, const HeldSignals &signals);
 
     void Adopt(const RigHabit &habit) { m_habit = habit; }
 
-    /// Lays the chip as it was at the start, with further bad blocks.
+    /// Makes the chip what it was at the start, with further bad blocks.
     void LayStart(const std::vector<std::uint32_t> &badBlocks = {});
 
-    /// Runs the update on the chip as it lies there.
+    /// Runs the update on the chip as it is.
     RunOutcome Run(std::uint64_t cutAtChange = 0, const std::vector<SimFault> &faults = {});
 
     NandChip &Chip() { return m_chip.Chip(); }
@@ -43,6 +43,6 @@ private:
     std::string m_sPath;
     ChipFile m_chip;
     SimState m_state;
-    std::unique_ptr<Sandbox> m_device;
+    std::unique_ptr<Sandbox> m_sandbox;
     RigHabit m_habit;
 };

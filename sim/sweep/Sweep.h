@@ -11,78 +11,85 @@
 #include <string>
 #include <vector>
 
-enum class SweepKind { Bad, Cut, Faults };
+struct SweepKind;
 
-/// @return "bad", "cut" or "faults".
-const char *SweepName(SweepKind kind);
+/// @return the kind of sweep with a name of the table, nullptr for an unknown name.
+const SweepKind *FindSweepKind(const std::string &name);
+
+/// @return the names of all kinds, in the order of the table.
+std::vector<std::string> SweepNames();
+
+/// @return whether a kind uses an option of the command line, such as "every".
+bool UsesOption(const SweepKind &kind, const std::string &option);
 
 struct SweepSettings {
-    SweepKind kind = SweepKind::Bad;
-    std::uint64_t every = 1; ///< of cuts and faults: 1 for each, 10 for each tenth
-    std::uint64_t sets = 0;  ///< of bad blocks, drawn behind the single ones
-    std::uint64_t seed = 1;  ///< of the drawing
-    unsigned workers = 1;    ///< processes
+    const SweepKind *kind = nullptr; ///< a row of the table
+    std::uint64_t every = 1;         ///< 1 to try each place, 10 for each tenth
+    std::uint64_t sets = 0;          ///< sets of bad blocks, drawn after the single blocks
+    std::uint64_t seed = 1;          ///< random seed
+    unsigned workers = 1;            ///< processes
 };
 
-/// In what one run of a sweep differs from the run that it is measured by.
+/// The difference between one run of a sweep and the reference run.
 struct SweepCase {
-    std::vector<std::uint32_t> badBlocks; ///< beside those of the start
-    std::uint64_t cutAtChange = 0;        ///< the run is followed by another without a cut
-    std::vector<SimFault> faults;         ///< one or none
+    std::vector<std::uint32_t> badBlocks; ///< besides those of the start
+    std::uint64_t cutAtChange = 0;        ///< power is lost there, then the update is run again; 0 for no cut
+    std::vector<SimFault> faults;
 };
 
-/// A run that didn't hold.
+/// A run that failed.
 struct SweepFailure {
     std::size_t number = 0; ///< of the run in its sweep, from 1
     SweepCase what;
-    std::size_t line = 0; ///< of the script; 0 when it is about none
+    std::size_t line = 0; ///< number in the script; 0 for a failure of no line
     std::string text;     ///< that line
-    std::string happens;  ///< the same words for the same trouble
+    std::string happens;  ///< equal for equal failures
+    std::string advice;   ///< what to change in the update; may be empty
 };
 
-/// A line whose cuts leave an environment without a valid seal, until the second run gives it one.
+/// A line whose cuts leave an environment with an invalid CRC until the second run writes the environment again.
 struct UnsealedLine {
     std::size_t line = 0; ///< number in the script
     std::string text;
-    std::size_t runs = 0; ///< cuts that do
+    std::size_t runs = 0; ///< number of such cuts
 };
 
 struct SweepResult {
     SweepSettings settings;
-    std::size_t places = 0;  ///< blocks, changes or requests that the sweep goes by
+    std::size_t places = 0;  ///< blocks, changes or requests that the sweep walks
     std::size_t planned = 0; ///< runs
-    std::size_t done = 0;    ///< fewer when a signal ended it
+    std::size_t done = 0;    ///< fewer when a signal ended the sweep
     bool isInterrupted = false;
     std::vector<SweepFailure> failures; ///< by number
-    std::vector<UnsealedLine> unsealed; ///< by line; of cuts alone
+    std::vector<UnsealedLine> unsealed; ///< by line; of cuts only
 
-    bool Held() const { return failures.empty() && !isInterrupted; }
+    bool Passed() const { return failures.empty() && !isInterrupted; }
 };
 
-/// Runs an update over and over from the same start, each time with something else against it. The updater gets a
-/// second argument where it has none: it makes no notify calls then.
+/// Runs an update over and over from the same start, each time with other trouble. The updater gets a second argument
+/// if there is none: this disables the notify script.
 ///
-/// A run holds when the updater ended by itself, nothing outside the ranges of the script changed, and
-///   bad     with these blocks bad from the factory, every line was carried out as without, and what they wrote lies in
-///           the good blocks of its range in the same order. Single blocks are those of all ranges in which flash was
-///           changed; a set takes up to as many of each image's range as that has to spare.
-///   cut     the power went at a change of flash; then the update was run again from its start, as if the device
-///           still came up: every line was carried out and the chip is what it is after an uncut run, page by page.
-///   faults  one request failed: some line was told to have failed, or the chip is what it is without the fault.
+/// A run passes when the updater ended by itself, nothing outside the ranges of the script changed, and
+///   bad     with these blocks bad from the factory, every line ran as in the reference run, and the good blocks of
+///           each range hold what the line wrote, in the same order. Single blocks are those of all ranges in which
+///           flash was changed; a set has up to as many blocks of each image's range as that range has to spare.
+///   cut     power was lost at a change of flash, then the update was run again from its start, as if the device still
+///           booted: every line succeeded and the chip is page by page what it is after an uncut run.
+///   faults  one request failed: a line reported a failure, or the chip is what it is without the fault.
 class Sweeper {
 public:
-    /// Runs the update twice with nothing against it: what later runs are measured by.
-    /// @param start path of the files of the chip that runs start from, which stay as they are; further files are made
+    /// Makes the reference run, twice.
+    /// @param start path of the files of the chip that runs start from; they are not changed. Further files are made
     ///        beside them
     /// @param signals a held signal ends this and all sweeps
-    /// @throws std::runtime_error with one line, as Run does, when something of this machine is in the way
+    /// @throws std::runtime_error with one line, as Run does, for problems of this machine
     Sweeper(const RunSettings &settings, const std::string &start, const HeldSignals &signals);
     ~Sweeper();
 
-    /// @return how many blocks, changes or requests a sweep of all of them goes by; 0 when interrupted.
-    std::size_t Places(SweepKind kind) const;
+    /// @return how many blocks, changes or requests a whole sweep of a kind walks; 0 when interrupted.
+    std::size_t Places(const SweepKind &kind) const;
 
-    /// @param progress gets the result so far whenever it has changed
+    /// @param progress is called with the result so far after each run
     SweepResult Run(const SweepSettings &settings,
                     const std::function<void(const SweepResult &result)> &progress) const;
 

@@ -37,42 +37,35 @@ std::string EnvironmentLoss(const std::vector<char> &wanted, const std::vector<c
         if (!Holds(rest, entry) && ++lost <= kMostNames)
             names += (names.empty() ? "" : ", ") + NameOf(entry);
     }
-    std::string loss = lost == 0 ? "brings back all variables" : "doesn't bring back " + names;
+    std::string loss = lost == 0 ? "restores all variables" : "does not restore " + names;
     if (lost > kMostNames)
         loss += " and " + std::to_string(lost - kMostNames) + " more";
     std::size_t strange = 0;
     for (const std::string &entry : rest.m_vEntry)
         strange += Holds(whole, entry) ? 0 : entry.size();
     if (strange > 0)
-        loss += ", and leaves " + Count(static_cast<std::int64_t>(strange), "byte") + " that are no such variable";
+        loss += ", and leaves " + Count(static_cast<std::int64_t>(strange), "byte") + " that belong to no variable";
     return loss;
 }
 
 std::string Trouble(const LineStory &story) {
     switch (story.result) {
     case LineResult::NeverRan:
-        return "it never ran";
+        return "the line never ran";
     case LineResult::Skipped:
-        return "it was passed over: " + story.complaint;
+        return "the line was skipped: " + story.complaint;
     case LineResult::Clean:
-        return "it is carried out, and isn't on a chip like the start";
+        return "the line succeeds here, but not in the reference run";
     default:
         break;
     }
     if (story.complaint.empty())
-        return "it ended without a word";
+        return "the line ended without a message";
     const bool isMarked = story.complaint.compare(0, std::string(kErrorMark).size(), kErrorMark) == 0;
     return isMarked ? story.complaint.substr(std::string(kErrorMark).size()) : story.complaint;
 }
 
 } // namespace
-
-std::optional<FlashRange> ReferenceRun::DoneRange(std::size_t line) const {
-    const WholeFlash flash(chip, devices);
-    const std::optional<FlashRange> range = flash.RangeOf(lines[line]);
-    const bool isDone = range && flash.IsOnFlash(*range) && story.lines[line].result == LineResult::Clean;
-    return isDone ? range : std::nullopt;
-}
 
 SweepJudge::SweepJudge(const ReferenceRun &reference)
     : m_reference(reference), m_flash(reference.chip, reference.devices),
@@ -84,7 +77,7 @@ SweepJudge::SweepJudge(const ReferenceRun &reference)
         for (const std::uint32_t block : range ? m_flash.Blocks(*range) : std::vector<std::uint32_t>())
             m_mayChange[block] = true;
     }
-    // Only the device's own tools know where they keep what they are given.
+    // Only the device's own tools know where they store what they are given.
     for (std::uint32_t block = 0; startsPrograms && block < m_mayChange.size(); ++block)
         m_mayChange[block] = m_mayChange[block] || reference.chip.IsTouched(block);
 }
@@ -107,16 +100,16 @@ std::optional<SweepComplaint> SweepJudge::JudgeFault(const NandChip &chip, const
         if (complaint)
             return complaint;
     }
-    if (run.status != m_reference.outcome.status || IsTold(run))
+    if (run.status != m_reference.outcome.status || IsReported(run))
         return std::nullopt;
     const auto block = FirstDifference(chip);
     if (!block)
         return std::nullopt;
-    return SweepComplaint{LineOf(*block), "no failure is told, and flash isn't what it is without the fault"};
+    return SweepComplaint{LineOf(*block), "no failure is reported, but flash differs from a run without the fault"};
 }
 
-/// @return whether a line went another way than in the reference, or for another reason.
-bool SweepJudge::IsTold(const RunOutcome &run) const {
+/// @return whether the messages of a line differ from the reference.
+bool SweepJudge::IsReported(const RunOutcome &run) const {
     const RunStory story = Follow(run, false);
     for (std::size_t i = 0; i < story.lines.size(); ++i) {
         const LineStory &before = m_reference.story.lines[i];
@@ -156,7 +149,7 @@ std::size_t SweepJudge::FindUnsealed(const NandChip &chip, const RunOutcome &cut
     return 0;
 }
 
-/// @return the number of the first line that isn't as in an uncut run; 0 for none.
+/// @return the number of the first line with another result than in an uncut run; 0 for none.
 std::size_t SweepJudge::LineInProgress(const RunOutcome &cut) const {
     const RunStory story = Follow(cut, true);
     for (std::size_t i = 0; i < story.lines.size(); ++i) {
@@ -167,15 +160,15 @@ std::size_t SweepJudge::LineInProgress(const RunOutcome &cut) const {
 }
 
 RunStory SweepJudge::Follow(const RunOutcome &run, bool wasCut) const {
-    // What the updater had not yet flushed of its output is lost in a cut; every run prints the same there.
+    // A cut loses output that was not flushed yet; every run prints the same there.
     return FollowRun(m_reference.lines, wasCut ? m_reference.outcome.out : run.out, run.err, wasCut);
 }
 
 std::optional<SweepComplaint> SweepJudge::JudgeEnd(const RunOutcome &run) const {
     if (run.isOverdue)
-        return SweepComplaint{0, "the updater came to no end and was ended"};
+        return SweepComplaint{0, "the updater timed out and was killed"};
     if (WIFSIGNALED(run.status))
-        return SweepComplaint{0, "the updater was ended by signal " + std::to_string(WTERMSIG(run.status))};
+        return SweepComplaint{0, "the updater was killed by signal " + std::to_string(WTERMSIG(run.status))};
     return std::nullopt;
 }
 
@@ -199,7 +192,7 @@ std::optional<SweepComplaint> SweepJudge::JudgeLines(const RunOutcome &run) cons
     return std::nullopt;
 }
 
-/// Whether what a line wrote lies in the good blocks of its range in the order of the reference.
+/// Checks that the good blocks of a line's range hold what the reference wrote there, in the same order.
 std::optional<SweepComplaint> SweepJudge::JudgeOrder(const NandChip &chip, std::size_t line) const {
     const UpdateLine &what = m_reference.lines[line];
     const std::optional<FlashRange> range = m_reference.DoneRange(line);
@@ -212,13 +205,13 @@ std::optional<SweepComplaint> SweepJudge::JudgeOrder(const NandChip &chip, std::
                               : chip.HasCellsOf(m_reference.chip, wanted[i], found[i]))
             continue;
         if (what.WritesImage())
-            return SweepComplaint{what.number, "its image doesn't lie whole in the good blocks of its range"};
-        return SweepComplaint{what.number, "its range holds a bad block: the environment isn't written whole"};
+            return SweepComplaint{what.number, "the good blocks of the range do not hold the whole image"};
+        return SweepComplaint{what.number, "the range holds a bad block: the environment is not written completely"};
     }
     return std::nullopt;
 }
 
-/// @return what is wrong with a block that isn't as after an uncut run.
+/// @return what is wrong with a block that differs from an uncut run.
 std::string SweepJudge::LossIn(const NandChip &chip, std::uint32_t block) const {
     const WholeFlash flash(chip, m_reference.devices);
     const std::int64_t offset = m_flash.FromChip(std::uint64_t{block} * chip.Geometry().eraseSize);
@@ -226,13 +219,13 @@ std::string SweepJudge::LossIn(const NandChip &chip, std::uint32_t block) const 
         const std::optional<FlashRange> range = m_reference.DoneRange(i);
         if (m_reference.lines[i].kind != LineKind::SetEnv || !range || !range->Holds(offset))
             continue;
-        return "power that goes while the environment at " + Hex(range->begin) +
-               " is rewritten takes it away; the second run starts from what is left: it " +
+        return "power lost while the environment at " + Hex(range->begin) +
+               " is rewritten destroys the environment; the second run starts from what is left and " +
                EnvironmentLoss(m_flash.Read(*range), flash.Read(*range));
     }
     const std::size_t line = LineOf(block);
     return (line == 0 ? "flash outside all ranges" : "the range of line " + std::to_string(line)) +
-           " isn't what it is after an uncut run";
+           " differs from an uncut run";
 }
 
 /// @return the number of the last line whose range holds a block; 0 for none.
@@ -246,7 +239,7 @@ std::size_t SweepJudge::LineOf(std::uint32_t block) const {
     return 0;
 }
 
-/// @return the first block that isn't as the reference left it; neither of the two was changed elsewhere.
+/// @return the first block that differs from the reference; only blocks that either run touched can.
 std::optional<std::uint32_t> SweepJudge::FirstDifference(const NandChip &chip) const {
     for (std::uint32_t block = 0; block < chip.Geometry().Blocks(); ++block) {
         const bool isTouched = chip.IsTouched(block) || m_reference.chip.IsTouched(block);

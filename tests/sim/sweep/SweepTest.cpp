@@ -47,7 +47,7 @@ protected:
 
 } // namespace
 
-TEST_F(Sweep, HoldsEverywhereForAnUpdateWithRoom) {
+TEST_F(Sweep, PassesEverywhereForAnUpdateWithRoom) {
     File("update/flashrig.script", "write 8000 10000 image\nerase 20000 4000\n");
     File("update/image", Pattern(std::size_t{2} * Device::kBlock + 1, 1));
     File("root/app/prepare_flashrig.sh", "#!/bin/sh\nmkdir /tmp/update && tar -xf $1 -C /tmp/update\n");
@@ -62,12 +62,12 @@ TEST_F(Sweep, HoldsEverywhereForAnUpdateWithRoom) {
     }
     EXPECT_EQ(Run("--root root --sweep cut --every 7", "image.tar")[0]["held"], 10);
     EXPECT_NE(m_outcome.out.find("\nsweep cut: power cut at one in 7 of 70 changes, then the update run again: "
-                                 "10 of 10 runs held\n"),
+                                 "10 of 10 runs passed\n"),
               std::string::npos)
         << m_outcome.out;
 }
 
-TEST_F(Sweep, TellsWhatACutTakesFromAnEnvironment) {
+TEST_F(Sweep, NamesTheVariablesThatACutDestroys) {
     File("update/flashrig.script", "setenv 4000 4000 bootslot b\n");
     const auto sweep = Run("--sweep cut")[0];
     EXPECT_EQ(m_outcome.status, 1);
@@ -76,7 +76,7 @@ TEST_F(Sweep, TellsWhatACutTakesFromAnEnvironment) {
     const auto failure = sweep["failures"][0];
     EXPECT_EQ(failure["cut"], 1);
     EXPECT_EQ(failure["line"], 1);
-    EXPECT_NE(std::string(failure["happens"]).find(" bring back bootcmd, bootdelay, ethaddr, serial"),
+    EXPECT_NE(std::string(failure["happens"]).find(" not restore bootcmd, bootdelay, ethaddr, serial"),
               std::string::npos);
     EXPECT_EQ(sweep["unsealed"][0]["runs"], 33);
 
@@ -113,7 +113,7 @@ TEST_F(Sweep, NamesTheBlocksThatMustNotBeBad) {
     }
 }
 
-TEST_F(Sweep, CatchesAnUpdaterThatKeepsAFailureToItselfOrStrays) {
+TEST_F(Sweep, CatchesAnUpdaterThatHidesAFailureOrWritesElsewhere) {
     File("update/flashrig.script", "erase 8000 4000\n");
     File("update/image", std::string(1024, '\0'));
     const std::string dd = "#!/bin/sh\ndd if=$1/image of=/dev/mtd12 bs=512 conv=notrunc status=none 2>/dev/null seek=";
@@ -129,7 +129,7 @@ TEST_F(Sweep, CatchesAnUpdaterThatKeepsAFailureToItselfOrStrays) {
     EXPECT_EQ(astray["failures"][0]["happens"], "block 8 at 0x20000, outside the ranges of the script, was changed");
 }
 
-TEST_F(Sweep, EndsAtASignalWithWhatItHasFound) {
+TEST_F(Sweep, EndsAtASignalWithTheResultSoFar) {
     File("update/flashrig.script", "erase 8000 4000\n");
     File("update/image", Pattern(std::size_t{8} * Device::kBlock, 1));
     File("slow", "#!/bin/sh\nsleep 0.1; dd if=$1/image of=/dev/mtd12 bs=512 conv=notrunc status=none\n");
