@@ -4,6 +4,7 @@
 #include "base/TempFolder.h"
 #include "base/Workers.h"
 #include "chip/ChipFile.h"
+#include "cli/RunRecords.h"
 #include "mtd/DeviceText.h"
 #include "sandbox/UpdateRun.h"
 #include "sweep/Rig.h"
@@ -90,9 +91,8 @@ void MeasureRehearsal(const TempFolder &folder, const HeldSignals &signals) {
     const double run = watch.Lap();
     const SimState state(folder.File("state"));
     const ChipFile chip(path);
-    const Verdict verdict = Judge({outcome.script, outcome.files, state.Devices(), outcome.status, outcome.out,
-                                   outcome.err, state.TraceText(), state.CutPlace()},
-                                  chip.Chip());
+    const RunRecord record = RecordOf(settings, outcome, state);
+    const Verdict verdict = Judge(RunFacts(record, chip.Chip()));
     const double judge = watch.Lap();
     std::vector<char> copied(kLargeImage);
     watch.Lap();

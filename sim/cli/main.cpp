@@ -7,6 +7,7 @@
 #include "base/Workers.h"
 #include "chip/ChipFile.h"
 #include "cli/ProgressBar.h"
+#include "cli/RunRecords.h"
 #include "mtd/DeviceText.h"
 #include "report/ChipPicture.h"
 #include "report/Report.h"
@@ -465,13 +466,10 @@ int Rehearse(const Options &options, const RerunWords &words) {
     const RunSettings settings = Settings(options, chip.Chip().Geometry());
     const RunOutcome outcome = RunUpdate(settings, path, statePath, signals);
     const SimState state(statePath);
-    const Rehearsal rehearsal = {outcome.script,    outcome.files,    state.Devices(),
-                                 outcome.status,    outcome.out,      outcome.err,
-                                 state.TraceText(), state.CutPlace(), AbsentTroubles(settings.sim, state),
-                                 outcome.contents};
+    const RunRecord record = RecordOf(settings, outcome, state);
     // A verdict drawn from a part of the requests may miss what is wrong.
     const bool isJudged = !outcome.isInterrupted && options.WantsVerdict() && !state.TraceOverflowed();
-    const Verdict verdict = isJudged ? Judge(rehearsal, chip.Chip()) : Verdict();
+    const Verdict verdict = isJudged ? Judge(RunFacts(record, chip.Chip())) : Verdict();
     if (!options.isRaw) {
         const RunSummary summary(chip.Chip(), state, outcome);
         printf("\n%s", summary.Text(TerminalWidth(), WantsColour()).c_str());
@@ -490,13 +488,13 @@ int Rehearse(const Options &options, const RerunWords &words) {
         printf("no sweep: the update must first finish normally\n");
     const bool held = !isSwept || (isSweepable && RunSweeps(options, settings, start, words, signals, sweeps));
     if (isJudged && reportFile.IsWanted()) {
-        nlohmann::ordered_json report = MakeReport(rehearsal, verdict, chip.Chip(), state);
+        nlohmann::ordered_json report = MakeReport(record, verdict, chip.Chip(), state);
         report["sweeps"] = std::move(sweeps);
         reportFile.Save(ReportText(report));
     }
     if (isJudged && mapFile.IsWanted())
         mapFile.Save(
-            DrawChip(UpdateName(options.update), chip.Chip(), WholeFlash(chip.Chip(), rehearsal.devices), verdict));
+            DrawChip(UpdateName(options.update), chip.Chip(), WholeFlash(chip.Chip(), record.devices), verdict));
     if (options.isRaw)
         return RunSummary::ShellStatus(outcome);
     return isJudged && verdict.IsClean() && held ? kClean : kFindings;

@@ -5,7 +5,6 @@
 #include "report/MarkLooks.h"
 #include "report/Report.h"
 #include "report/XmlText.h"
-#include "verdict/ScriptChecks.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -36,14 +36,14 @@ ordered_json DescribeChip(const NandChip &chip) {
             {"badBlocks", bad}};
 }
 
-ordered_json DescribeRun(const Rehearsal &rehearsal) {
+ordered_json DescribeRun(const RunRecord &record) {
     ordered_json run = {{"exitStatus", nullptr}, {"signal", nullptr}, {"powerCut", nullptr}};
-    if (WIFSIGNALED(rehearsal.status))
-        run["signal"] = WTERMSIG(rehearsal.status);
+    if (WIFSIGNALED(record.status))
+        run["signal"] = WTERMSIG(record.status);
     else
-        run["exitStatus"] = WEXITSTATUS(rehearsal.status);
-    if (!rehearsal.cutPlace.empty())
-        run["powerCut"] = rehearsal.cutPlace;
+        run["exitStatus"] = WEXITSTATUS(record.status);
+    if (!record.cutPlace.empty())
+        run["powerCut"] = record.cutPlace;
     return run;
 }
 
@@ -84,20 +84,19 @@ std::string Counted(std::ptrdiff_t number, const char *noun) {
 
 } // namespace
 
-ordered_json MakeReport(const Rehearsal &rehearsal, const Verdict &verdict, const NandChip &chip,
-                        const SimState &state) {
+ordered_json MakeReport(const RunRecord &record, const Verdict &verdict, const NandChip &chip, const SimState &state) {
     ordered_json report = {{"format", kFormat},
                            {"verdict", verdict.IsClean() ? "clean" : "findings"},
                            {"chip", DescribeChip(chip)},
                            {"devices", ordered_json::array()},
-                           {"run", DescribeRun(rehearsal)},
+                           {"run", DescribeRun(record)},
                            {"requests", ordered_json::object()},
                            {"changes", state.Changes()},
                            {"percentages", verdict.percentages},
                            {"lines", ordered_json::array()},
                            {"findings", ordered_json::array()},
                            {"sweeps", ordered_json::array()}};
-    for (const SimDevice &device : rehearsal.devices)
+    for (const SimDevice &device : record.devices)
         report["devices"].push_back(
             {{"number", device.number}, {"name", device.name}, {"offset", device.offset}, {"size", device.size}});
     for (std::uint32_t kind = 0; kind < kRequestKinds; ++kind) {

@@ -20,9 +20,9 @@
 ///                or "never-ran"; for write and writeoob also room, or null when it isn't known: rangeBlocks,
 ///                imageBlocks, badBlocks (in the range, on this chip), spareBlocks (bad ones that it can take)
 ///   findings     by line, each: line, or null when it is about none; text of that line; severity: "error", "warning"
-///                or "note"; kind: an id of Finding.h; happens, change: for people
+///                or "note"; kind: an id of Findings.def; happens, change: for people
 ///   sweeps       in the order in which they ran, each an object as DescribeSweep gives it; empty here
-nlohmann::ordered_json MakeReport(const Rehearsal &rehearsal, const Verdict &verdict, const NandChip &chip,
+nlohmann::ordered_json MakeReport(const RunRecord &record, const Verdict &verdict, const NandChip &chip,
                                   const SimState &state);
 
 /// The verdict for people: a line for the room of each range, a line for each finding, and the verdict itself.

@@ -3,7 +3,6 @@
 #include "base/Text.h"
 #include "mtd/DeviceText.h"
 #include "sweep/SweepTable.h"
-#include "verdict/ScriptChecks.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>

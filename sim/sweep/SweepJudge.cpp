@@ -3,7 +3,6 @@
 #include "UEnvTool.h"
 #include "base/Text.h"
 #include "verdict/Failures.h"
-#include "verdict/ScriptChecks.h"
 
 #include <algorithm>
 #include <csignal>

@@ -1,32 +1,30 @@
 #pragma once
 
-/// What the updater says when a command fails, by the message's start.
+#include "verdict/Finding.h"
+
+/// A message of the updater about a failed command, by the start of the message.
 struct Failure {
     const char *start;
-    const char *kind;
+    FindingId finding;
     const char *meaning;
-    const char *change;
 };
 
 constexpr const char *kErrorMark = "error : ";
-constexpr const char *kNothingToChange = "nothing in the update: replace the chip, or run again";
 constexpr Failure kFailures[] = {
-    {"error : invalid offset=", "misaligned", "nothing of it is done", "let offset and size be whole erase blocks"},
-    {"error : invalid size=", "misaligned", "nothing of it is done", "let offset and size be whole erase blocks"},
-    {"error : fail to check bad block at ", "check-failed", "the blocks before it are done", kNothingToChange},
-    {"error : erase failed at ", "erase-failed", "the blocks before it are done", kNothingToChange},
-    {"error : write page return ", "write-failed", "the pages before it are done", kNothingToChange},
-    {"error : read failed at ", "read-failed", "nothing is changed", kNothingToChange},
-    {"error : file readsize = ", "unreadable-file", "the range is erased and stays so", "let it be a readable file"},
-    {"error : file outruns the erased range at ", "outruns-range", "the rest of the image is written nowhere",
-     "make the range hold the image and some bad blocks"},
-    {"error : environment of ", "environment-full", "nothing is changed", "shorten the variables of that block"},
-    {"error : command too long: ", "command-too-long", "nothing is run",
-     "keep name and value to 237 characters in all"},
-    {"error : unknown flash geometry", "no-geometry", "nothing is done", "run it on a device that tells its page size"},
-    {"error : std::", "failed", "the command ends there", "see what the message names"},
-    {"error : popen() failed!", "failed", "the command ends there", "see what the message names"},
-    {"dev ", "no-device", "applications and mounts are gone already", "name a device that is there"},
-    {"/", "unreadable-file", "applications and mounts are gone already", "let it be a readable file"},
-    {"", "failed", "the command ends there", "see what the message names"},
+    {"error : invalid offset=", FindingId::Misaligned, "the line does nothing"},
+    {"error : invalid size=", FindingId::Misaligned, "the line does nothing"},
+    {"error : fail to check bad block at ", FindingId::CheckFailed, "earlier blocks are done"},
+    {"error : erase failed at ", FindingId::EraseFailed, "earlier blocks are done"},
+    {"error : write page return ", FindingId::WriteFailed, "earlier pages are done"},
+    {"error : read failed at ", FindingId::ReadFailed, "nothing is changed"},
+    {"error : file readsize = ", FindingId::UnreadableFile, "the range is erased and stays empty"},
+    {"error : file outruns the erased range at ", FindingId::OutrunsRange, "the rest of the image is lost"},
+    {"error : environment of ", FindingId::EnvironmentFull, "nothing is changed"},
+    {"error : command too long: ", FindingId::CommandTooLong, "nothing is run"},
+    {"error : unknown flash geometry", FindingId::NoGeometry, "nothing is done"},
+    {"error : std::", FindingId::Failed, "the command stops there"},
+    {"error : popen() failed!", FindingId::Failed, "the command stops there"},
+    {"dev ", FindingId::NoDevice, "applications are stopped and file systems unmounted already"},
+    {"/", FindingId::UnreadableFile, "applications are stopped and file systems unmounted already"},
+    {"", FindingId::Failed, "the command stops there"},
 };

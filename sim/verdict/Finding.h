@@ -1,28 +1,43 @@
 #pragma once
 
+#include "verdict/UpdateLines.h"
+
 #include <cstddef>
 #include <string>
+#include <vector>
 
-/// Notes tell what is so by the script language's design and leave a verdict clean; warnings and errors don't.
+/// A note describes a property of the script language and leaves a verdict clean; warnings and errors do not.
 enum class Severity { Note, Warning, Error };
 
+/// Every finding there is; see Findings.def.
+enum class FindingId {
+#define FINDING(name, kind, severity, advice) name,
+#include "verdict/Findings.def"
+};
+
 /// One thing that the maker of an update has to know.
-///
-/// Kinds are short ids that don't change from version to version.
-///   The run: not-started, crashed, power-cut, stopped, script-too-long, line-too-long, script-cut, prepare-failed,
-///     handover-failed, notify-failed, percentages, unerased, unsound-read, no-whole-flash,
-///     never-came
-///   Lines passed over: unknown-command, incomplete, missing-file
-///   Lines that failed: misaligned, empty-range, off-chip, check-failed, erase-failed, write-failed, read-failed,
-///     unreadable-file, outruns-range, cut-at-end, environment-full, command-too-long, no-device, no-prepare,
-///     format-failed, tool-failed, no-geometry, not-done, failed
-///   Lines as they stand: number, setenv-long, ignored-words, shell-text, overlap, no-spare, empty-image, raw-length
-///   What is on the chip in the end: environment-lost, environment-damaged
 struct Finding {
-    std::size_t line = 0; ///< number in the script; 0 when it is about none
-    std::string text;     ///< that line, without its end
+    std::size_t line = 0; ///< number in the script; 0 for a finding about the run
+    std::string text;     ///< that line, without its line end
     Severity severity = Severity::Error;
-    std::string kind;
+    std::string kind;    ///< id for programs, the same from version to version
     std::string happens; ///< what the device does
     std::string change;  ///< what to change
 };
+
+/// A row of Findings.def.
+struct FindingRow {
+    const char *kind;
+    Severity severity;
+    const char *advice;
+};
+
+/// @return the rows of Findings.def, indexed by FindingId.
+const std::vector<FindingRow> &FindingRows();
+
+/// @param change replaces the advice of the table unless empty
+/// @return a finding about a script line.
+Finding ForLine(const UpdateLine &line, FindingId id, const std::string &happens, const std::string &change = "");
+
+/// @return a finding about the run as a whole.
+Finding ForRun(FindingId id, const std::string &happens, const std::string &change = "");

@@ -19,17 +19,17 @@ struct FlashRange {
     bool operator==(const FlashRange &other) const { return begin == other.begin && end == other.end; }
 };
 
-/// The flash as a script's offsets count it: the first device whose name holds "all", or device 0 when there is none;
-/// the chip when there isn't either.
+/// The flash that a script's offsets count in: the first device whose name contains "all", else device 0, else the
+/// chip.
 class WholeFlash {
 public:
     WholeFlash(const NandChip &chip, const std::vector<SimDevice> &devices);
 
-    /// @return the part of the flash that a line's command is given, whether it is on the flash or not; nothing for a
-    ///         command that is given none and for one whose size isn't above 0.
+    /// @return the range that a line names, on the flash or not; for `ubiformat` that of its device. Nothing for a line
+    ///         without a range, for a size that isn't above 0 and for a missing device.
     std::optional<FlashRange> RangeOf(const UpdateLine &line) const;
 
-    /// @return whether it is a device's.
+    /// @return whether the whole flash is a device.
     bool HasDevice() const { return m_hasDevice; }
     std::int64_t Size() const { return m_size; }
     std::int64_t EraseSize() const { return m_chip.Geometry().eraseSize; }
@@ -39,16 +39,17 @@ public:
     /// @return whether a range is whole blocks of the flash.
     bool IsOnFlash(const FlashRange &range) const;
 
-    /// @return the numbers on the chip of a range's blocks, as far as it is on the flash: all, the good, the bad ones.
+    /// @return the chip's numbers of the blocks in a range, as far as the range is on the flash: all, the good, the
+    /// bad.
     std::vector<std::uint32_t> Blocks(const FlashRange &range) const;
     std::vector<std::uint32_t> GoodBlocks(const FlashRange &range) const;
     std::vector<std::uint32_t> BadBlocks(const FlashRange &range) const;
     /// @return the bytes of a range that is on the flash, as a boot loader reads them, through the ECC.
     std::vector<char> Read(const FlashRange &range) const;
 
-    /// @return an offset in the flash as one on the chip.
+    /// @return the chip offset of an offset in the flash.
     std::uint64_t OnChip(std::int64_t offset) const { return static_cast<std::uint64_t>(m_offset + offset); }
-    /// @return an offset on the chip as one in the flash.
+    /// @return the offset in the flash of a chip offset.
     std::int64_t FromChip(std::uint64_t offset) const { return static_cast<std::int64_t>(offset) - m_offset; }
 
 private:

@@ -1,5 +1,6 @@
 #include "verdict/RunStory.h"
 
+#include "verdict/CheckText.h"
 #include "verdict/Failures.h"
 
 #include <algorithm>
@@ -13,29 +14,27 @@ constexpr std::size_t kNowhere = static_cast<std::size_t>(-1);
 
 constexpr const char *kRunning = "running update script ";
 constexpr const char *kHandOver = "new program detected, running ";
-/// Of the whole script, ahead of its first line.
+/// About the whole script, before its first line.
 constexpr const char *kRefusals[] = {"error : script line ", "error : script of "};
 constexpr const char *kWarning = "warning : ";
 constexpr const char *kEraseEnd = "erase complete";
 constexpr const char *kWriteEnd = "write file complete";
 constexpr const char *kPreparesUbi = "prepare ubi ...";
-/// The programs of a ubiformat line, and what is said when each has ended.
+/// The programs of a ubiformat line, and the message after the end of each.
 constexpr const char *kFormatPrograms[][2] = {{"/tmp/update/prepare.sh", "execute /bin/sh status "},
                                               {"/tmp/update/ubiformat", "execute /tmp/update/ubiformat status "}};
-
-bool BeginsWith(const std::string &text, const std::string &start) { return text.compare(0, start.size(), start) == 0; }
 
 bool EndsWith(const std::string &text, const std::string &end) {
     return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
-/// @return a line from the last place on where it says something; empty when it doesn't.
+/// @return a line from the last place of a text on; empty when the line doesn't contain it.
 std::string From(const std::string &line, const std::string &start) {
     const std::size_t at = line.rfind(start);
     return at == std::string::npos ? std::string() : line.substr(at);
 }
 
-/// @return what the updater says of a failure in a line; empty when it says nothing of the kind.
+/// @return the updater's error message in a line; empty for none.
 std::string ErrorIn(const std::string &line) {
     if (line.find(kErrorMark) == std::string::npos)
         return std::string();
@@ -57,11 +56,11 @@ std::vector<std::string> CutLines(const std::string &text) {
     return lines;
 }
 
-/// Messages in their order, and how far they are taken. Another program's output may stand in front of one in its line.
+/// The lines of a stream, and how far they are followed. Another program's output may precede a message in its line.
 struct Messages {
     explicit Messages(const std::string &text) : lines(CutLines(text)) {}
 
-    /// @return the place of the first line from `from` on that a test takes, or kNowhere.
+    /// @return the index of the first line from `from` on that passes a test, or kNowhere.
     template <typename Test> std::size_t Find(std::size_t from, Test test) const {
         const auto found =
             std::find_if(lines.begin() + static_cast<std::ptrdiff_t>(std::min(from, lines.size())), lines.end(), test);
@@ -76,8 +75,8 @@ struct Messages {
     std::size_t FindError(std::size_t from) const {
         return Find(from, [](const std::string &line) { return !ErrorIn(line).empty(); });
     }
-    /// @return what stands behind a start; empty when it is told nowhere.
-    std::string Behind(const std::string &start) const {
+    /// @return the text after the first occurrence of a start; empty for none.
+    std::string After(const std::string &start) const {
         const std::size_t at = FindStart(0, start);
         return at == kNowhere ? std::string() : From(lines[at], start).substr(start.size());
     }
@@ -103,8 +102,8 @@ public:
     }
 
     RunStory Follow() {
-        m_story.handOver = m_out.Behind(kHandOver);
-        const std::string path = m_out.Behind(kRunning);
+        m_story.handOver = m_out.After(kHandOver);
+        const std::string path = m_out.After(kRunning);
         m_story.hasStarted = !path.empty();
         m_story.folder = path.substr(0, path.rfind('/') + 1);
         for (const char *start : kRefusals) {
@@ -121,10 +120,10 @@ public:
     }
 
 private:
-    /// The message that a line begins or ends with: it was reached when there is one.
+    /// @return whether a message is the one that a line begins or ends with. A line with such a message was reached.
     bool IsMarker(const UpdateLine &line, const std::string &message) const {
-        const std::string passedOver = PassedOver(line);
-        if (!passedOver.empty() && EndsWith(message, passedOver))
+        const std::string skipMessage = SkipMessage(line);
+        if (!skipMessage.empty() && EndsWith(message, skipMessage))
             return true;
         const std::string path = m_story.folder + line.image;
         switch (line.isComplete ? line.kind : LineKind::Unknown) {
@@ -144,8 +143,8 @@ private:
         return false;
     }
 
-    /// What is said of a line that is passed over; empty for one that can't be.
-    std::string PassedOver(const UpdateLine &line) const {
+    /// @return the message about a line that is skipped; empty for a line that can't be.
+    std::string SkipMessage(const UpdateLine &line) const {
         if (line.kind == LineKind::Unknown)
             return "Unknown script command " + line.text;
         if (!line.isComplete)
@@ -157,7 +156,7 @@ private:
         return m_err.Find(from, [&](const std::string &message) { return IsMarker(m_lines[index], message); });
     }
 
-    /// The count comes first and names the unknown lines once.
+    /// The updater first counts the blocks of all lines, and names the unknown lines once while counting.
     void PassCount() {
         for (std::size_t i = 0; i < m_lines.size(); ++i) {
             if (m_lines[i].kind != LineKind::Unknown)
@@ -168,7 +167,7 @@ private:
         }
     }
 
-    /// @return false when the run didn't get beyond this line.
+    /// @return false when the run didn't get past this line.
     bool FollowLine(std::size_t index) {
         const UpdateLine &line = m_lines[index];
         LineStory &story = m_story.lines[index];
@@ -180,10 +179,10 @@ private:
                 Fail(story, error);
             return false;
         }
-        const std::string passedOver = PassedOver(line);
-        if (!passedOver.empty() && EndsWith(m_err.lines[marker], passedOver)) {
+        const std::string skipMessage = SkipMessage(line);
+        if (!skipMessage.empty() && EndsWith(m_err.lines[marker], skipMessage)) {
             story.result = LineResult::Skipped;
-            story.complaint = passedOver;
+            story.complaint = skipMessage;
             m_err.next = marker + 1;
             return true;
         }
@@ -229,7 +228,7 @@ private:
         const std::size_t begin = m_err.next;
         const std::size_t erased = m_err.FindWhole(begin, kEraseEnd);
         const std::size_t early = m_err.FindError(begin);
-        // An error ahead of the end of its own erase is its own.
+        // An error before the end of the write's own erase is the write's.
         if (early != kNowhere && (erased == kNowhere || early < erased)) {
             Fail(story, early);
             return false;
@@ -246,7 +245,7 @@ private:
             m_err.next = end + 1;
             return true;
         }
-        // A walk that reached the end of the chip says nothing; the lines behind it tell that it ended well.
+        // A write that reaches the end of the chip ends silently; messages of later lines show that it ended well.
         const std::size_t error = m_err.FindError(erased + 1);
         const bool isLast = index + 1 == m_lines.size();
         if (next == kNowhere && (error != kNowhere || !isLast || m_wasCut || !m_lines[index].size.value)) {
@@ -254,7 +253,7 @@ private:
             KeepWarnings(story, m_err.lines.size());
             return false;
         }
-        // Its warnings and those of the next line can't be told apart; both name the same bad blocks.
+        // Its warnings can't be separated from those of the next line; both name the same bad blocks.
         m_err.next = erased + 1;
         return true;
     }
@@ -269,8 +268,8 @@ private:
             const std::size_t at = prepares == kNowhere ? kNowhere : m_out.FindStart(prepares, status);
             if (at == kNowhere)
                 continue;
-            const std::string told = From(m_out.lines[at], status);
-            story.exits.emplace_back(program, std::atoi(told.c_str() + std::string(status).size()));
+            const std::string message = From(m_out.lines[at], status);
+            story.exits.emplace_back(program, std::atoi(message.c_str() + std::string(status).size()));
             m_out.next = at + 1;
         }
         if (next != kNowhere || story.exits.size() == std::size(kFormatPrograms))

@@ -14,7 +14,7 @@ constexpr const char *kBlanks = " \f\n\t\r\v";
 constexpr const char *kHexDigits = "0123456789abcdefABCDEF";
 constexpr std::size_t kVisibleBytes = 0x100000;
 
-/// The commands and the places of their tokens; 0 is no such token. A row with more tokens comes before its short form.
+/// The commands and the indexes of their tokens; 0 for no such token. A row with more tokens precedes its short form.
 struct CommandRow {
     const char *name;
     std::size_t tokens;
@@ -53,7 +53,7 @@ ScriptNumber ReadNumber(const std::string &token) {
     return number;
 }
 
-/// Counts line ends as an editor does: CR and LF in a row are one.
+/// Counts line ends as an editor does: CR LF is one.
 std::size_t LineEnds(const std::string &text, std::size_t from, std::size_t to) {
     std::size_t count = 0;
     for (std::size_t at = from; at < to; ++at) {
@@ -102,11 +102,11 @@ std::vector<UpdateLine> ReadUpdateLines(const std::string &text) {
     UTextUtil::Split(text.c_str(), kLineEnds, pieces);
     std::vector<UpdateLine> lines;
     std::size_t number = 1;
-    std::size_t behind = 0;
+    std::size_t done = 0;
     for (const std::string &piece : pieces) {
-        const std::size_t start = text.find_first_not_of(kLineEnds, behind);
-        number += LineEnds(text, behind, start);
-        behind = start + piece.size();
+        const std::size_t start = text.find_first_not_of(kLineEnds, done);
+        number += LineEnds(text, done, start);
+        done = start + piece.size();
         std::vector<std::string> tokens;
         if (UTextUtil::Split(piece.c_str(), kBlanks, tokens) == 0 || tokens[0].find('#') != std::string::npos)
             continue;

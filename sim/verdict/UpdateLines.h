@@ -5,14 +5,14 @@
 #include <string>
 #include <vector>
 
-/// What the updater takes a script line for.
+/// The command of a script line as the updater reads it.
 enum class LineKind { Unknown, Write, WriteOob, Erase, SetEnv, HandEnv, Ubiformat };
 
 /// A number of a script, as the updater reads its token.
 struct ScriptNumber {
     std::int32_t value = 0;
     bool isForeign = false; ///< the token isn't a hexadecimal number to its end
-    bool isBeyond = false;  ///< the token says more than 32 bits with a sign hold
+    bool isBeyond = false;  ///< the token exceeds a signed 32-bit number
 };
 
 /// A script line that holds a command: neither empty nor a comment.
@@ -30,11 +30,10 @@ struct UpdateLine {
     ScriptNumber size;
     std::string image; ///< name of the image file, empty for none
 
-    /// @return whether the line's command lays an image file down in its range.
+    /// @return whether the command writes an image file into its range.
     bool WritesImage() const { return kind == LineKind::Write || kind == LineKind::WriteOob; }
-    /// @return whether it is the long form of setenv by words that were meant for the short one: a comment behind it,
-    /// or
-    ///         a value with blanks.
+    /// @return whether a setenv meant as the short form is read as the long one, because of a comment or a value with
+    ///         blanks.
     bool IsTurnedLong() const;
     /// @return name and value of a complete setenv line.
     const std::string &Name() const { return tokens[usedTokens - 2]; }

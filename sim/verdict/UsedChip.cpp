@@ -40,8 +40,8 @@ void WritePage(NandChip &chip, std::uint32_t page, const std::uint8_t *data) {
     chip.Program(page, program);
 }
 
-void LayEnvironment(NandChip &chip, const WholeFlash &flash, const FlashRange &range,
-                    const std::vector<UpdateLine> &lines) {
+void WriteEnvironment(NandChip &chip, const WholeFlash &flash, const FlashRange &range,
+                      const std::vector<UpdateLine> &lines) {
     const std::vector<char> empty(static_cast<std::size_t>(range.end - range.begin));
     UEnvTool environment(empty.data(), static_cast<int>(empty.size()));
     environment.m_vEntry.clear(); // zeros read as one entry without a text
@@ -72,7 +72,7 @@ void UseUp(NandChip &chip, const std::vector<SimDevice> &devices, const std::vec
     for (const UpdateLine &line : lines) {
         const std::optional<FlashRange> range = flash.RangeOf(line);
         if (line.kind == LineKind::SetEnv && range && flash.IsOnFlash(*range))
-            LayEnvironment(chip, flash, *range, lines);
+            WriteEnvironment(chip, flash, *range, lines);
     }
     chip.ForgetMarks();
 }

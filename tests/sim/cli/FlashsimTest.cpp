@@ -170,7 +170,7 @@ TEST_F(Flashsim, FindingsAreToldOneALineWithStatusOne) {
         {"--fault MEMWRITE:2=EIO", "\nflashrig.script:2: error: write 20000 40000 image: write page return -1: "},
         {"--cut 99", "\nflashrig.script: warning: cut 99: there were 5 changes; "},
         {"--fault read:99=EIO", "\nflashrig.script: warning: fault read:99=EIO: there were 0 such requests; "},
-        {"--cut 4", "\nflashrig.script: error: the power goes during MEMWRITE at 0x20000; "},
+        {"--cut 4", "\nflashrig.script: error: power is lost during MEMWRITE at 0x20000; "},
         {"--mtd 3:all:0,128K",
          "\nflashrig.script:2: error: write 20000 40000 image: fail to check bad block at 20000: "},
     };

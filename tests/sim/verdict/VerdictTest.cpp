@@ -17,11 +17,11 @@ namespace {
 /// A rehearsed run that never took place: its texts are given, its chip has 64 blocks of 16 KiB.
 struct Rehearsed {
     explicit Rehearsed(const std::string &script, const std::string &err = "") {
-        rehearsal.script = script;
-        rehearsal.files = {{"empty", 0}, {"one", 0x4000}, {"two", 0x4001}, {"raw", 32 * 528 + 1}, {"pipe", -1}};
-        rehearsal.devices = {{9, "opt", 0x80000, 0x78000}, {12, "all", 0, 0x100000}};
-        rehearsal.out = "running update script /u/flashrig.script\n";
-        rehearsal.err = err;
+        record.script = script;
+        record.files = {{"empty", 0}, {"one", 0x4000}, {"two", 0x4001}, {"raw", 32 * 528 + 1}, {"pipe", -1}};
+        record.devices = {{9, "opt", 0x80000, 0x78000}, {12, "all", 0, 0x100000}};
+        record.out = "running update script /u/flashrig.script\n";
+        record.err = err;
         chip.Format();
         // Every page but those of the device opt is written, be it with nothing.
         NandChip::PageProgram blank;
@@ -37,7 +37,7 @@ struct Rehearsed {
         }
     }
 
-    Verdict Judged() const { return Judge(rehearsal, chip); }
+    Verdict Judged() const { return Judge(RunFacts(record, chip)); }
 
     /// The results of the lines by their first letters, then the findings: "CSFN 0:crashed 3:erase-failed".
     std::string Told() const {
@@ -50,7 +50,7 @@ struct Rehearsed {
         return told;
     }
 
-    Rehearsal rehearsal;
+    RunRecord record;
     static constexpr NandGeometry kGeometry = {0x100000, 0x4000, 512, 16};
     std::vector<std::uint8_t> cells = std::vector<std::uint8_t>(kGeometry.RawSize());
     std::vector<std::uint8_t> pageStates = std::vector<std::uint8_t>(kGeometry.Pages());
@@ -123,6 +123,8 @@ TEST(Verdict, FollowsTheUpdatersMessagesToItsLines) {
          "CCF 1:not-done 1:no-spare 2:not-done 2:overlap 3:misaligned"},
         {"write 0 c000 pipe\nerase 0 1\n", Begun("pipe", "0", "c000") + "error : invalid size=1, blocksize = 1\n",
          "CF 1:not-done 2:misaligned"},
+        // Of an image of unknown size the updater's own message must do.
+        {"write 0 c000 pipe\n", Begun("pipe", "0", "c000") + kDone, "C"},
         {"erase 100000 4000\n", "error : fail to check bad block at 100000\n" + Erased("100000", "4000"),
          "F 1:off-chip"},
         {"writeoob 0 c000 raw\n",
@@ -138,29 +140,29 @@ TEST(Verdict, FollowsTheUpdatersMessagesToItsLines) {
 
 TEST(Verdict, TellsHowARunEndedThatDidNotEndWell) {
     Rehearsed run("erase 0 4000\nwrite 0 c000 two\nsetenv a b\n", Erased("0", "4000") + Begun("two", "0", "c000"));
-    run.rehearsal.status = SIGKILL;
-    run.rehearsal.cutPlace = "MEMWRITE at 0x4000";
+    run.record.status = SIGKILL;
+    run.record.cutPlace = "MEMWRITE at 0x4000";
     EXPECT_EQ(run.Told(), "CFN 0:power-cut 2:failed 2:stopped");
-    run.rehearsal.cutPlace = "";
+    run.record.cutPlace = "";
     EXPECT_EQ(run.Told(), "CFN 0:crashed 2:failed 2:stopped");
 
     Rehearsed refused("erase 0 4000\n# long\n", "error : script line 2 of 300 characters, the limit is 255\n");
-    refused.rehearsal.status = 255 << 8;
+    refused.record.status = 255 << 8;
     EXPECT_EQ(refused.Told(), "N 2:line-too-long");
-    refused.rehearsal.err = "error : script of 4096 characters, the limit is 4095\n";
+    refused.record.err = "error : script of 4096 characters, the limit is 4095\n";
     EXPECT_EQ(refused.Told(), "N 0:script-too-long");
 
     Rehearsed none(std::string("\0erase 0 4000\n", 14));
-    none.rehearsal.status = 255 << 8;
+    none.record.status = 255 << 8;
     EXPECT_EQ(none.Told(), " 0:script-cut 0:not-started");
-    none.rehearsal.out = "update script:/flashrig.script not found, exit\n";
+    none.record.out = "update script:/flashrig.script not found, exit\n";
     EXPECT_EQ(none.Told(), " 0:script-cut 0:not-started");
 
     Rehearsed copied("erase 0 4000\n", Erased("0", "4000"));
-    copied.rehearsal.out = "new program detected, running /u/flashrig /u\n" + copied.rehearsal.out;
-    copied.rehearsal.trace = "system \"/app/prepare_flashrig.sh \\\"x\\\"\"\nreturned from system: 256\n"
-                             "system \"/u/flashrig /u\"\n" +
-                             Percentages({100}) + "returned from system: 65280\n";
+    copied.record.out = "new program detected, running /u/flashrig /u\n" + copied.record.out;
+    copied.record.trace = "system \"/app/prepare_flashrig.sh \\\"x\\\"\"\nreturned from system: 256\n"
+                          "system \"/u/flashrig /u\"\n" +
+                          Percentages({100}) + "returned from system: 65280\n";
     EXPECT_EQ(copied.Told(), "C 0:prepare-failed 0:handover-failed");
 }
 
@@ -205,7 +207,7 @@ TEST(Verdict, ReadsTheScriptForWhatARunCannotShow) {
     };
     for (const auto &row : rows) {
         Rehearsed run(row.line, "error : script line 9 of 300 characters, the limit is 255\n");
-        run.rehearsal.status = 255 << 8;
+        run.record.status = 255 << 8;
         EXPECT_EQ(run.Told().substr(run.Judged().lines.size()), row.told + std::string(" 9:line-too-long")) << row.line;
     }
 }
@@ -244,7 +246,7 @@ TEST(Verdict, ReadsEnvironmentsBackFromTheChip) {
     for (const auto &row : rows) {
         Rehearsed run(row.script, "");
         for (const UpdateLine &line : ReadUpdateLines(row.script))
-            run.rehearsal.err += "write " + line.Name() + " = " + line.Value() + " to env\n";
+            run.record.err += "write " + line.Name() + " = " + line.Value() + " to env\n";
         run.chip.Erase(1);
         setBlock(run, 1, row.fill, row.isSealed);
         EXPECT_EQ(run.Told(), row.told) << row.script << " " << row.fill;
@@ -254,7 +256,7 @@ TEST(Verdict, ReadsEnvironmentsBackFromTheChip) {
         Rehearsed laid("write 4000 8000 one\nsetenv 4000 4000 a b\n", Begun("one", "4000", "8000") + kDone + changed);
         laid.chip.Erase(1);
         setBlock(laid, 1, 20, true);
-        laid.rehearsal.contents["one"] = std::string(0x4000 - free - 1, 'x').append(free + 1, '\0');
+        laid.record.contents["one"] = std::string(0x4000 - free - 1, 'x').append(free + 1, '\0');
         EXPECT_EQ(laid.Told(), free == 4 ? "CC" : "CC 2:environment-lost");
     }
     Rehearsed run("setenv 0 8000 a b", changed);
@@ -262,15 +264,15 @@ TEST(Verdict, ReadsEnvironmentsBackFromTheChip) {
     run.chip.Erase(0);
     setBlock(run, 0, 20, true);
     EXPECT_NE(run.Judged().findings.at(0).happens.find("the last 16384 bytes"), std::string::npos);
-    run.rehearsal.trace = "note: page at 0x200 read without valid ECC\nnote: page at 0xfc000 read without valid ECC\n";
+    run.record.trace = "note: page at 0x200 read without valid ECC\nnote: page at 0xfc000 read without valid ECC\n";
     EXPECT_EQ(run.Told(), "C 0:unsound-read 1:environment-lost 1:environment-damaged");
 }
 
 TEST(Verdict, TellsWhatWasProgrammedUnerased) {
     Rehearsed run("write 0 8000 one\nubiformat /dev/mtd9 one\n",
                   Begun("one", "0", "8000") + kDone + "ubiformat /u/one to <MTD> /dev/mtd9\n");
-    run.rehearsal.out =
-        "prepare ubi ...\nexecute /bin/sh status 0\nexecute /tmp/update/ubiformat status 0\n" + run.rehearsal.out;
+    run.record.out =
+        "prepare ubi ...\nexecute /bin/sh status 0\nexecute /tmp/update/ubiformat status 0\n" + run.record.out;
     EXPECT_EQ(run.Told(), "CC");
     const std::uint8_t byte = 0;
     NandChip::PageProgram program;
@@ -278,9 +280,9 @@ TEST(Verdict, TellsWhatWasProgrammedUnerased) {
     program.length = 1;
     run.chip.Program(0x80000 / 512, program);
     EXPECT_EQ(run.Told(), "CC 2:unerased");
-    run.rehearsal.trace = "note: page at 0x200 programmed over unerased bits\n";
+    run.record.trace = "note: page at 0x200 programmed over unerased bits\n";
     EXPECT_EQ(run.Told(), "CC 1:unerased 2:unerased");
-    run.rehearsal.out.replace(run.rehearsal.out.find("ubiformat status 0"), 18, "ubiformat status 256");
+    run.record.out.replace(run.record.out.find("ubiformat status 0"), 18, "ubiformat status 256");
     EXPECT_EQ(run.Told(), "CC 1:unerased 2:format-failed 2:unerased");
 }
 
@@ -292,13 +294,13 @@ TEST(Verdict, TakesPercentagesForANoteUntilALineFails) {
         {{50, 100}, nullptr},
         {{}, nullptr},
         {{50, 150},
-         "the percentages pass 100, up to 150; more blocks than counted come from line 1 (a write of whole "
+         "the percentages exceed 100, up to 150; more blocks than counted in line 1 (a write of whole "
          "blocks and any writeoob)"},
         {{60, 40, 90}, "the percentages fall from 60 to 40, end at 90"},
     };
     for (const auto &row : rows) {
         Rehearsed run("write 0 8000 one\n", Begun("one", "0", "8000") + kDone);
-        run.rehearsal.trace = Percentages(row.percentages);
+        run.record.trace = Percentages(row.percentages);
         const Verdict verdict = run.Judged();
         EXPECT_EQ(verdict.percentages, row.percentages);
         EXPECT_TRUE(verdict.IsClean());
@@ -308,11 +310,11 @@ TEST(Verdict, TakesPercentagesForANoteUntilALineFails) {
         }
     }
     Rehearsed failed("erase 0 0\n", Erased("0", "0"));
-    failed.rehearsal.trace = Percentages({101});
+    failed.record.trace = Percentages({101});
     EXPECT_EQ(failed.Judged().findings[0].severity, Severity::Warning);
     Rehearsed dumb("setenv a b\n", "write a = b to env\n");
-    dumb.rehearsal.trace = "system \"/bin/bootvars -s a b\"\nreturned from system: 32512\n" + kNotify +
-                           "100\"\nreturned from system: 256\n";
+    dumb.record.trace = "system \"/bin/bootvars -s a b\"\nreturned from system: 32512\n" + kNotify +
+                        "100\"\nreturned from system: 256\n";
     EXPECT_EQ(dumb.Told(), "C 0:notify-failed 1:tool-failed");
 }
 
@@ -323,12 +325,12 @@ TEST(Verdict, GoesIntoAReportAndOntoTheTerminal) {
     const Verdict verdict = run.Judged();
     EXPECT_EQ(VerdictText(verdict, "script"),
               "script:1: room: one fills 1 of 2 blocks and bears 1 bad one, 1 of them here\n"
-              "script:2: error: burn: the line is passed over; use write, writeoob, erase, setenv or ubiformat, in "
+              "script:2: error: burn: the line is skipped; use write, writeoob, erase, setenv or ubiformat, in "
               "lower case [unknown-command]\n"
               "verdict: NOT clean: 1 error, 1 of 2 lines carried out\n");
     const std::string path = testing::TempDir() + "verdict" + std::to_string(getpid());
     SimState::Create(path, {});
-    const nlohmann::ordered_json report = MakeReport(run.rehearsal, verdict, run.chip, SimState(path));
+    const nlohmann::ordered_json report = MakeReport(run.record, verdict, run.chip, SimState(path));
     unlink(path.c_str());
     EXPECT_EQ(report["verdict"], "findings");
     EXPECT_EQ(report["chip"]["badBlocks"].dump(), "[1]");

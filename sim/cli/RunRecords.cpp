@@ -1,0 +1,16 @@
+#include "cli/RunRecords.h"
+
+RunRecord RecordOf(const RunSettings &settings, const RunOutcome &outcome, const SimState &state) {
+    RunRecord record;
+    record.script = outcome.script;
+    record.files = outcome.files;
+    record.contents = outcome.contents;
+    record.devices = state.Devices();
+    record.status = outcome.status;
+    record.out = outcome.out;
+    record.err = outcome.err;
+    record.trace = state.TraceText();
+    record.cutPlace = state.CutPlace();
+    record.absent = AbsentTroubles(settings.sim, state);
+    return record;
+}

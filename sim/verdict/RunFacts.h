@@ -1,0 +1,105 @@
+#pragma once
+
+#include "chip/NandChip.h"
+#include "mtd/SimState.h"
+#include "mtd/TraceCalls.h"
+#include "verdict/FlashRanges.h"
+#include "verdict/RunStory.h"
+#include "verdict/UpdateLines.h"
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// What a rehearsed run was and left behind, as recorded.
+struct RunRecord {
+    std::string script;                          ///< bytes of the script file
+    std::map<std::string, std::int64_t> files;   ///< sizes of the files that words of the script name; -1: not regular
+    std::map<std::string, std::string> contents; ///< bytes of the small ones among those files
+    std::vector<SimDevice> devices;              ///< as "/proc/mtd" lists them
+    int status = 0;                              ///< of the updater, as waitpid gives it
+    std::string out;                             ///< all standard output
+    std::string err;                             ///< all standard error
+    std::string trace;                           ///< SimState::TraceText
+    std::string cutPlace;                        ///< SimState::CutPlace
+    std::vector<std::string> absent;             ///< AbsentTroubles of the run's settings
+};
+
+/// What is known of one script line.
+struct LineVerdict {
+    UpdateLine line;
+    LineResult result = LineResult::NeverRan;
+    // Of a write or writeoob whose range is on the flash and whose image exists:
+    std::optional<std::int64_t> rangeBlocks; ///< blocks of the range
+    std::optional<std::int64_t> imageBlocks; ///< blocks that the image fills, the last one perhaps in part
+    std::int64_t badBlocks = 0;              ///< bad blocks in the range on this chip
+
+    /// @return how many bad blocks the range can have, those of this chip included, before the image no longer fits;
+    ///         negative when the image never fits; nothing when that isn't known.
+    std::optional<std::int64_t> SpareBlocks() const;
+
+    /// @return whether the updater began to carry out the line.
+    bool HasRun() const { return result == LineResult::Clean || result == LineResult::Failed; }
+    /// @return whether the line changed a variable in an environment block on the flash.
+    bool ChangedVariable() const { return line.kind == LineKind::SetEnv && result == LineResult::Clean; }
+};
+
+/// A call of the notify script.
+struct NotifyCall {
+    int percent;
+    int status; ///< as waitpid gives it; -1 when the call never returned
+};
+
+/// Where the updater expects the notify script.
+constexpr const char *kNotifyScript = "/tmp/update/progress_script.sh";
+
+// What the simulated device notes in the trace about a page.
+constexpr const char *kUnsoundReadNote = "read without valid ECC";
+constexpr const char *kUnerasedNote = "programmed over unerased bits";
+
+/// The facts of a run that checks judge: the record, the chip after the run, and what follows from both.
+/// Offsets are bytes in the whole flash.
+struct RunFacts {
+    /// @param record,chip must outlive the facts; the chip is as the run left it, with its marks
+    RunFacts(const RunRecord &record, const NandChip &chip);
+    RunFacts(const RunFacts &) = delete;
+    RunFacts &operator=(const RunFacts &) = delete;
+
+    /// @return bytes of a line's image file; nothing when there is none or the file isn't regular.
+    std::optional<std::int64_t> ImageSize(const UpdateLine &line) const;
+
+    /// @return bytes of a line's image for one page: with OOB for `writeoob`.
+    std::int64_t RecordSize(const UpdateLine &line) const;
+
+    /// @return WholeFlash::RangeOf.
+    std::optional<FlashRange> RangeOf(const LineVerdict &line) const { return flash.RangeOf(line.line); }
+
+    /// @return whether a line's range holds a bad block.
+    bool HasBadBlocks(const LineVerdict &line) const;
+
+    /// @return the last line that ran and whose range holds an offset; nullptr for none.
+    const UpdateLine *WriterOf(std::int64_t offset) const;
+
+    /// @return the first line that changed a variable in a range that holds an offset; nullptr for none.
+    const UpdateLine *ChangerOf(std::int64_t offset) const;
+
+    /// @return the offsets of the pages that have a note of this text in the trace, in order.
+    std::vector<std::int64_t> NotedPages(const std::string &text) const;
+
+    /// @return the calls of the notify script, in order.
+    std::vector<NotifyCall> NotifyCalls() const;
+
+    const RunRecord &record;
+    const NandChip &chip;
+    WholeFlash flash;
+    TraceCalls calls;
+    bool wasCut;      ///< the updater was ended from outside: a power cut or a signal
+    bool isScriptCut; ///< the updater doesn't see the script's end
+    RunStory story;   ///< its lines are those of `lines`
+    std::vector<LineVerdict> lines;
+};
+
+/// @return those of the requested cut and faults that the run never reached: "cut 100: there were 65 changes".
+std::vector<std::string> AbsentTroubles(const SimSettings &asked, const SimState &state);

@@ -1,0 +1,51 @@
+#include "base/Text.h"
+#include "verdict/Checks.h"
+
+namespace {
+
+/// What a device's shell doesn't take for plain text, in a word and at its beginning.
+constexpr const char *kShellCharacters = "$`\"'\\|&;<>()*?[";
+constexpr const char *kShellBeginnings = "#~";
+
+void CheckNumber(const UpdateLine &line, std::size_t token, const ScriptNumber &number,
+                 std::vector<Finding> &findings) {
+    if (number.isForeign || number.isBeyond)
+        findings.push_back(ForLine(line, FindingId::Number, line.tokens[token] + " is read as " + Hex(number.value),
+                                   number.isBeyond ? "use at most 0x7fffffff" : ""));
+}
+
+void CheckLine(const UpdateLine &line, std::vector<Finding> &findings) {
+    if (line.IsTurnedLong()) {
+        findings.push_back(ForLine(line, FindingId::SetenvLong,
+                                   "five words or more are the long form: " + line.tokens[1] + " is read as offset " +
+                                       Hex(line.offset.value) + ", " + line.tokens[2] + " as size " +
+                                       Hex(line.size.value) + ", " + line.Name() + " as the name"));
+        return;
+    }
+    if (line.hasRange) {
+        CheckNumber(line, 1, line.offset, findings);
+        CheckNumber(line, 2, line.size, findings);
+    }
+    if (line.tokens.size() > line.usedTokens && line.tokens[line.usedTokens][0] != '#')
+        findings.push_back(ForLine(line, FindingId::IgnoredWords,
+                                   line.tokens[line.usedTokens] + " and everything after it is ignored"));
+    if (line.kind != LineKind::HandEnv)
+        return;
+    for (const std::string &text : {line.Name(), line.Value()}) {
+        if (text.find_first_of(kShellCharacters) != std::string::npos || text.find_first_of(kShellBeginnings) == 0)
+            findings.push_back(
+                ForLine(line, FindingId::ShellText, "a shell changes " + text + " on the way to /bin/bootvars"));
+    }
+}
+
+} // namespace
+
+/// Words that don't mean what they seem to.
+std::vector<Finding> CheckWords(const RunFacts &facts) {
+    std::vector<Finding> findings;
+    for (const LineVerdict &line : facts.lines) {
+        if (line.line.isComplete)
+            CheckLine(line.line, findings);
+    }
+    return findings;
+}
