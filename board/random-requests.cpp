@@ -164,7 +164,7 @@ void Seek() {
     PrintReturn(lseek(file, sent, whence));
 }
 
-/// Moves to a good place for a read or write; without, most would meet the device's end.
+/// Mostly seeks to a page: at the current position most reads and writes would meet the device's end.
 void SeekToPage() {
     if (OneIn(4))
         return;

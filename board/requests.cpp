@@ -1,5 +1,5 @@
-// Makes a fixed list of requests of an MTD device and prints what each gave, a line a request. Its output on the
-// kernel and on the simulator has to be the same. It knows nothing of either.
+// Makes a fixed list of requests of an MTD device and prints the result of each, one a line. The output must be the
+// same on the kernel and on the simulator.
 //
 // The last argument is the device: an erased chip of 128 KiB blocks and 2 KiB pages with 64 bytes OOB, whose block 5
 // is bad.
@@ -25,7 +25,7 @@ constexpr std::uint64_t kNegative = ~std::uint64_t{0} - kPage + 1;
 
 const char *path; ///< of the device
 int device = -1;
-void *volatile nowhere = nullptr; ///< a null pointer that the compiler does not know for one
+void *volatile nowhere = nullptr; ///< a null pointer that the compiler does not recognise
 
 void PrintFile(const std::string &name) {
     std::ifstream file(name);
@@ -45,7 +45,7 @@ void Seek(std::int64_t offset, int whence) {
     PrintResult(lseek(device, static_cast<off_t>(offset), whence));
 }
 
-/// Without a seek in front: goes on where the last one ended.
+/// Reads at the current position.
 void ReadOn(std::uint64_t length) {
     Bytes bytes(static_cast<std::size_t>(length), 0xA5);
     std::printf("read %" PRIu64, length);
@@ -123,13 +123,13 @@ void ReadOob(std::uint64_t start, std::uint32_t length, bool null = false) {
         std::printf("    oob %08x\n", Digest(oob.data(), length));
 }
 
-/// What a page holds now, as a normal reader sees it and in its spare bytes.
+/// The contents of a page: data as a normal reader sees them, and OOB bytes.
 void Look(std::uint64_t offset) {
     Read(offset, kPage);
     ReadOob(offset, kOob);
 }
 
-/// Where a program looks for the device before it opens it.
+/// The files that a program reads before it opens the device.
 void Files() {
     const std::string number = std::string(path).substr(std::strlen("/dev/mtd"));
     for (const char *name : {"size", "erasesize", "writesize", "oobsize"})
@@ -189,7 +189,7 @@ void NormalWrites(std::uint64_t size) {
     WriteOn(kPage, 8);
     Write(size, 0, 9);
     Look(size - kPage);
-    // Over bits that are programmed: they stay.
+    // Programmed bits stay programmed.
     Write(0, kPage, 10);
     ReadOob(0, kOob);
     Write(9 * kPage, kBlock, 11);
@@ -219,7 +219,7 @@ void Erases(std::uint64_t size) {
     Erase(std::uint64_t{1} << 32, kBlock);
     Erase(0, std::uint64_t{1} << 32);
     EraseOld(0x80000000, kBlock);
-    // Up to the bad block the range is erased, behind it nothing.
+    // The range is erased up to the bad block; blocks after the bad one are not erased.
     Write(kBad - kBlock, kBlock, 21);
     Write(kBad + kBlock, kBlock, 22);
     Erase(kBad - kBlock, 3 * kBlock);
@@ -235,8 +235,8 @@ void Erases(std::uint64_t size) {
 
 void PageWrites(std::uint64_t size) {
     std::uint64_t at = 16 * kBlock;
-    // A raw write leaves no ECC: a later normal read turns bits.
-    // Other modes than these three are left out: Linux 6.1 never returns from them.
+    // A raw write leaves no ECC: a later normal read changes bits.
+    // Other modes are left out: Linux 6.1 never returns from them.
     for (const int mode : {MTD_OPS_RAW, MTD_OPS_PLACE_OOB, MTD_OPS_AUTO_OOB}) {
         for (const Pointers pointers : {kBoth, kDataOnly, kOobOnly, kNeither}) {
             WritePages(at, kPage, kOob, pointers, mode);
@@ -312,7 +312,7 @@ void OobRequests(std::uint64_t size) {
         ReadOob(offset, kOob);
         ReadOob(offset, 2 * kOob);
     }
-    // The mark of a bad block, written by hand, isn't seen before the device is looked through again.
+    // A bad block mark that is written as OOB bytes has no effect before the next scan of the chip.
     WriteOob(60 * kBlock, kOob);
     IsBad(60 * kBlock);
     ReadOob(kBad, kOob);
@@ -342,7 +342,7 @@ void Rights() {
 
 int main(int argc, char *argv[]) {
     path = argv[argc - 1];
-    // A request that never returns is the last one to be seen.
+    // A request that never returns is the last one in the output.
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     Files();
     Open(O_RDWR, "for both");

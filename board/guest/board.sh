@@ -1,5 +1,5 @@
 # shellcheck shell=dash disable=SC2034
-# What the cases share. The chip has 2048 blocks of 64 pages.
+# Functions of the cases. The chip has 2048 blocks of 64 pages.
 
 page=2048
 block=131072
@@ -29,14 +29,14 @@ remove_flash() {
     ! grep -q ^nandsim /proc/modules
 } >/dev/null 2>&1
 
-# run COMMAND...: leaves its streams in the files out and err, and how it ended in $status.
+# run COMMAND...: writes its output to the files out and err, and its exit status to $status.
 run() {
     status=0
     "$@" >out 2>err || status=$?
 }
 
-# update: runs the updater on the folder update with the script on standard input; it has to end with 0.
-# The second argument keeps it from notifying anyone.
+# update: runs the updater on the folder update with the script on standard input; the exit status must be 0.
+# The second argument disables the notify script.
 update() {
     mkdir -p update
     cat >update/flashrig.script
@@ -50,13 +50,13 @@ says() { diff - "$1"; }
 # noise START COUNT: a piece of 4 MiB of noise that is the same on every board.
 noise() { tail -c "+$(($1 + 1))" /noise | head -c "$2"; }
 
-# fill OFFSET BLOCKS [BAD]: programs the good blocks of a range, BAD of them aren't, with noise and its ECC.
+# fill OFFSET BLOCKS [BAD]: programs the good blocks of a range with noise and its ECC; BAD of the blocks are bad.
 fill() {
     flash_erase -q /dev/mtd0 "$1" "$2"
     noise 0 $((($2 - ${3:-0}) * block)) | nandwrite -q -s "$1" /dev/mtd0 - >/dev/null
 }
 
-# cells OFFSET BLOCKS: the cells of a range as they are, spare bytes and bad blocks too, without the ECC's help.
+# cells OFFSET BLOCKS: the cells of a range with OOB bytes and bad blocks, uncorrected.
 cells() { nanddump -q --noecc --oob --bb=dumpbad -s "$1" -l $(($2 * block)) /dev/mtd0; }
 
 # same_cells OFFSET OTHER BLOCKS: two ranges of the chip are equal in every cell.
@@ -66,18 +66,18 @@ same_cells() {
     cmp cells.one cells.two
 }
 
-# data OFFSET BYTES: the data of the good blocks of a range, without the ECC's help.
+# data OFFSET BYTES: the data of the good blocks of a range, uncorrected.
 data() { nanddump -q --noecc --omitoob --bb=skipbad -s "$1" -l "$2" /dev/mtd0; }
 
-# no_ecc_events: the kernel has neither corrected a bit nor given up on one since the chip is there.
+# no_ecc_events: since the chip was made, the kernel has corrected no bit and found no uncorrectable page.
 no_ecc_events() { [ "$(cat /sys/class/mtd/mtd0/corrected_bits /sys/class/mtd/mtd0/ecc_failures)" = "$(printf '0\n0')" ]; }
 
-# The applications that an update stops, and the one that nobody stops.
+# The applications that an update stops, and one that it does not stop.
 applications="HeartGuard lens_steward linkpilot flow_core FlowRunner toolkitd SignalHub remote_rx port_mux Panel-Face webnest"
 bystander=bystander
 
-# occupy_opt: a device at work. /opt is UBIFS on mtd9, parts of it are mounted elsewhere, the applications run, and
-# two more processes sit in /opt, one of them deaf to SIGTERM. mtd10 stands for the whole flash.
+# occupy_opt: makes a unit in use. /opt is UBIFS on mtd9, parts of it are mounted elsewhere, the applications run, and
+# two more processes have /opt as working folder; one of them ignores SIGTERM. mtd10 has the name of the whole flash.
 occupy_opt() {
     new_flash parts=8,8,8,8,8,8,8,8,8,200
     umount /proc/mtd
@@ -101,7 +101,7 @@ occupy_opt() {
     sleep 1
 }
 
-# opt_is_free: of all that nothing is left but the bystander.
+# opt_is_free: mounts and processes are gone, except for the bystander.
 opt_is_free() {
     sleep 1
     for name in $applications; do

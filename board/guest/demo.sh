@@ -1,5 +1,5 @@
 # shellcheck shell=dash source=board/guest/board.sh
-# One update from an image file, as the user of a device sees it, and the flash read back with other tools.
+# One update from an image file, as a user sees it, and the flash read back with mtd-utils.
 . /board.sh
 new_flash badblocks=20,37,38
 

@@ -2,8 +2,8 @@
 /*
  * Lets the kernel's NAND simulator take a raw page without OOB bytes, as real chips do.
  *
- * The simulator counts the bytes of a page program and refuses fewer than data and spare area together. The spare
- * bytes added here are all 0xFF: programming only clears bits, so they change no cell.
+ * The simulator counts the bytes of a page program and refuses fewer than data and OOB area together. The OOB
+ * bytes added here are all 0xFF: programming only clears bits, so no cell changes.
  */
 #include <linux/module.h>
 #include <linux/mtd/mtd.h>

@@ -1,6 +1,6 @@
 # shellcheck shell=dash source=board/guest/board.sh
-# An erase leaves 0xFF in its good blocks alone; a range that isn't whole blocks is left as it is, and one that goes
-# on behind the chip is erased as far as there is a chip.
+# An erase changes the good blocks of its range only. A range that is not whole blocks is not erased; a range that
+# passes the chip's end is erased up to the end.
 . /board.sh
 new_flash badblocks=34,66
 

@@ -1,5 +1,5 @@
 # shellcheck shell=dash source=board/guest/board.sh
-# An update image: unpacked by the device's script, percentages to its notify script, hand-over to its own updater.
+# An update image: the system's script unpacks it, percentages go to its notify script, its own updater takes over.
 . /board.sh
 new_flash
 
@@ -27,7 +27,7 @@ for copy in "" flashrig; do
     tar -cf image -C tree .
     run flashrig image
     [ "$status" -eq 0 ]
-    # Sorted: each program writes its lines when it ends.
+    # Sorted: each program flushes its output at its end.
     {
         [ -z "$copy" ] || echo "new program detected, running /tmp/update/flashrig /tmp/update"
         echo "running update script /tmp/update/flashrig.script"

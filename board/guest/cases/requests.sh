@@ -1,5 +1,5 @@
 # shellcheck shell=dash source=board/guest/board.sh
-# What the kernel gives for a list of requests; the simulator has to give the same.
+# The kernel's results for a list of requests; the simulator's must be the same.
 . /board.sh
 new_flash badblocks=5
 requests /dev/mtd0

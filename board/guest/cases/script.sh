@@ -1,5 +1,5 @@
 # shellcheck shell=dash source=board/guest/board.sh
-# A script with the line ends of every kind of editor; the short setenv goes to the device's own tool.
+# A script with the line ends of all editors; the short setenv runs the system's tool.
 . /board.sh
 new_flash
 

@@ -1,5 +1,5 @@
 # shellcheck shell=dash source=board/guest/board.sh
-# The long form changes a variable in an environment on the chip: entries, zero tail, seal, and the ECC of each page.
+# The long form changes a variable in an environment on the chip: entries, zero tail, CRC, and the ECC of each page.
 . /board.sh
 new_flash badblocks=65,67
 
@@ -13,7 +13,7 @@ environment() {
     cat area
 }
 
-# The seal of the block that lies there is worth nothing, and that doesn't matter.
+# The block on the flash has an invalid CRC, which does not matter.
 fill 0x400000 3
 fill 0xc00000 3
 flash_erase -q /dev/mtd0 0x420000 1
@@ -27,13 +27,13 @@ says err <<TEXT
 write rootfs = mtd5 to env
 write bootcount = 1=2 to env
 TEXT
-environment $block bootdelay=3 rootfs=mtd5 console=ttyS0 bootcount=1=2 >sealed
+environment $block bootdelay=3 rootfs=mtd5 console=ttyS0 bootcount=1=2 >expected
 flash_erase -q /dev/mtd0 0xc20000 1
-nandwrite -q -s 0xc20000 /dev/mtd0 sealed
+nandwrite -q -s 0xc20000 /dev/mtd0 expected
 same_cells 0x400000 0xc00000 3
-nanddump -q -s 0x420000 -l $block /dev/mtd0 | cmp - sealed
+nanddump -q -s 0x420000 -l $block /dev/mtd0 | cmp - expected
 
-# Block 64 is good and 65 is bad: what belongs there is written nowhere. Block 67 is all that the last line has.
+# Block 64 is good and 65 is bad: the second half is lost. The range of the last line is block 67 alone.
 flash_erase -q /dev/mtd0 0x800000 1
 environment $((2 * block)) a=1 b=2 | head -c $block | nandwrite -q -s 0x800000 /dev/mtd0 - >/dev/null
 update <<SCRIPT
@@ -46,10 +46,10 @@ write a = 3 to env
 warning : skip bad block at 860000
 write a = 3 to env
 TEXT
-environment $((2 * block)) a=3 b=2 | head -c $block >sealed
-nanddump -q -s 0x800000 -l $block /dev/mtd0 | cmp - sealed
+environment $((2 * block)) a=3 b=2 | head -c $block >expected
+nanddump -q -s 0x800000 -l $block /dev/mtd0 | cmp - expected
 
-# A range behind the chip's end can't be read, so nothing of it is erased.
+# A range that passes the chip's end can't be read, so nothing is erased.
 fill 0xffe0000 1
 cells 0xffe0000 1 >before
 update <<SCRIPT

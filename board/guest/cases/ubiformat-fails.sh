@@ -1,5 +1,5 @@
 # shellcheck shell=dash source=board/guest/board.sh
-# A ubiformat line that can't be carried out has freed the partition all the same, writes nothing and ends the script.
+# A ubiformat line that fails writes nothing and ends the script; the partition is freed nevertheless.
 . /board.sh
 occupy_opt
 

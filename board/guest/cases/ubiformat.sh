@@ -1,5 +1,5 @@
 # shellcheck shell=dash source=board/guest/board.sh
-# A partition in full use is handed to ubiformat: applications, mounts and UBI go, the new file system comes.
+# ubiformat replaces the file system of a partition in use; applications, mounts and UBI are gone before.
 . /board.sh
 occupy_opt
 

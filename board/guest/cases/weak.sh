@@ -1,6 +1,6 @@
 # shellcheck shell=dash source=board/guest/board.sh
-# A page or block that fails for the kernel ends a write where it is; a failed erase lets the script go on.
-# The simulated chip programs a weak page, and blanks a weak block, before it says that it failed.
+# A page or block that fails ends a write; after a failed erase the script continues.
+# The simulated chip programs a weak page, and erases a weak block, before it reports the failure.
 . /board.sh
 # Both fail from the second time on: page 2 of block 33, which is page 2114 of the chip, and block 48.
 new_flash weakpages=2114:1 weakblocks=48:1

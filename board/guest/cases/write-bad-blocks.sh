@@ -1,5 +1,5 @@
 # shellcheck shell=dash source=board/guest/board.sh
-# A write passes over bad blocks at the start, in the middle and at the end of its range.
+# A write skips bad blocks at the start, in the middle and at the end of its range.
 . /board.sh
 new_flash badblocks=33,36,38,65,68,70
 

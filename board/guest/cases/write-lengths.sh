@@ -1,5 +1,5 @@
 # shellcheck shell=dash source=board/guest/board.sh
-# Plain writes of the lengths that matter, page and block borders, between neighbours that must stay.
+# Writes of lengths around page and block borders, between neighbours that must not change.
 . /board.sh
 new_flash
 
@@ -22,14 +22,14 @@ SCRIPT
     } | says err
     data 0x420000 $length | cmp - update/image
 
-    # What the reference tools make of the same blocks.
+    # The reference tools on the same blocks.
     fill 0x800000 16
     flash_erase -q /dev/mtd0 0x820000 $blocks
     nandwrite -q -n -p -s 0x820000 /dev/mtd0 update/image
     same_cells 0x400000 0x800000 16
 done
 
-# The chip's last two blocks: nothing tells of a file's end that comes with the chip's.
+# The chip's last two blocks: no message is printed when the file ends at the chip's end.
 noise 0 $((2 * block)) >update/image
 update <<SCRIPT
 write ffc0000 40000 image

@@ -1,5 +1,5 @@
 # shellcheck shell=dash source=board/guest/board.sh
-# An image with its spare bytes, dumped elsewhere on the chip, reads back with its ECC behind a bad block.
+# An image with OOB bytes, dumped elsewhere on the chip, reads back with its ECC after a bad block.
 . /board.sh
 new_flash badblocks=34,66
 

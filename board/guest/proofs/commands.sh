@@ -1,5 +1,5 @@
 # shellcheck shell=dash source=board/guest/board.sh
-# What mtd-utils and libubootenv print and do for a list of commands, on large and on small pages.
+# Output and effects of mtd-utils and libubootenv for a list of commands, on large and on small pages.
 . /board.sh
 
 mkdir -p /var/lock

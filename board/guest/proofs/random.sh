@@ -1,5 +1,5 @@
 # shellcheck shell=dash source=board/guest/board.sh source=board/guest/geometries.sh
-# What the kernel gives for random requests, on whole chips and on partitions.
+# The kernel's results for random requests, on whole chips and on partitions.
 . /board.sh
 . /geometries.sh
 
