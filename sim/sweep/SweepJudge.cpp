@@ -142,7 +142,7 @@ std::size_t SweepJudge::FindUnsealed(const NandChip &chip, const RunOutcome &cut
         const std::vector<std::uint32_t> blocks = m_flash.Blocks(*range);
         const bool isTouched =
             std::any_of(blocks.begin(), blocks.end(), [&](std::uint32_t block) { return chip.IsTouched(block); });
-        if (isTouched && HasValidSeal(m_flash.Read(*range)) && !HasValidSeal(flash.Read(*range)))
+        if (isTouched && HasValidCrc(m_flash.Read(*range)) && !HasValidCrc(flash.Read(*range)))
             return LineInProgress(cut);
     }
     return 0;

@@ -75,8 +75,8 @@ std::vector<char> WholeFlash::Read(const FlashRange &range) const {
     return bytes;
 }
 
-bool HasValidSeal(const std::vector<char> &environment) {
-    UEnvTool sealed(environment.data(), static_cast<int>(environment.size()));
-    sealed.UpdateCRC();
-    return std::equal(environment.begin(), environment.end(), sealed.m_pBlock);
+bool HasValidCrc(const std::vector<char> &environment) {
+    UEnvTool updated(environment.data(), static_cast<int>(environment.size()));
+    updated.UpdateCRC();
+    return std::equal(environment.begin(), environment.end(), updated.m_pBlock);
 }

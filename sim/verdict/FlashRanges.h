@@ -60,5 +60,5 @@ private:
     bool m_hasDevice;
 };
 
-/// @return whether the seal of a boot environment block is that of its bytes.
-bool HasValidSeal(const std::vector<char> &environment);
+/// @return whether the CRC of a boot environment block matches its bytes.
+bool HasValidCrc(const std::vector<char> &environment);

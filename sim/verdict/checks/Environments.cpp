@@ -79,13 +79,13 @@ void CheckFinalEnvironment(const RunFacts &facts, const FlashRange &range, const
     const UEnvTool block(bytes.data(), static_cast<int>(bytes.size()));
     const auto bad = static_cast<std::int64_t>(facts.flash.BadBlocks(range).size());
     const std::size_t excess = ExcessOf(bytes);
-    if (!HasValidSeal(bytes) && bad > 0) {
+    if (!HasValidCrc(bytes) && bad > 0) {
         findings.push_back(ForLine(last, FindingId::EnvironmentLost,
                                    "its range holds " + Count(bad, "bad block") + ": the last " +
                                        std::to_string(bad * facts.flash.EraseSize()) +
                                        " bytes of the environment are lost",
                                    "nothing in the update: this device's environment needs good blocks"));
-    } else if (!HasValidSeal(bytes)) {
+    } else if (!HasValidCrc(bytes)) {
         findings.push_back(
             ForLine(last, FindingId::EnvironmentLost, "the block has an invalid CRC when the update ends"));
     } else if (excess > 0) {

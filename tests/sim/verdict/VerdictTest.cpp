@@ -1,8 +1,10 @@
 #include "verdict/Verdict.h"
 #include "UEnvTool.h"
 #include "report/Report.h"
+#include "verdict/UsedChip.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -18,7 +20,8 @@ namespace {
 struct Rehearsed {
     explicit Rehearsed(const std::string &script, const std::string &err = "") {
         record.script = script;
-        record.files = {{"empty", 0}, {"one", 0x4000}, {"two", 0x4001}, {"raw", 32 * 528 + 1}, {"pipe", -1}};
+        record.files = {{"empty", 0},          {"one", 0x4000},  {"two", 0x4001},
+                        {"raw", 32 * 528 + 1}, {"full", 0x8000}, {"pipe", -1}};
         record.devices = {{9, "opt", 0x80000, 0x78000}, {12, "all", 0, 0x100000}};
         record.out = "running update script /u/flashrig.script\n";
         record.err = err;
@@ -35,6 +38,14 @@ struct Rehearsed {
                 chip.Erase(page / 32);
             chip.Program(page, blank);
         }
+    }
+
+    /// What happens and what to change, by finding, of one kind.
+    std::string Texts(const std::string &kind) const {
+        std::string texts;
+        for (const Finding &finding : Judged().findings)
+            texts += finding.kind == kind ? finding.happens + "; " + finding.change + "\n" : "";
+        return texts;
     }
 
     Verdict Judged() const { return Judge(RunFacts(record, chip)); }
@@ -177,6 +188,7 @@ TEST(Verdict, ReadsTheScriptForWhatARunCannotShow) {
         {"erase 0 0x", " 1:number 1:empty-range"},
         {"erase 16k 4000", " 1:number 1:misaligned"},
         {"erase 0 100000000", " 1:number 1:misaligned"},
+        {"erase 2000 2000", " 1:misaligned"},
         {"erase -4000 8000", " 1:off-chip"},
         {"write fc000 8000 one", " 1:off-chip"},
         {"write 0 8000 one", ""},
@@ -201,6 +213,7 @@ TEST(Verdict, ReadsTheScriptForWhatARunCannotShow) {
         {"write 0 c000 two\rsetenv 0 4000 a b", " 2:overlap"},
         {"write 0 8000 one\rwrite 4000 8000 one", " 2:overlap"},
         {"setenv 4000 4000 a b\rerase 0 8000", " 2:overlap"},
+        {"write 0 8000 one\rsetenv 0 8000 a b\rerase 8000 4000", ""},
         {"setenv 4000 4000 a b\rsetenv 4000 8000 a b", " 2:overlap"},
         {"write 80000 8000 one\rubiformat /dev/mtd9 one", " 2:overlap"},
         {"ubiformat /dev/mtd9 one\rsetenv 80000 4000 a b", " 2:overlap"},
@@ -213,14 +226,15 @@ TEST(Verdict, ReadsTheScriptForWhatARunCannotShow) {
 }
 
 TEST(Verdict, ReadsEnvironmentsBackFromTheChip) {
-    const auto setBlock = [](Rehearsed &run, std::uint32_t block, std::size_t fill, bool isSealed,
-                             bool isVariable = true) {
+    const auto setBlock = [](Rehearsed &run, std::uint32_t block, std::size_t fill, bool hasCrc,
+                             const char *name = "x=") {
         std::vector<char> bytes(0x4000, '\0');
         std::fill_n(bytes.begin() + 4, fill, 'x');
-        bytes[5] = isVariable ? '=' : 'x';
+        bytes[4] = name[0];
+        bytes[5] = name[1];
         UEnvTool environment(bytes.data(), 0x4000);
         environment.SetEnv("a", "b");
-        environment.m_pBlock[0] = static_cast<char>(environment.m_pBlock[0] + (isSealed ? 0 : 1));
+        environment.m_pBlock[0] = static_cast<char>(environment.m_pBlock[0] + (hasCrc ? 0 : 1));
         for (std::uint32_t page = 0; page < 32; ++page) {
             NandChip::PageProgram program;
             program.data = reinterpret_cast<const std::uint8_t *>(environment.m_pBlock) + std::size_t{page} * 512;
@@ -233,10 +247,16 @@ TEST(Verdict, ReadsEnvironmentsBackFromTheChip) {
     const struct {
         const char *script;
         std::size_t fill; ///< bytes of another variable; it, "a=b" and their two zeros may take all but 8
-        bool isSealed;
+        bool hasCrc;
         const char *told;
+        const char *name = "x=";
     } rows[] = {
         {"setenv 4000 4000 a b", 20, true, "C"},
+        {"setenv 4000 4000 a b", 20, true, "C 1:environment-damaged", "xx"},
+        {"setenv 4000 4000 a b", 20, true, "C 1:environment-damaged", "=x"},
+        {"setenv 4000 4000 a b", 20, true, "C 1:environment-damaged", " ="},
+        {"setenv 4000 4000 a b", 20, true, "C 1:environment-damaged", "\x7f="},
+        {"setenv 4000 4000 a c", 20, true, "C 1:environment-lost"},
         {"setenv 4000 4000 a b", 0x4000 - 8 - 5, true, "C"},
         {"setenv 4000 4000 a b", 0x4000 - 7 - 5, true, "C 1:environment-lost"},
         {"setenv 4000 4000 a b", 20, false, "C 1:environment-lost"},
@@ -248,7 +268,7 @@ TEST(Verdict, ReadsEnvironmentsBackFromTheChip) {
         for (const UpdateLine &line : ReadUpdateLines(row.script))
             run.record.err += "write " + line.Name() + " = " + line.Value() + " to env\n";
         run.chip.Erase(1);
-        setBlock(run, 1, row.fill, row.isSealed);
+        setBlock(run, 1, row.fill, row.hasCrc, row.name);
         EXPECT_EQ(run.Told(), row.told) << row.script << " " << row.fill;
     }
     // Of an environment that the update lays down, the change itself may lose the last variable.
@@ -259,6 +279,16 @@ TEST(Verdict, ReadsEnvironmentsBackFromTheChip) {
         laid.record.contents["one"] = std::string(0x4000 - free - 1, 'x').append(free + 1, '\0');
         EXPECT_EQ(laid.Told(), free == 4 ? "CC" : "CC 2:environment-lost");
     }
+    // After a shorter image the block is blank: what the change rebuilds ends there.
+    Rehearsed blank("write 4000 8000 one\nsetenv 4000 4000 a b\n", Begun("one", "4000", "8000") + kDone + changed);
+    blank.chip.Erase(1);
+    setBlock(blank, 1, 20, true);
+    blank.record.contents["one"] = std::string(100, 'x');
+    EXPECT_EQ(blank.Told(), "CC");
+    Rehearsed twoBad("setenv 0 c000 a b", changed);
+    twoBad.chip.MarkBad(1);
+    twoBad.chip.MarkBad(2);
+    EXPECT_NE(twoBad.Texts("environment-lost").find("2 bad blocks: the last 32768 bytes of"), std::string::npos);
     Rehearsed run("setenv 0 8000 a b", changed);
     run.chip.MarkBad(1);
     run.chip.Erase(0);
@@ -280,9 +310,11 @@ TEST(Verdict, TellsWhatWasProgrammedUnerased) {
     program.length = 1;
     run.chip.Program(0x80000 / 512, program);
     EXPECT_EQ(run.Told(), "CC 2:unerased");
+    run.record.trace = "note: page at 0x200 something else\n";
+    EXPECT_EQ(run.Told(), "CC 2:unerased");
     run.record.trace = "note: page at 0x200 programmed over unerased bits\n";
     EXPECT_EQ(run.Told(), "CC 1:unerased 2:unerased");
-    run.record.out.replace(run.record.out.find("ubiformat status 0"), 18, "ubiformat status 256");
+    run.record.out.replace(run.record.out.find("ubiformat status 0"), 18, "ubiformat status 1");
     EXPECT_EQ(run.Told(), "CC 1:unerased 2:format-failed 2:unerased");
 }
 
@@ -291,7 +323,7 @@ TEST(Verdict, TakesPercentagesForANoteUntilALineFails) {
         std::vector<int> percentages;
         const char *happens;
     } rows[] = {
-        {{50, 100}, nullptr},
+        {{50, 50, 100}, nullptr},
         {{}, nullptr},
         {{50, 150},
          "the percentages exceed 100, up to 150; more blocks than counted in line 1 (a write of whole "
@@ -312,10 +344,132 @@ TEST(Verdict, TakesPercentagesForANoteUntilALineFails) {
     Rehearsed failed("erase 0 0\n", Erased("0", "0"));
     failed.record.trace = Percentages({101});
     EXPECT_EQ(failed.Judged().findings[0].severity, Severity::Warning);
+    Rehearsed whole("write 0 8000 two\n", Begun("two", "0", "8000") + kDone);
+    whole.record.trace = Percentages({101});
+    EXPECT_EQ(whole.Texts("percentages"),
+              "the percentages exceed 100, up to 101; make the progress script tolerate this\n");
+    // A call that never came back has no status.
+    whole.record.trace = kNotify + "100\"\n";
+    EXPECT_EQ(whole.Told(), "C 1:no-spare");
+    Rehearsed twice("setenv a b\nsetenv a b\n", "write a = b to env\nwrite a = b to env\n");
+    const std::string call = "system \"/bin/bootvars -s a b\"\nreturned from system: ";
+    twice.record.trace = call + "0\n" + call + "256\n";
+    EXPECT_EQ(twice.Told(), "CC 2:tool-failed");
     Rehearsed dumb("setenv a b\n", "write a = b to env\n");
     dumb.record.trace = "system \"/bin/bootvars -s a b\"\nreturned from system: 32512\n" + kNotify +
                         "100\"\nreturned from system: 256\n";
     EXPECT_EQ(dumb.Told(), "C 0:notify-failed 1:tool-failed");
+}
+
+TEST(Verdict, LooksAtTheChipForWhatTheUpdaterTakesForDone) {
+    const std::string overlapping = "write 0 c000 two\nerase 0 4000\n";
+    Rehearsed erased(overlapping, Begun("two", "0", "c000") + kDone + Erased("0", "4000"));
+    erased.chip.Erase(0);
+    EXPECT_EQ(erased.Told(), "CC 2:overlap") << "missing pages are the later line's";
+    EXPECT_EQ(Rehearsed("write f8000 8000 full\n", Begun("full", "f8000", "8000")).Told(), "C 1:no-spare");
+    EXPECT_EQ(Rehearsed("write 80000 10000 two\n", Begun("two", "80000", "10000") + kDone).Texts("not-done"),
+              "33 of 33 pages of the image not written, silently; see what the device reports of its flash, and the "
+              "trace\n");
+    EXPECT_EQ(Rehearsed("write f8000 c000 two\n", Begun("two", "f8000", "c000") + kDone).Told(), "C");
+    Rehearsed skipped("write 0 8000 one\nerase 0 8000\n", "/u/one doesn't exist\n" + Erased("0", "8000"));
+    EXPECT_EQ(skipped.Told(), "SC 1:missing-file");
+    Rehearsed killed("erase 0 4000\n", Erased("0", "4000"));
+    killed.record.status = SIGKILL;
+    EXPECT_EQ(killed.Texts("crashed"), "the updater ends with signal 9; see the last message\n");
+    Rehearsed warned("write 0 4000 one\n", Begun("one", "0", "4000") + kDone);
+    EXPECT_EQ(warned.Told(), "C 1:no-spare");
+    EXPECT_FALSE(warned.Judged().IsClean());
+}
+
+TEST(Verdict, JudgesTheProgramsBeforeTheScriptByTheirStatus) {
+    const struct {
+        const char *call;
+        int status;
+        const char *change; ///< of prepare-failed; nullptr for no finding
+    } rows[] = {
+        {"/app/prepare_flashrig.sh /tmp/x.img", 0, nullptr},
+        {"/app/prepare_flashrig.sh /tmp/x.img", 256, "use an image that the device's prepare script can unpack"},
+        {"/app/prepare_flashrig.sh /tmp/x.img", 127 << 8,
+         "provide the device's own prepare script with --root, as app/prepare_flashrig.sh"},
+        {"/app/prepare_flashrig.sh /tmp/x y.img", 127 << 8,
+         "rename the image: a shell splits or changes a name with blanks or special characters"},
+        {"/u/flashrig /u", 0, nullptr},
+        {"/bin/other", 256, nullptr},
+    };
+    for (const auto &row : rows) {
+        Rehearsed run("erase 0 4000\n", Erased("0", "4000"));
+        run.record.out = "new program detected, running /u/flashrig /u\n" + run.record.out;
+        run.record.trace =
+            std::string("system \"") + row.call + "\"\nreturned from system: " + std::to_string(row.status) + "\n";
+        EXPECT_EQ(run.Told(), row.change == nullptr ? "C" : "C 0:prepare-failed") << row.call;
+        const std::string texts = run.Texts("prepare-failed");
+        EXPECT_TRUE(row.change == nullptr || texts.find(row.change) != std::string::npos) << texts;
+    }
+}
+
+TEST(Verdict, CountsTheFlashByTheDeviceOverAllOfItOrTheFirst) {
+    const struct {
+        std::vector<SimDevice> devices;
+        bool hasDevice;
+        std::uint64_t onChip; ///< of offset 0
+        std::int64_t size;
+    } rows[] = {
+        {{{0, "boot", 0x4000, 0x8000}, {3, "xally", 0x8000, 0x10000}}, true, 0x8000, 0x10000},
+        {{{9, "opt", 0x80000, 0x8000}, {0, "boot", 0x4000, 0x8000}}, true, 0x4000, 0x8000},
+        {{{9, "opt", 0x80000, 0x8000}}, false, 0, 0x100000},
+    };
+    for (const auto &row : rows) {
+        Rehearsed run("erase 0 4000\n", Erased("0", "4000"));
+        const WholeFlash flash(run.chip, row.devices);
+        EXPECT_EQ(flash.HasDevice(), row.hasDevice);
+        EXPECT_EQ(flash.OnChip(0), row.onChip);
+        EXPECT_EQ(flash.Size(), row.size);
+        EXPECT_TRUE(flash.IsOnFlash({0, row.size}));
+        EXPECT_FALSE(flash.IsOnFlash({-0x4000, 0}));
+        EXPECT_FALSE(flash.IsOnFlash({0, row.size + 0x4000}));
+        run.record.devices = row.devices;
+        EXPECT_EQ(run.Told(), row.hasDevice ? "C" : "C 0:no-whole-flash");
+    }
+}
+
+TEST(Verdict, NamesTheTroubleThatARunNeverReached) {
+    const std::string path = testing::TempDir() + "absent" + std::to_string(getpid());
+    SimState::Create(path, {});
+    SimState state(path);
+    state.BeginChange();
+    state.BeginChange();
+    state.Begin(RequestKind::Read);
+    unlink(path.c_str());
+    SimSettings asked;
+    asked.cutAtChange = 2;
+    asked.faults = {{RequestKind::Read, 1, EIO}};
+    EXPECT_EQ(AbsentTroubles(asked, state), std::vector<std::string>());
+    asked.cutAtChange = 3;
+    asked.faults = {{RequestKind::Read, 2, EIO}, {RequestKind::Write, 0, EIO}};
+    EXPECT_EQ(AbsentTroubles(asked, state),
+              (std::vector<std::string>{"cut 3: there were 2 changes", "fault read:2=EIO: there was 1 such request",
+                                        "fault write=EIO: there were 0 such requests"}));
+}
+
+TEST(UsedChip, HoldsDataAndTheEnvironmentsOfItsUpdate) {
+    Rehearsed run("");
+    const std::vector<UpdateLine> lines =
+        ReadUpdateLines("setenv 4000 4000 a new\nsetenv 8000 8000 b new\nsetenv 2000 4000 c new\nsetenv d new\n");
+    run.chip.MarkBad(5);
+    UseUp(run.chip, run.record.devices, lines);
+    const WholeFlash flash(run.chip, run.record.devices);
+    EXPECT_TRUE(flash.BadBlocks({0, flash.Size()}).empty());
+    for (const UpdateLine *line : {&lines[0], &lines[1]}) {
+        const std::vector<char> bytes = flash.Read(*flash.RangeOf(*line));
+        EXPECT_TRUE(HasValidCrc(bytes));
+        const UEnvTool environment(bytes.data(), static_cast<int>(bytes.size()));
+        EXPECT_EQ(environment.m_vEntry.size(), 5U);
+        EXPECT_EQ(environment.GetEnv("bootdelay"), "3");
+        EXPECT_EQ(environment.GetEnv(line->Name().c_str()), "before-the-update");
+    }
+    EXPECT_FALSE(HasValidCrc(flash.Read({0, 0x4000})));
+    EXPECT_NE(flash.Read({0, 512}), flash.Read({512, 1024}));
+    EXPECT_FALSE(run.chip.IsTouched(0)) << "marks are a run's";
 }
 
 TEST(Verdict, GoesIntoAReportAndOntoTheTerminal) {
