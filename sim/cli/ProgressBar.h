@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string>
 
-/// A line on a terminal that shows how far a long work is; nothing when standard error is no terminal.
+/// A line that shows the progress of a long run on standard error. Prints nothing when that is not a terminal.
 class ProgressBar {
 public:
     explicit ProgressBar(std::string title);
@@ -12,7 +12,8 @@ public:
     ProgressBar(const ProgressBar &) = delete;
     ProgressBar &operator=(const ProgressBar &) = delete;
 
-    /// @param note of what has come of it so far; may be empty
+    /// Shows that `done` of `total` steps are done, the remaining time and a note on the result so far, which may be
+    /// empty. Updates the line ten times a second at most.
     void Show(std::size_t done, std::size_t total, const std::string &note);
 
 private:

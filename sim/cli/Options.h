@@ -1,0 +1,58 @@
+#pragma once
+
+#include "base/Workers.h"
+#include "report/SweepReport.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/// What a command line asks for, as it was given. Numbers, paths and names of sweeps have been checked; descriptions of
+/// chips, blocks, devices and faults have not.
+struct Options {
+    std::string update;                 ///< image file or folder
+    std::vector<std::string> arguments; ///< for the updater, after the update
+
+    // The chip. An empty text stands for the default.
+    std::string chip;
+    std::string bad;
+    std::string ecc;
+    std::string flash;
+    bool isUsed = false;
+
+    // The sandbox.
+    std::vector<std::string> devices;
+    std::string missingSysfs;
+    std::string root;
+    std::vector<std::string> mounts;
+    std::vector<std::string> starts;
+
+    // The run.
+    std::string place;
+    std::string program;
+    std::vector<std::string> faults;
+    std::uint64_t cut = 0; ///< 0: never
+    std::string trace;
+    std::string report;
+    std::string map;
+    bool isRaw = false;
+
+    std::vector<std::string> sweeps;
+    std::uint64_t every = 1;
+    std::uint64_t sets = 100;
+    std::uint64_t seed = 1;
+    std::uint64_t jobs = CoreCount();
+
+    /// @return whether a run is judged, not only passed on.
+    bool WantsVerdict() const { return !isRaw || !report.empty() || !map.empty(); }
+};
+
+struct CommandLine {
+    Options options;
+    RerunWords rerun;   ///< what a sweep's rerun command repeats
+    std::string notice; ///< text of --help or --version; when there is one, nothing else has been read
+};
+
+/// Reads and checks the words after the program's name.
+/// @throws std::exception with one line about the first word that is wrong
+CommandLine ReadCommandLine(const std::vector<std::string> &words);

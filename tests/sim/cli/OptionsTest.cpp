@@ -1,0 +1,178 @@
+#include "cli/Options.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+/// Options for an update that exists wherever the test runs.
+CommandLine Read(std::vector<std::string> words) {
+    words.emplace_back("--");
+    words.emplace_back(EXAMPLES "/clean");
+    return ReadCommandLine(words);
+}
+
+/// @return why the words are refused; empty when they are not.
+std::string Refusal(const std::vector<std::string> &words) {
+    try {
+        Read(words);
+    } catch (const std::exception &failure) {
+        return failure.what();
+    }
+    return {};
+}
+
+std::set<std::string> Find(const std::string &text, const char *pattern) {
+    const std::regex regex(pattern);
+    std::set<std::string> found;
+    for (std::sregex_iterator at(text.begin(), text.end(), regex), end; at != end; ++at)
+        found.insert((*at)[1]);
+    return found;
+}
+
+using Words = std::vector<std::string>;
+
+} // namespace
+
+TEST(Options, EachOneReachesItsFieldAndTheRestKeepTheirDefaults) {
+    const Options none = Read({}).options;
+    EXPECT_EQ(none.chip + none.bad + none.ecc + none.flash + none.missingSysfs + none.root + none.place + none.program +
+                  none.trace + none.report + none.map,
+              "");
+    EXPECT_FALSE(none.isUsed || none.isRaw);
+    EXPECT_EQ(none.devices.size() + none.mounts.size() + none.starts.size() + none.faults.size() + none.sweeps.size(),
+              0U);
+    EXPECT_EQ(Words({std::to_string(none.cut), std::to_string(none.every), std::to_string(none.sets),
+                     std::to_string(none.seed)}),
+              Words({"0", "1", "100", "1"}));
+
+    const struct {
+        const char *name, *value;
+        std::string Options::*field;
+    } texts[] = {{"--chip", "c", &Options::chip},      {"--bad", "1", &Options::bad},
+                 {"--ecc", "e", &Options::ecc},        {"--flash", "f", &Options::flash},
+                 {"--root", EXAMPLES, &Options::root}, {"--no-sysfs", "size,type", &Options::missingSysfs},
+                 {"--as", "/tmp/x", &Options::place},  {"--program", "/dev/null", &Options::program},
+                 {"--trace", "t", &Options::trace},    {"--report", "r", &Options::report},
+                 {"--map", "m", &Options::map}};
+    for (const auto &row : texts)
+        EXPECT_EQ(Read({row.name, row.value}).options.*row.field, row.value) << row.name;
+
+    const struct {
+        const char *name;
+        Words values;
+        std::vector<std::string> Options::*field;
+    } lists[] = {{"--mtd", {"0:a", "1:b"}, &Options::devices},
+                 {"--mount", {"/opt", "/usr/local"}, &Options::mounts},
+                 {"--start", {"sleep 1", "true"}, &Options::starts},
+                 {"--fault", {"read=EIO", "read=5"}, &Options::faults},
+                 {"--sweep", {"cut", "bad", "faults"}, &Options::sweeps}};
+    for (const auto &row : lists) {
+        Words words;
+        for (const std::string &value : row.values)
+            words.insert(words.end(), {row.name, value});
+        EXPECT_EQ(Read(words).options.*row.field, row.values) << row.name;
+    }
+
+    const Options numbers =
+        Read({"--sweep", "bad", "--sweep", "cut", "--every", "2", "--sets", "3", "--seed", "4", "--jobs", "5"}).options;
+    EXPECT_EQ(Words({std::to_string(numbers.every), std::to_string(numbers.sets), std::to_string(numbers.seed),
+                     std::to_string(numbers.jobs)}),
+              Words({"2", "3", "4", "5"}));
+    EXPECT_EQ(Read({"--cut", "1000000000"}).options.cut, 1'000'000'000U);
+    EXPECT_TRUE(Read({"--used"}).options.isUsed);
+    EXPECT_TRUE(Read({"--raw"}).options.isRaw);
+    const Options update = ReadCommandLine({EXAMPLES "/clean", "notify", "more"}).options;
+    EXPECT_EQ(update.update, EXAMPLES "/clean");
+    EXPECT_EQ(update.arguments, Words({"notify", "more"}));
+}
+
+TEST(Options, RawRunIsJudgedOnlyForAReportOrAMap) {
+    EXPECT_TRUE(Read({}).options.WantsVerdict());
+    EXPECT_FALSE(Read({"--raw", "--trace", "t"}).options.WantsVerdict());
+    EXPECT_TRUE(Read({"--raw", "--report", "r"}).options.WantsVerdict());
+    EXPECT_TRUE(Read({"--raw", "--map", "m"}).options.WantsVerdict());
+}
+
+TEST(Options, NumbersHaveBoundsAndNoSpellingThatIsReadOtherwise) {
+    const struct {
+        Words before;
+        const char *name, *least, *most;
+    } rows[] = {{{}, "--cut", "1", "1000000000"},
+                {{"--sweep", "cut"}, "--every", "1", "1000000000"},
+                {{"--sweep", "bad"}, "--sets", "0", "1000000"},
+                {{"--sweep", "bad"}, "--seed", "0", "999999999999999999"},
+                {{"--sweep", "bad"}, "--jobs", "1", "1024"}};
+    for (const auto &row : rows) {
+        const auto refusal = [&](const std::string &value) {
+            Words words = row.before;
+            words.insert(words.end(), {row.name, value});
+            return Refusal(words);
+        };
+        const std::string bounds = std::string(" is not between ") + row.least + " and " + row.most;
+        EXPECT_EQ(refusal(row.least), "");
+        EXPECT_EQ(refusal(row.most), "");
+        for (const std::string &value :
+             {std::to_string(std::stoll(row.least) - 1), std::to_string(std::stoll(row.most) + 1), std::string("01"),
+              std::string("0x1"), std::string("+1"), std::string("1k")})
+            EXPECT_EQ(refusal(value), std::string(row.name) + ": " + value + bounds);
+    }
+}
+
+TEST(Options, CombinationsWithoutAMeaningAreRefused) {
+    const struct {
+        Words words;
+        const char *refusal;
+    } rows[] = {
+        {{"--sweep", "bad", "--raw"}, "--sweep goes with neither --raw nor --cut"},
+        {{"--sweep", "bad", "--cut", "1"}, "--sweep goes with neither --raw nor --cut"},
+        {{"--sweep", "cut", "--sets", "1"}, "no sweep here uses --sets"},
+        {{"--sweep", "faults", "--seed", "1"}, "no sweep here uses --seed"},
+        {{"--sweep", "bad", "--every", "1"}, "no sweep here uses --every"},
+        {{"--sweep", "bad", "--sweep", "faults", "--every", "1", "--seed", "1"}, ""},
+        {{"--jobs", "1"}, "--jobs requires --sweep"},
+        {{"--chip", "1M", "--chip", "1M"}, "--chip"},
+    };
+    for (const auto &row : rows) {
+        const std::string refusal = Refusal(row.words);
+        EXPECT_NE(refusal.find(row.refusal), std::string::npos) << refusal;
+        EXPECT_EQ(refusal.empty(), *row.refusal == '\0') << refusal;
+    }
+}
+
+TEST(Options, RerunRepeatsWhatShapesARunAndNothingThatTheSweepReplaces) {
+    const CommandLine line = ReadCommandLine(
+        {"--start", "a 'b'",    "--flash",  "my flash", "--bad",      "7,3-4",      "--every", "2",
+         "--sweep", "cut",      "--jobs",   "1",        "--fault",    "read:2=EIO", "--fault", "open=EIO",
+         "--trace", "t",        "--report", "r",        "--map",      "m",          "--chip",  "1M,16K,512,16",
+         "--ecc",   "chip",     "--mtd",    "12:all",   "--no-sysfs", "size",       "--root",  EXAMPLES,
+         "--mount", "/opt",     "--as",     "/tmp/x",   "--program",  "/dev/null",  "--",      EXAMPLES "/clean",
+         "-n",      "two words"});
+    EXPECT_EQ(line.rerun.options, " --chip 1M,16K,512,16 --ecc chip --mtd 12:all --no-sysfs size --root " EXAMPLES
+                                  " --mount /opt --start 'a '\\''b'\\''' --as /tmp/x --program /dev/null"
+                                  " --fault read:2=EIO --fault open=EIO");
+    EXPECT_EQ(line.rerun.update, "-- " EXAMPLES "/clean -n 'two words'");
+    EXPECT_EQ(line.rerun.flash, "'my flash'");
+    EXPECT_EQ(line.rerun.bad, (std::vector<std::uint32_t>{7, 3, 4}));
+    EXPECT_EQ(Read({}).rerun.update, EXAMPLES "/clean");
+}
+
+TEST(Options, HelpAndVersionNeedNoUpdate) {
+    EXPECT_TRUE(std::regex_match(ReadCommandLine({"--version"}).notice, std::regex(R"(flashsim \d+\.\d+\.\d+\n)")));
+    EXPECT_EQ(ReadCommandLine({"--help"}).notice.rfind("Runs an update ", 0), 0U);
+    EXPECT_EQ(Read({}).notice, "");
+    EXPECT_THROW(ReadCommandLine({}), std::exception);
+}
+
+TEST(Options, ManualDescribesExactlyThoseOfTheHelp) {
+    std::ifstream file(MANUALS "/flashsim.1");
+    const std::string manual((std::istreambuf_iterator<char>(file)), {});
+    const auto described = Find(manual, R"(\n\.It Fl -([a-z-]+))");
+    EXPECT_EQ(Find(ReadCommandLine({"--help"}).notice, R"(\n  (?:-h,)?--([a-z-]+) )"), described);
+    EXPECT_GT(described.size(), 20U);
+}
