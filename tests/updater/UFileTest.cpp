@@ -96,6 +96,7 @@ TEST_F(UFileTest, SuccessIsSilent) {
         EXPECT_EQ(UFile::GetAttrs(moved.c_str(), &record), 1);
         EXPECT_EQ(record.st_mode & 07777, 0777U);
         EXPECT_EQ(UFile::Write(fd, buffer, 5), 5);
+        EXPECT_EQ(UFile::Write(fd, buffer, 0), 0);
         EXPECT_EQ(UFile::Seek(fd, 3, SEEK_SET), 3);
         EXPECT_EQ(UFile::Read(fd, buffer, 9), 2);
         EXPECT_EQ(UFile::Read(fd, buffer, 9), 0);

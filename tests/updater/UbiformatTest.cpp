@@ -108,6 +108,22 @@ TEST(Ubiformat, KillsTwiceWhatDoesNotEnd) {
     EXPECT_EQ(outcome.Only({"umount"}).back(), "umount \"/opt\" = 0");
 }
 
+TEST(Ubiformat, SignalsNeitherItselfNorItsParentsNorInitNorGroups) {
+    Device device;
+    AddPrograms(device);
+    // The first answer lists the updater, its ancestors up to init, and fields that are no process ids.
+    device.File("/bin/fuser", "#!/bin/sh\n[ -e /tmp/asked ] && exit\n>/tmp/asked\nid=$(pidof -s flashrig)\n"
+                              "while [ $id -gt 0 ]; do printf ' %s' $id; id=$(cut -d' ' -f4 /proc/$id/stat); done\n"
+                              "echo ' -1 -7 x 0 99999999999'\n");
+    device.Options({"--mount", "/opt"});
+    const Outcome outcome = device.Run("ubiformat /dev/mtd9 image\n");
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.Count("kill"), 0U);
+    EXPECT_NE(outcome.out.find("####1###\n####-1###\n####-7###\n####x###\n####0###\n####99999999999###\n"),
+              std::string::npos);
+    EXPECT_NE(outcome.err.find("ubiformat /dev/mtd9 -y"), std::string::npos);
+}
+
 TEST(Ubiformat, DoesNotLookForHoldersOfWhatIsNotMounted) {
     Device device;
     AddPrograms(device);
