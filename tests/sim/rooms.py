@@ -12,10 +12,11 @@ USES = {
     "mtd": ["chip", "base"],
     "preload": ["mtd", "chip", "base"],
     "sandbox": ["mtd", "chip", "base"],
-    "verdict": ["mtd", "chip", "base"],
-    "sweep": ["verdict", "sandbox", "mtd", "chip", "base"],
-    "report": ["sweep", "verdict", "sandbox", "mtd", "chip", "base"],
-    "cli": ["report", "sweep", "verdict", "sandbox", "mtd", "chip", "base"],
+    "ubi": ["chip", "base"],
+    "verdict": ["ubi", "mtd", "chip", "base"],
+    "sweep": ["verdict", "ubi", "sandbox", "mtd", "chip", "base"],
+    "report": ["sweep", "verdict", "ubi", "sandbox", "mtd", "chip", "base"],
+    "cli": ["report", "sweep", "verdict", "ubi", "sandbox", "mtd", "chip", "base"],
 }
 # The contract between library and tool is the one header of its room that others see.
 SHARED = {"preload/Interface.h": ["preload", "sandbox", "sweep", "report", "cli"]}

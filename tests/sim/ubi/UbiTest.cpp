@@ -1,0 +1,277 @@
+#include "UbiCases.h"
+
+#include "base/TempFolder.h"
+#include "ubi/UbiAttach.h"
+#include "ubi/UbiImage.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <utility>
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr UbiGeometry kGeometry{128 * 1024, 2048, 512};
+
+/// The images of make-images, made once.
+const Bytes &Image(const std::string &name) {
+    static const TempFolder folder;
+    static std::map<std::string, Bytes> images;
+    if (images.empty() && std::system((MAKE_UBI_IMAGES " '" + folder.File("") + "' >/dev/null 2>&1").c_str()) != 0)
+        throw std::runtime_error("make-images failed");
+    Bytes &image = images[name];
+    if (image.empty()) {
+        std::ifstream file(folder.File(name + ".ubi"), std::ios::binary);
+        image.assign(std::istreambuf_iterator<char>(file), {});
+    }
+    return image;
+}
+
+/// A chip in memory that is one partition.
+struct MemoryChip {
+    NandGeometry geometry;
+    Bytes cells;
+    Bytes pages;
+    Bytes blocks;
+    NandChip chip;
+
+    explicit MemoryChip(std::uint32_t count, Ecc ecc = Ecc::Host)
+        : geometry{std::uint64_t{count} * kGeometry.pebSize, kGeometry.pebSize, kGeometry.pageSize, 64},
+          cells(geometry.RawSize()), pages(geometry.Pages()), blocks(count),
+          chip(geometry, ecc, {cells.data(), pages.data(), blocks.data()}) {
+        chip.Format();
+    }
+
+    /// Writes an image to the good blocks, as `nandwrite` does.
+    void Write(const Bytes &image, bool withEcc = true) {
+        std::uint32_t block = 0;
+        for (std::size_t place = 0; place < image.size(); place += geometry.pageSize) {
+            while (place % geometry.eraseSize == 0 && chip.IsBad(block))
+                ++block;
+            Bytes page(geometry.pageSize, 0xFF);
+            std::copy_n(&image[place], std::min<std::size_t>(page.size(), image.size() - place), page.begin());
+            NandChip::PageProgram program;
+            program.data = page.data();
+            program.length = geometry.pageSize;
+            program.withEcc = withEcc;
+            const auto pageInBlock = static_cast<std::uint32_t>(place % geometry.eraseSize / geometry.pageSize);
+            chip.Program(block * geometry.PagesPerBlock() + pageInBlock, program);
+            block += pageInBlock + 1 == geometry.PagesPerBlock() ? 1 : 0;
+        }
+    }
+
+    void Erase() {
+        for (std::uint32_t block = 0; block < geometry.Blocks(); ++block) {
+            if (!chip.IsBad(block))
+                chip.Erase(block);
+        }
+    }
+
+    PartitionPebs Pebs() const { return PartitionPebs(chip, 0, geometry.size); }
+    UbiAttachment Attach() const { return AttachUbi(Pebs(), kGeometry, {2048, 20}); }
+};
+
+std::uint32_t Sum(const UbiPebs &pebs) {
+    return pebs.bad + pebs.used + pebs.free + pebs.erase + pebs.corrupted + pebs.alien;
+}
+
+TEST(Ubi, EachCaseIsAttachedOrRefusedAsByTheKernel) {
+    // Where each page has its ECC, it makes no difference that the chip computes it, and that is faster.
+    std::map<std::pair<int, Ecc>, std::unique_ptr<MemoryChip>> chips;
+    for (const UbiCase &ubiCase : kUbiCases) {
+        SCOPED_TRACE(ubiCase.name);
+        const UbiPartition &partition = kUbiPartitions.at(static_cast<std::size_t>(ubiCase.partition));
+        const Ecc ecc = ubiCase.isRaw ? Ecc::Host : Ecc::Chip;
+        auto &chip = chips[{ubiCase.partition, ecc}];
+        if (chip == nullptr) {
+            chip = std::make_unique<MemoryChip>(partition.pebs, ecc);
+            for (const std::uint32_t peb : partition.badPebs)
+                chip->chip.MarkBad(peb);
+        }
+        MemoryChip &memory = *chip;
+        memory.Erase();
+        memory.Write(Patched(Image(ubiCase.image), ubiCase), !ubiCase.isRaw);
+        const UbiAttachment attachment = memory.Attach();
+        EXPECT_EQ(attachment.error, ubiCase.error) << attachment.reason;
+        EXPECT_NE(attachment.reason.find(ubiCase.reason), std::string::npos) << attachment.reason;
+        EXPECT_EQ(attachment.IsAttached(), attachment.reason.empty());
+        EXPECT_TRUE(!attachment.IsAttached() || Sum(attachment.pebs) == partition.pebs);
+    }
+}
+
+TEST(Ubi, TellsVolumesReserveAndRoomOfAWholeImage) {
+    MemoryChip memory(128);
+    memory.chip.MarkBad(4);
+    memory.Write(Image("two"));
+    const UbiAttachment ubi = memory.Attach();
+    ASSERT_TRUE(ubi.IsAttached()) << ubi.reason;
+    EXPECT_EQ(ubi.pebs.bad, 1U);
+    EXPECT_EQ(ubi.pebs.used, 7U);
+    EXPECT_EQ(ubi.pebs.empty, 120U);
+    EXPECT_EQ(ubi.wantedForBad, 39U);
+    EXPECT_EQ(ubi.reservedForBad, 39U);
+    EXPECT_EQ(ubi.available, 0U);
+    EXPECT_EQ(ubi.SpareBlocks(), 39U);
+    EXPECT_EQ(ubi.imageSequence, 305419896U);
+    ASSERT_EQ(ubi.volumes.size(), 2U);
+    const UbiVolume &rootfs = ubi.volumes[0];
+    EXPECT_EQ(rootfs.name, "rootfs");
+    EXPECT_TRUE(rootfs.isAutoresized);
+    EXPECT_EQ(rootfs.tablePebs, 8U);
+    // 128, without the bad one, the volume table, 4 of the other volume, 2 of UBI itself and the reserve.
+    EXPECT_EQ(rootfs.reservedPebs, 128U - 1 - 2 - 4 - 2 - 39);
+    EXPECT_EQ(rootfs.lebs.size(), 3U);
+    EXPECT_EQ(rootfs.lebs.at(2).peb, 5U);
+    const UbiVolume &data = ubi.volumes[1];
+    EXPECT_TRUE(data.isStatic);
+    EXPECT_EQ(data.reservedPebs, 4U);
+    EXPECT_EQ(data.dataBytes, 200000U);
+    EXPECT_TRUE(DamagedLebs(data, memory.Pebs(), kGeometry).empty());
+}
+
+TEST(Ubi, CountsThePebsForBadBlocksOverTheWholeChip) {
+    const struct {
+        std::uint64_t blocks;
+        std::uint32_t per1024;
+        std::uint32_t limit;
+    } rows[] = {{2048, 20, 40}, {1024, 20, 20}, {1000, 20, 20}, {1025, 20, 21}, {64, 20, 2}, {2048, 0, 0}, {0, 20, 0}};
+    for (const auto &row : rows)
+        EXPECT_EQ((UbiSettings{row.blocks, row.per1024}.BadPebLimit()), row.limit) << row.blocks;
+}
+
+TEST(Ubi, SortsDamagedPebsAsTheKernelDoes) {
+    const struct {
+        const char *name;
+        std::uint32_t used, erase, corrupted, alien;
+        bool isTableRepaired;
+    } rows[] = {
+        {"ec-crc", 7, 121, 0, 0, false},        {"vid-crc", 6, 121, 1, 0, false},
+        {"both-headers", 6, 122, 0, 0, false},  {"record-crc", 7, 121, 0, 0, true},
+        {"newer-twin", 6, 122, 0, 0, false},    {"sealed-vid-vol-id-gone", 6, 122, 0, 0, false},
+        {"foreign-delete", 7, 121, 0, 0, true}, {"foreign-preserve", 7, 120, 0, 1, true},
+        {"table-tail", 7, 121, 0, 0, true},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        const auto named = [&](const UbiCase &ubiCase) { return ubiCase.name == row.name; };
+        const auto found = std::find_if(kUbiCases.begin(), kUbiCases.end(), named);
+        ASSERT_NE(found, kUbiCases.end());
+        MemoryChip memory(128);
+        memory.Write(Patched(Image(found->image), *found));
+        const UbiAttachment ubi = memory.Attach();
+        EXPECT_EQ(ubi.pebs.used, row.used);
+        EXPECT_EQ(ubi.pebs.erase, row.erase);
+        EXPECT_EQ(ubi.pebs.corrupted, row.corrupted);
+        EXPECT_EQ(ubi.pebs.alien, row.alien);
+        EXPECT_EQ(ubi.isTableRepaired, row.isTableRepaired);
+    }
+}
+
+TEST(Ubi, FindsWhatIsWrongWithTheContentsOfVolumes) {
+    Bytes image = Image("two");
+    image[5UL * 131072 + 2048 + 100] ^= 0x80; // static volume, LEB 0
+    MemoryChip memory(128);
+    memory.Write(image);
+    const Bytes zeros(kGeometry.pageSize, 0);
+    NandChip::PageProgram program;
+    program.data = zeros.data();
+    program.length = kGeometry.pageSize;
+    memory.chip.Program(3 * 64 + 10, program); // dynamic volume, LEB 1
+    const UbiAttachment ubi = memory.Attach();
+    ASSERT_TRUE(ubi.IsAttached()) << ubi.reason;
+    EXPECT_EQ(DamagedLebs(ubi.volumes[1], memory.Pebs(), kGeometry), (std::vector<std::uint32_t>{0}));
+    EXPECT_EQ(UnreadableLebs(ubi.volumes[0], memory.Pebs(), kGeometry), (std::vector<std::uint32_t>{1}));
+    EXPECT_EQ(ubi.pebs.unsound, 0U);
+    memory.chip.Program(3 * 64, program);
+    EXPECT_EQ(memory.Attach().pebs.unsound, 1U);
+}
+
+TEST(Ubi, ReadsTheSuperblockOfUbifs) {
+    const auto problem = [](const char *name, std::uint32_t pebs) {
+        const Bytes &image = Image(name);
+        const ImagePebs reader(image.data(), image.size(), kGeometry.pebSize, pebs);
+        const UbiAttachment ubi = AttachUbi(reader, kGeometry, {2048, 20});
+        const auto super = ReadUbifs(ubi.volumes.at(0), reader, kGeometry);
+        return super ? super->Problem(ubi.volumes[0], kGeometry) : "none";
+    };
+    EXPECT_EQ(problem("files", 128), "");
+    EXPECT_EQ(problem("subless", 128), "it is made with -e 126976 and needs 129024");
+    EXPECT_EQ(problem("two", 128), "none");
+}
+
+TEST(Ubi, LooksAtAnImageByItself) {
+    const struct {
+        const char *name;
+        bool isUbi, fits, isWhole;
+        std::uint32_t vidHeaderOffset, dataOffset, pebSize;
+    } rows[] = {
+        {"two", true, true, true, 512, 2048, 131072},
+        {"page-headers", true, false, true, 2048, 4096, 131072},
+        {"large-pages", true, false, true, 1024, 4096, 131072},
+        {"small-blocks", true, false, true, 512, 2048, 65536},
+        {"noise", false, false, false, 0, 0, 0},
+        {"erased", false, false, true, 0, 0, 0},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        const Bytes &bytes = Image(row.name);
+        const UbiImage image = ReadUbiImage(bytes.data(), bytes.size(), kGeometry);
+        EXPECT_EQ(image.isUbi, row.isUbi);
+        EXPECT_EQ(FitsChip(image, kGeometry), row.fits);
+        EXPECT_EQ(image.isWhole, row.isWhole);
+        EXPECT_EQ(image.vidHeaderOffset, row.vidHeaderOffset);
+        EXPECT_EQ(image.dataOffset, row.dataOffset);
+        EXPECT_EQ(image.pebSize.value_or(0), row.pebSize);
+    }
+    Bytes torn = Image("two");
+    torn[4UL * 131072] ^= 0x01;
+    EXPECT_EQ(ReadUbiImage(torn.data(), torn.size(), kGeometry).damagedPebs, (std::vector<std::uint32_t>{4}));
+}
+
+TEST(Ubi, FindsGapsBetweenTheLebsOfAVolume) {
+    UbiVolume volume;
+    EXPECT_TRUE(MissingLebs(volume).empty());
+    for (const std::uint32_t number : {1U, 2U, 5U})
+        volume.lebs[number];
+    EXPECT_EQ(MissingLebs(volume), (std::vector<std::uint32_t>{0, 3, 4}));
+}
+
+TEST(Ubi, TakesAnyBytes) {
+    std::minstd_rand generator(1);
+    const auto random = [&] { return static_cast<std::uint32_t>(generator()) >> 4; };
+    const Bytes &whole = Image("two");
+    for (int round = 0; round < 300; ++round) {
+        Bytes image = whole;
+        UbiCase damage{"", "", {}, 0, false, 0, ""};
+        for (int i = 0; i < 4; ++i) {
+            const auto place = static_cast<UbiPlace>(random() % 3);
+            const std::uint32_t peb = place == UbiPlace::Record ? random() % 2 : random() % 7;
+            const std::uint32_t size = place == UbiPlace::Record ? kUbiVolumeRecordSize : kUbiHeaderSize;
+            damage.patches.push_back({place, peb, static_cast<std::uint32_t>(random() % (size - 4)),
+                                      static_cast<std::uint8_t>(random()), random() % 4 != 0});
+        }
+        image = Patched(image, damage);
+        image.resize(random() % 4 == 0 ? random() % image.size() : image.size());
+        const UbiGeometry geometry{random() % 8 == 0 ? 1024U : kGeometry.pebSize, 512U << random() % 3, 512};
+        const ImagePebs reader(image.data(), image.size(), geometry.pebSize, 64);
+        const UbiAttachment ubi = AttachUbi(reader, geometry, {2048, 20});
+        EXPECT_EQ(ubi.IsAttached(), ubi.reason.empty());
+        EXPECT_TRUE(!ubi.IsAttached() || Sum(ubi.pebs) == reader.Pebs());
+        for (const UbiVolume &volume : ubi.volumes) {
+            DamagedLebs(volume, reader, geometry);
+            ReadUbifs(volume, reader, geometry);
+        }
+        ReadUbiImage(image.data(), image.size(), geometry);
+    }
+}
+
+} // namespace
