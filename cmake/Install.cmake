@@ -24,6 +24,8 @@ set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_STRIP_FILES ON)
+set(CPACK_SOURCE_TREE ${PROJECT_SOURCE_DIR})
+set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/PackageTime.cmake)
 set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/CompressManuals.cmake)
 # Whoever publishes a package puts a name here: cpack -D CPACK_PACKAGE_CONTACT="..."
 set(CPACK_PACKAGE_CONTACT "flashrig developers <flashrig@localhost>" CACHE STRING "Maintainer field of the packages")
@@ -47,9 +49,8 @@ own, and tells whether the update is clean: bad blocks, failing requests and
 power cuts included. Nothing of the machine changes.")
 
 if(CMAKE_CROSSCOMPILING)
-  # dpkg-shlibdeps would want the device's libraries installed here: the presets tell what they need.
+  # dpkg-shlibdeps would need the device's libraries on this machine: the presets set what the program needs.
   set(CPACK_COMPONENTS_ALL flashrig)
-  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE armhf)
 else()
   set(CPACK_COMPONENTS_ALL flashsim)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)

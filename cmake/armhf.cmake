@@ -1,10 +1,5 @@
-# Toolchain of the device: 32-bit ARM with hardware floating point, Debian's cross compiler.
-set(CMAKE_SYSTEM_NAME Linux)
+# Toolchain of the device: 32-bit ARM with hardware floating point.
 set(CMAKE_SYSTEM_PROCESSOR arm)
-set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
-set(CMAKE_SIZE arm-linux-gnueabihf-size)
-set(CMAKE_FIND_ROOT_PATH /usr/arm-linux-gnueabihf)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L /usr/arm-linux-gnueabihf)
-set(CMAKE_CXX_FLAGS_INIT "-ffunction-sections -fdata-sections")
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--gc-sections -s")
+set(TRIPLET arm-linux-gnueabihf)
+set(EMULATOR qemu-arm)
+include(${CMAKE_CURRENT_LIST_DIR}/device.cmake)

@@ -12,6 +12,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
+/// For functions that a stack trace counts.
+#define OWN_FRAME __attribute__((noinline))
+
 namespace {
 
 constexpr int kMaxFrames = 80;
@@ -134,8 +137,8 @@ void USysLog::debug(const char *file, int line, const char *function, const char
     va_end(values);
 }
 
-// The reports omit this frame and their own frame, so this one must exist.
-__attribute__((noinline)) void USysLog::PrintStackTrace(int skip) {
+// The reports omit two frames, this one and their own, so both must exist.
+OWN_FRAME void USysLog::PrintStackTrace(int skip) {
     void *frames[kMaxFrames] = {};
     const int count = backtrace(frames, kMaxFrames);
     const std::unique_ptr<char *, decltype(&std::free)> lines(backtrace_symbols(frames, count), &std::free);
@@ -148,7 +151,7 @@ __attribute__((noinline)) void USysLog::PrintStackTrace(int skip) {
         WriteFrame(lines.get()[i], skip);
 }
 
-int USysLog::error(const char *file, int line, const char *function, int code) {
+OWN_FRAME int USysLog::error(const char *file, int line, const char *function, int code) {
     if (code == 0)
         return 0;
     Write(Error, "%s(%d):%s()\t[%s(%d)] %s\n", file, line, function, UError::Name(code), code, strerror(code));
@@ -156,7 +159,7 @@ int USysLog::error(const char *file, int line, const char *function, int code) {
     return code;
 }
 
-int USysLog::error(const char *file, int line, const char *function, int code, const char *format, ...) {
+OWN_FRAME int USysLog::error(const char *file, int line, const char *function, int code, const char *format, ...) {
     char message[kMessageSize] = {};
     va_list values;
     va_start(values, format);
@@ -169,7 +172,7 @@ int USysLog::error(const char *file, int line, const char *function, int code, c
     return code;
 }
 
-void USysLog::error(const char *file, int line, const char *function, const char *format, ...) {
+OWN_FRAME void USysLog::error(const char *file, int line, const char *function, const char *format, ...) {
     char message[kMessageSize] = {};
     va_list values;
     va_start(values, format);

@@ -1,0 +1,5 @@
+# Toolchain of 64-bit ARM devices.
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+set(TRIPLET aarch64-linux-gnu)
+set(EMULATOR qemu-aarch64)
+include(${CMAKE_CURRENT_LIST_DIR}/device.cmake)
