@@ -119,7 +119,9 @@ constexpr const char *kRun = "The run (--fault may be repeated)";
 constexpr const char *kSweeps =
     "Sweeps (--sweep may be repeated): many runs from a --used chip or a copy of --flash, without notify calls";
 
-// Help texts are written for a terminal of 100 columns.
+/// Help texts are written for a terminal of this width.
+constexpr std::size_t kColumns = 110;
+
 constexpr OptionRow kOptions[] = {
     {kChip, "--chip", "SIZE,ERASE,PAGE,OOB", &Options::chip, Rerun::Repeated,
      "sizes in bytes, with K, M or G [32M,128K,2K,64]"},
@@ -194,9 +196,14 @@ std::string SweepHelp() {
 }
 
 std::string Footer() {
-    std::string kinds = "Kinds of request for --fault:\n ";
-    for (std::uint32_t kind = 0; kind < kRequestKinds; ++kind)
-        kinds += std::string(" ") + RequestName(static_cast<RequestKind>(kind));
+    std::string kinds = "Kinds of request for --fault:";
+    std::size_t column = kColumns;
+    for (std::uint32_t kind = 0; kind < kRequestKinds; ++kind) {
+        const std::string name = RequestName(static_cast<RequestKind>(kind));
+        const bool fits = column + name.size() < kColumns;
+        kinds += (fits ? " " : "\n  ") + name;
+        column = (fits ? column : 1) + 1 + name.size();
+    }
     return kinds + "\n" + kFooter;
 }
 

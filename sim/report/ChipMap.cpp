@@ -13,9 +13,9 @@ namespace {
 constexpr size_t kAddressWidth = 12;
 constexpr size_t kFewestCells = 16;
 constexpr size_t kMostCells = 128;
-/// Cells between two marks of the scale; a gap follows them.
+/// Cells between two marks of the scale; a gap follows.
 constexpr size_t kSection = 16;
-/// More rows than this are too many to see at once: cells then hold groups of blocks.
+/// Chips that need more rows are drawn in groups of blocks, to be seen at once.
 constexpr size_t kMostRows = 16;
 
 using Cell = std::vector<size_t>::const_iterator;
@@ -28,7 +28,7 @@ std::string Hex(const char *format, std::uint64_t number) {
     return text;
 }
 
-/// Cells of one section, each run of equal ones coloured as one.
+/// Draws cells of one section; equal neighbours are coloured together.
 std::string Paint(Cell cell, Cell end, bool inColour) {
     std::string text;
     while (cell != end) {
@@ -51,7 +51,7 @@ std::string PaintRow(Cell cell, Cell end, bool inColour) {
     return text;
 }
 
-/// The distance from a row's start at every section.
+/// The offset from the start of a row, at each section.
 std::string Scale(size_t cells, std::uint64_t bytesOfACell) {
     std::string text(kAddressWidth, ' ');
     for (size_t cell = 0; cell < cells; cell += kSection) {
@@ -61,7 +61,7 @@ std::string Scale(size_t cells, std::uint64_t bytesOfACell) {
     return text + "\n";
 }
 
-/// A part of a text, and its columns without colours.
+/// A part of a line, and its width without colours.
 struct Part {
     std::string text;
     size_t columns;
@@ -69,7 +69,7 @@ struct Part {
 
 Part Plain(const std::string &text) { return {text, text.size()}; }
 
-/// Puts as many parts into a line as it holds.
+/// Breaks parts into lines.
 std::string Fill(const std::vector<Part> &parts, size_t width) {
     std::string text;
     size_t column = 0;
@@ -89,7 +89,7 @@ ChipMap::ChipMap(std::vector<BlockMark> marks, std::uint32_t eraseSize)
     : m_marks(std::move(marks)), m_nEraseSize(eraseSize) {}
 
 std::string ChipMap::Text(size_t width, bool inColour) const {
-    // Powers of two keep the addresses of rows and cells round.
+    // Powers of two give rows and cells round addresses.
     size_t columns = kFewestCells;
     while (columns < kMostCells && RowWidth(columns * 2) <= width && columns < m_marks.size())
         columns *= 2;
@@ -119,6 +119,6 @@ std::string ChipMap::Text(size_t width, bool inColour) const {
     std::vector<Part> notes = {Plain("one cell = " + (group == 1 ? "1 block" : std::to_string(group) + " blocks") +
                                      " of " + SizeText(m_nEraseSize))};
     if (group > 1)
-        notes.push_back(Plain("(shows what matters most)"));
+        notes.push_back(Plain("(shows the most important block)"));
     return text + Fill(notes, width);
 }

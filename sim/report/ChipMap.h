@@ -7,17 +7,17 @@
 #include <string>
 #include <vector>
 
-/// A picture of a chip for a terminal: one cell for a block, or for a group of blocks when there are many.
+/// A map of a chip for a terminal, with one cell per block, or per group of blocks on a large chip.
 class ChipMap {
 public:
-    /// @param marks what has become of each block, from block 0 on
-    /// @param eraseSize bytes of a block
+    /// @param marks the state of each block, from block 0 on
+    /// @param eraseSize of the chip, in bytes
     ChipMap(std::vector<BlockMark> marks, std::uint32_t eraseSize);
 
-    /// Draws the map, with the address at the start of each row, a scale on top and a legend with counts below.
-    /// Letters and what matters most in a cell of several blocks are those of kMarkLooks.
-    /// @param width columns of the terminal; the map takes no more, but never less than some 35
-    /// @param inColour whether cells get a terminal's colours
+    /// Draws the map with a scale above, the address before each row, and a legend with counts below. kMarkLooks has
+    /// the letters, and the order in which one block of a group stands for all.
+    /// @param width columns of the terminal; the map is not wider, except that it needs about 35 columns
+    /// @param inColour whether to use the terminal's colours
     std::string Text(size_t width, bool inColour) const;
 
 private:

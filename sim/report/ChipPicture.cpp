@@ -20,12 +20,12 @@ namespace {
 // Lengths are pixels.
 constexpr int kWidth = 920;
 constexpr int kMargin = 24;
-constexpr double kCharacter = 7.3; ///< width of one of the script's
+constexpr double kCharacter = 7.3; ///< width of a character of the script
 constexpr int kGridLeft = 106;
 constexpr int kGridWidth = 768;
 constexpr int kRight = kGridLeft + kGridWidth;
 constexpr double kLargestCell = 24;
-constexpr int kCrossedCell = 12; ///< a bad block's cell of this size or more is crossed out
+constexpr int kCrossedCell = 12; ///< from this size on, cells of bad blocks are crossed out
 constexpr int kAxisLeft = 384;
 constexpr int kAxisWidth = kRight - kAxisLeft;
 constexpr int kRow = 20;
@@ -43,12 +43,12 @@ constexpr std::size_t kMostCells = 8192;
 constexpr std::size_t kFewestColumns = 16;
 constexpr std::size_t kMostColumns = 128;
 constexpr std::size_t kMostLines = 100;
-constexpr std::size_t kShownColumns = 41; ///< of a line's text beside its range
-constexpr std::size_t kToldColumns = 255; ///< of a line's text where there is room
+constexpr std::size_t kShownColumns = 41;  ///< of a line's text beside its range
+constexpr std::size_t kWholeColumns = 255; ///< of a line's text where there is room
 constexpr int kWholePercent = 100;
-constexpr int kHighestPercent = 150; ///< what is beyond is drawn here
+constexpr int kHighestPercent = 150; ///< higher ones are drawn here
 
-/// What has become of a script line: a shape, and words for the legend.
+/// How the result of a script line looks: a shape, and words for the legend.
 struct LineLook {
     const char *words;
     const char *shape; ///< in a square of 10 by 10
@@ -58,11 +58,11 @@ struct LineLook {
 enum LineLookPlace { kCarriedOut, kWithFinding, kPassedOver, kFailed, kNeverRan };
 constexpr LineLook kLineLooks[] = {{"carried out", "M1 5l3 4l5 -8", "#1a7f37", "#3fb950"},
                                    {"carried out, with findings", "M5 0v6M5 8v2", "#bc4c00", "#ffa657"},
-                                   {"passed over", "M1 2l4 3l-4 3M5 2l4 3l-4 3", "#bc4c00", "#ffa657"},
+                                   {"skipped", "M1 2l4 3l-4 3M5 2l4 3l-4 3", "#bc4c00", "#ffa657"},
                                    {"failed", "M1 1l8 8M9 1l-8 8", "#d1242f", "#ff5c50"},
                                    {"never ran", "M1 5h8", "#59636e", "#9198a1"}};
 
-/// A property of a class of elements, for either ground.
+/// A property of a class of elements, for either background.
 struct Paint {
     const char *elements;
     const char *property;
@@ -92,7 +92,7 @@ std::string At(double x, double y) { return Num(x) + " " + Num(y); }
 
 std::string Class(const char *name, std::size_t place) { return name + std::to_string(place); }
 
-/// The style sheet for one of the grounds.
+/// The style sheet for one background.
 std::string Colours(const char *Paint::*ofPaint, const char *LineLook::*ofLine, const char *MarkLook::*ofMark) {
     std::string text;
     for (const Paint &paint : kPaints)
@@ -131,8 +131,8 @@ private:
     double m_top;
 };
 
-/// Addresses on a line of the picture. What lies between two ends of ranges is never too narrow to be seen, the rest of
-/// the width is shared by size.
+/// A scale of addresses. Each part between two ends of ranges has a minimum width; the rest of the width is shared by
+/// size.
 class Axis {
 public:
     /// @param ends two or more, ascending
@@ -196,7 +196,7 @@ private:
         m_body += "<rect class=\"" + look + "\" x=\"" + Num(x) + "\" y=\"" + Num(y) + "\" width=\"" + Num(width) +
                   "\" height=\"" + Num(height) + "\"/>\n";
     }
-    /// A sign of the legend with its words.
+    /// The words after a sign of the legend.
     /// @return where the next one begins
     double Explain(double x, const std::string &words) {
         Write("dim code", x + 16, m_y, words);
@@ -208,7 +208,7 @@ private:
     }
 
     std::string Title() const {
-        return XmlText(m_name, kToldColumns) + " on a chip of " + SizeText(m_chip.Geometry().size);
+        return XmlText(m_name, kWholeColumns) + " on a chip of " + SizeText(m_chip.Geometry().size);
     }
 
     void DrawHeading() {
@@ -224,7 +224,7 @@ private:
                   SizeText(geometry.pageSize) + " with " + std::to_string(geometry.oobSize) + " bytes of OOB");
     }
 
-    // The chip, as lines of text are laid out.
+    // The chip, in rows like lines of text.
 
     void DrawBlocks() {
         std::size_t group = 1;
@@ -382,7 +382,7 @@ private:
         m_y += kLabelHeight;
         std::string rules;
         double free = 0;
-        // The first and the last address are told, and of the others those that have room.
+        // The first and the last address are shown, and those in between that have room.
         const auto half = [](std::int64_t address) {
             return kCharacter * static_cast<double>(Hex(address).size()) / 2;
         };
@@ -404,7 +404,7 @@ private:
         m_y += kStrip + 8;
     }
 
-    /// What matters more is drawn later, over its neighbours when it is wider than its blocks.
+    /// More important marks are drawn later: they may be wider than their blocks and cover the neighbours.
     std::string StripRuns(const Axis &axis, std::size_t rank) const {
         const auto size = static_cast<std::int64_t>(m_chip.Geometry().eraseSize);
         const auto last = static_cast<std::size_t>((axis.Ends().back() + size - 1) / size);
@@ -444,7 +444,7 @@ private:
         const UpdateLine &line = verdict.line;
         const std::size_t look = LookOf(verdict);
         m_body += "<g><title>line " + std::to_string(line.number) + ", " + kLineLooks[look].words + ": " +
-                  XmlText(line.text, kToldColumns) + "</title>\n";
+                  XmlText(line.text, kWholeColumns) + "</title>\n";
         DrawShape(look, kMargin, m_y + 5);
         Write("dim code end", kMargin + 42, m_y + 14, std::to_string(line.number));
         Write("code", kMargin + 50, m_y + 14, XmlText(line.text, kShownColumns));
@@ -475,7 +475,7 @@ private:
             Trace("lost", "M" + At(left + width + 2, y) + "l6 6l-6 6", 2);
     }
 
-    /// @return the address behind the blocks that a line's image takes, bad ones among them included.
+    /// @return the address after the blocks that a line's image fills, with the bad blocks among them.
     std::int64_t ImageEnd(const LineVerdict &verdict, const FlashRange &range) const {
         std::int64_t address = range.begin;
         for (std::int64_t left = verdict.imageBlocks.value_or(0); left > 0 && address < range.end;
@@ -486,7 +486,7 @@ private:
         return address;
     }
 
-    // The percentages, one behind the other.
+    // The percentages, from left to right.
 
     void DrawPercentages() {
         const std::vector<int> &percentages = m_verdict.percentages;

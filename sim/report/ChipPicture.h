@@ -6,14 +6,14 @@
 
 #include <string>
 
-/// Draws a rehearsal for a browser or a document: the chip's blocks by what has become of them, the script's lines with
-/// the ranges that they were given on a common scale of addresses, and the percentages in the order of their reports.
+/// Draws a rehearsal for a browser or a document: the state of each block, the script's lines with their ranges on a
+/// common scale of addresses, and the percentages in the order of the reports.
 ///
-/// Up to 8192 blocks are drawn one by one; of more, groups are, each as kMarkLooks says. Of very long scripts the first
-/// 100 lines are drawn. Colours follow the reader's choice of light or dark.
-/// @param name of what was rehearsed, for the heading
+/// Larger chips than 8192 blocks are drawn in groups of blocks; see kMarkLooks. Of longer scripts than 100 lines, the
+/// first 100 are drawn. Colours follow the reader's light or dark theme.
+/// @param name of the update, for the heading
 /// @param chip as the run left it, with its marks
-/// @param flash as the script's offsets count it
-/// @return an SVG file whole in itself: it asks for no other file and runs no program. Bytes of the name and the script
-///         that aren't text are shown as "?".
+/// @param flash the whole flash, in which the script counts its offsets
+/// @return an SVG file that needs no other file and contains no program. Bytes of the name and the script that are not
+///         UTF-8 text are shown as "?".
 std::string DrawChip(const std::string &name, const NandChip &chip, const WholeFlash &flash, const Verdict &verdict);

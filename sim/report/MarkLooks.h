@@ -6,17 +6,17 @@
 #include <cstddef>
 #include <vector>
 
-/// How pictures of a chip show what has become of a block.
+/// How maps and pictures show the state of a block.
 struct MarkLook {
     BlockMark mark;
     const char *words;
     char letter;          ///< in a terminal
-    const char *terminal; ///< its colours there, as an escape sequence takes them
-    const char *light;    ///< its colour in a document with dark text on a light ground
-    const char *dark;     ///< the same for light text on a dark ground
+    const char *terminal; ///< colours in a terminal, as numbers of an escape sequence
+    const char *light;    ///< colour in a document with a light background
+    const char *dark;     ///< colour in a document with a dark background
 };
 
-/// All of them, the one that matters least first. Good blocks are grey and blue, what calls for attention is neither.
+/// In ascending order of importance. Good blocks are grey and blue; blocks that need attention have other colours.
 constexpr std::array<MarkLook, 5> kMarkLooks = {{
     {BlockMark::Untouched, "untouched", '.', "2", "#dfe4ea", "#2f363f"},
     {BlockMark::Erased, "erased", '-', "30;46", "#9cc9f5", "#2a5f97"},
@@ -25,13 +25,13 @@ constexpr std::array<MarkLook, 5> kMarkLooks = {{
     {BlockMark::WrittenWithoutErase, "written without erase", '!', "1;37;45", "#b0219f", "#f778e0"},
 }};
 
-/// @return what has become of each block, from block 0 on.
+/// @return the state of each block, from block 0 on.
 std::vector<BlockMark> ChipMarks(const NandChip &chip);
 
-/// @return how many blocks have each of kMarkLooks.
+/// @return the number of blocks for each row of kMarkLooks.
 std::array<std::size_t, kMarkLooks.size()> CountMarks(const std::vector<BlockMark> &marks);
 
-/// Puts blocks together to cells, each of which looks like the one of its blocks that matters most.
-/// @param group blocks of a cell; the last one may have fewer
-/// @return places in kMarkLooks, one a cell.
+/// Gathers blocks into cells. A cell looks like the most important of its blocks.
+/// @param group number of blocks per cell; the last cell may have fewer
+/// @return for each cell, an index in kMarkLooks.
 std::vector<std::size_t> MarkCells(const std::vector<BlockMark> &marks, std::size_t group);

@@ -70,7 +70,7 @@ ordered_json DescribeFinding(const Finding &finding) {
     return described;
 }
 
-/// A script's line for a terminal, which takes no orders from it.
+/// Makes a script's line safe to print: control characters could steer a terminal.
 std::string Shown(std::string text) {
     std::replace_if(
         text.begin(), text.end(),
@@ -117,9 +117,9 @@ std::string VerdictText(const Verdict &verdict, const std::string &scriptName) {
         if (!spare || *spare < 0)
             continue;
         text += scriptName + ":" + std::to_string(line.line.number) + ": room: " + line.line.image + " fills " +
-                std::to_string(*line.imageBlocks) + " of " + Counted(*line.rangeBlocks, "block") + " and bears " +
-                Counted(*spare, "bad one") +
-                (line.badBlocks == 0 ? "" : ", " + std::to_string(line.badBlocks) + " of them here") + "\n";
+                std::to_string(*line.imageBlocks) + " of " + Counted(*line.rangeBlocks, "block") + " and tolerates " +
+                Counted(*spare, "bad block") +
+                (line.badBlocks == 0 ? "" : " (" + std::to_string(line.badBlocks) + " present)") + "\n";
     }
     for (const Finding &finding : verdict.findings) {
         const std::string about = finding.text.empty() ? "" : finding.text + ": ";

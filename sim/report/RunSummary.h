@@ -8,17 +8,17 @@
 #include <string>
 #include <vector>
 
-/// What is to be told of a finished run, for people.
+/// The summary of a finished run, for people.
 class RunSummary {
 public:
-    /// The three are looked at once, here.
+    /// Copies what the summary needs.
     RunSummary(const NandChip &chip, const SimState &state, const RunOutcome &outcome);
 
-    /// The chip's map, the requests by kind and how the updater ended, as lines.
+    /// @return lines with the map of the chip, the requests by kind and how the updater ended.
     /// @param width columns of the terminal
     std::string Text(size_t width, bool inColour) const;
 
-    /// The exit status by which a shell would tell how the updater ended: 128 and the number for a signal.
+    /// @return the exit status that a shell shows for the updater: 128 plus the number for a signal.
     static int ShellStatus(const RunOutcome &outcome);
 
 private:

@@ -4,7 +4,7 @@
 
 namespace {
 
-/// @return bytes of the character at a place that an XML file may hold, 0 when it is none.
+/// @return the length in bytes of the character at a place; 0 if an XML file may not contain it.
 std::size_t CharacterSize(const std::string &text, std::size_t at) {
     const auto byte = [&](std::size_t place) {
         return place < text.size() ? static_cast<unsigned char>(text[place]) : 0U;
@@ -32,7 +32,7 @@ std::string XmlText(const std::string &text, std::size_t columns) {
     std::size_t taken = 0;
     for (std::size_t at = 0; at < text.size();) {
         const std::size_t size = CharacterSize(text, at);
-        // Characters outside ASCII may be twice as wide.
+        // Characters outside ASCII can be twice as wide.
         taken += size > 1 ? 2 : 1;
         if (taken > columns)
             return escaped + "\xe2\x80\xa6";

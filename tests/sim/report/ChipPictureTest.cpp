@@ -9,6 +9,7 @@
 #include <regex>
 #include <string>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -129,6 +130,98 @@ TEST(ChipPicture, ShowsPercentagesBetweenTheirMarks) {
     EXPECT_EQ(marks, (std::vector<double>{curve[0], curve[1]}));
     EXPECT_GT(curve[2], curve[1]);
     EXPECT_LT(curve[3], curve[1]);
+}
+
+TEST(ChipPicture, DrawsImagesBadBlocksAndArrowsWhereTheRangesAre) {
+    Rehearsed run(64);
+    const auto bars = [&](const char *look) {
+        const std::string svg = run.Draw();
+        const std::string lines = svg.substr(svg.find("<g id=\"strip\">"));
+        const std::string row =
+            std::string("<rect class=\"") + look + "\" x=\"([0-9.]+)\" y=\"[0-9.]+\" width=\"([0-9.]+)\"";
+        const std::regex regex(row);
+        std::vector<std::pair<double, double>> found;
+        for (std::sregex_iterator at(lines.begin(), lines.end(), regex), end; at != end; ++at)
+            found.emplace_back(std::stod((*at)[1]), std::stod((*at)[2]));
+        return found;
+    };
+    // Blocks 2 to 7 with block 3 bad: an image of two blocks ends after block 4.
+    run.Add("write 800 1800 image", LineResult::Clean);
+    run.verdict.lines[0].imageBlocks = 2;
+    ASSERT_EQ(bars("range").size(), 1U);
+    ASSERT_EQ(bars("image").size(), 1U);
+    EXPECT_EQ(bars("image")[0].first, bars("range")[0].first);
+    EXPECT_NEAR(bars("image")[0].second, bars("range")[0].second / 2, 0.1);
+    const auto lost = [&] {
+        const std::string svg = run.Draw();
+        return Numbers(svg.substr(svg.find("<g id=\"strip\">")), "class=\"lost\" stroke-width=\"2\" d=\"M([0-9.]+) ");
+    };
+    ASSERT_EQ(lost().size(), 1U);
+    EXPECT_NEAR(lost()[0], bars("range")[0].first + bars("range")[0].second / 4, 0.1);
+
+    // A line that did not run has no image, and its range is hollow; a failed one is marked.
+    run.verdict.lines[0].result = LineResult::NeverRan;
+    EXPECT_EQ(bars("image").size() + bars("range").size(), 0U);
+    EXPECT_EQ(bars("range hollow").size(), 1U);
+    run.verdict.lines[0].result = LineResult::Failed;
+    EXPECT_EQ(bars("range lost").size(), 1U);
+
+    // Ranges that leave the flash have an arrow beside the end that is off the flash, and only there.
+    const char *kLeft = "l-6 6l6 6\"", *kRight = "l6 6l-6 6\"";
+    EXPECT_EQ(run.Draw().find(kLeft) + 1 + run.Draw().find(kRight) + 1, 0U);
+    Rehearsed above(64);
+    above.Add("erase 800 10000", LineResult::Failed);
+    EXPECT_NE(above.Draw().find(kRight), std::string::npos);
+    EXPECT_EQ(above.Draw().find(kLeft), std::string::npos);
+    Rehearsed below(64);
+    below.Add("erase -400 800", LineResult::Failed);
+    EXPECT_NE(below.Draw().find(kLeft), std::string::npos);
+    EXPECT_EQ(below.Draw().find(kRight), std::string::npos);
+}
+
+TEST(ChipPicture, LegendExplainsWhatIsDrawnAndNothingElse) {
+    Rehearsed run(64);
+    const auto legend = [&] {
+        const std::string svg = run.Draw();
+        std::vector<std::string> words;
+        const std::regex regex(">([^<]*)</text>");
+        for (std::sregex_iterator at(svg.begin(), svg.end(), regex), end; at != end; ++at)
+            words.push_back((*at)[1]);
+        return words;
+    };
+    const auto shows = [&](const std::string &text) {
+        const std::vector<std::string> words = legend();
+        return std::find(words.begin(), words.end(), text) != words.end();
+    };
+    for (const char *text : {"untouched 58", "erased 1", "written 2", "bad 2", "written without erase 1", "range",
+                             "filled by its image", "bad block"})
+        EXPECT_TRUE(shows(text)) << text;
+    const struct {
+        LineResult result;
+        const char *words;
+    } rows[] = {{LineResult::Clean, "carried out"},
+                {LineResult::Skipped, "skipped"},
+                {LineResult::Failed, "failed"},
+                {LineResult::NeverRan, "never ran"}};
+    for (const auto &row : rows)
+        EXPECT_FALSE(shows(row.words)) << row.words;
+    for (const auto &row : rows) {
+        run.verdict.lines.clear();
+        run.Add("erase 0 400", row.result);
+        for (const auto &other : rows)
+            EXPECT_EQ(shows(other.words), &other == &row) << row.words << ", " << other.words;
+        EXPECT_NE(run.Draw().find(std::string("<title>line 1, ") + row.words + ": erase 0 400</title>"),
+                  std::string::npos);
+    }
+    run.verdict.lines[0].result = LineResult::Clean;
+    Finding finding;
+    finding.line = 1;
+    finding.severity = Severity::Note;
+    run.verdict.findings = {finding};
+    EXPECT_TRUE(shows("carried out"));
+    run.verdict.findings[0].severity = Severity::Warning;
+    EXPECT_TRUE(shows("carried out, with findings"));
+    EXPECT_FALSE(shows("carried out"));
 }
 
 TEST(ChipMap, FitsAChipOfAnySizeToTheTerminal) {

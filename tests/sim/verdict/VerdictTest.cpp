@@ -484,7 +484,7 @@ TEST(Verdict, GoesIntoAReportAndOntoTheTerminal) {
     run.chip.MarkBad(1);
     const Verdict verdict = run.Judged();
     EXPECT_EQ(VerdictText(verdict, "script"),
-              "script:1: room: one fills 1 of 2 blocks and bears 1 bad one, 1 of them here\n"
+              "script:1: room: one fills 1 of 2 blocks and tolerates 1 bad block (1 present)\n"
               "script:2: error: burn: the line is skipped; use write, writeoob, erase, setenv or ubiformat, in "
               "lower case [unknown-command]\n"
               "verdict: NOT clean: 1 error, 1 of 2 lines carried out\n");
