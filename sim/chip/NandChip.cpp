@@ -176,10 +176,31 @@ bool NandChip::IsBad(std::uint32_t block) const { return (m_memory.blockStates[b
 
 void NandChip::MarkBad(std::uint32_t block) {
     const std::uint32_t page = block * m_geometry.PagesPerBlock();
-    const std::uint32_t place = m_geometry.pageSize <= kSmallPage ? 5 : 0;
     m_memory.pageStates[page] |= kProgrammed;
-    CellsOf(page)[m_geometry.pageSize + place] = kBadMark;
+    CellsOf(page)[MarkerPlace()] = kBadMark;
     m_memory.blockStates[block] |= kBadBlock;
+}
+
+/// @return the place of the marker among the cells of a page.
+std::uint32_t NandChip::MarkerPlace() const {
+    return m_geometry.pageSize + (m_geometry.pageSize <= kSmallPage ? 5 : 0);
+}
+
+bool NandChip::HasBadBlockMarker(std::uint32_t block) const {
+    constexpr std::uint32_t kScannedPages = 2;
+    const std::uint32_t first = block * m_geometry.PagesPerBlock();
+    for (std::uint32_t page = first; page < first + std::min(kScannedPages, m_geometry.PagesPerBlock()); ++page) {
+        if (Cells(page)[MarkerPlace()] != kErasedByte)
+            return true;
+    }
+    return false;
+}
+
+void NandChip::ScanForBadBlocks() {
+    for (std::uint32_t block = 0; block < m_geometry.Blocks(); ++block) {
+        if (HasBadBlockMarker(block))
+            m_memory.blockStates[block] |= kBadBlock;
+    }
 }
 
 void NandChip::MakeWeakBlock(std::uint32_t block) { m_memory.blockStates[block] |= kWeakBlock; }

@@ -94,6 +94,11 @@ public:
     bool IsBad(std::uint32_t block) const;
     /// Marks a block bad, in its state and in the OOB of its first page.
     void MarkBad(std::uint32_t block);
+    /// @return whether the OOB of its first or second page has a bad-block marker, as a kernel that scans the chip sees
+    ///         it; data that was put there looks the same.
+    bool HasBadBlockMarker(std::uint32_t block) const;
+    /// Makes bad every block with a marker, as the kernel does when it starts.
+    void ScanForBadBlocks();
     /// Wears a block out: its erases are carried out from now on, but reported as failed.
     void MakeWeakBlock(std::uint32_t block);
     /// Wears a page out: its programs are carried out from now on, but reported as failed.
@@ -127,6 +132,7 @@ public:
     const std::uint8_t *Cells(std::uint32_t page) const;
 
 private:
+    std::uint32_t MarkerPlace() const;
     std::uint8_t *CellsOf(std::uint32_t page);
     std::size_t RawBlockSize() const;
     void FillEcc(const PageProgram &program, std::uint8_t *oob) const;

@@ -12,5 +12,7 @@ RunRecord RecordOf(const RunSettings &settings, const RunOutcome &outcome, const
     record.trace = state.TraceText();
     record.cutPlace = state.CutPlace();
     record.absent = AbsentTroubles(settings.sim, state);
+    record.assumesDevices = settings.assumesDevices;
+    record.missingSysfs = settings.missingSysfs;
     return record;
 }

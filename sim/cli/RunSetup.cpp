@@ -52,8 +52,12 @@ RunSettings MakeSettings(const Options &options, const NandGeometry &geometry) {
     settings.missingSysfs = SplitList(options.missingSysfs);
     for (const std::string &device : options.devices)
         AddDevice(ParseDevice(device, geometry), settings.sim.devices);
-    if (options.devices.empty())
+    settings.assumesDevices = options.devices.empty();
+    if (settings.assumesDevices)
         settings.sim.devices = DefaultDevices(geometry);
+    // The kernel lists devices by number.
+    std::sort(settings.sim.devices.begin(), settings.sim.devices.end(),
+              [](const SimDevice &a, const SimDevice &b) { return a.number < b.number; });
     for (const std::string &fault : options.faults)
         settings.sim.faults.push_back(ReadFault(fault));
     settings.sim.cutAtChange = options.cut;
@@ -99,6 +103,7 @@ ScopedFd PrepareChip(const Options &options, const std::string &path, const std:
         if (!chip.IsBad(block))
             chip.MarkBad(block);
     }
+    chip.ScanForBadBlocks();
     chip.ForgetMarks();
     return right;
 }

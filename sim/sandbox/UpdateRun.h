@@ -26,6 +26,7 @@ struct RunSettings {
     std::vector<std::string> starts;       ///< shell commands that run in the device before the update
     std::vector<std::string> missingSysfs; ///< names of the sysfs files that no MTD device has
     SimSettings sim;                       ///< MTD devices, faults, power cut, trace
+    bool assumesDevices = false;           ///< nobody has described the MTD devices: they are DefaultDevices
     bool isConsole = false;                ///< standard output is a terminal: lines come as they are printed
     int passOut = -1;                      ///< descriptor that gets the updater's output as it comes; -1 for none
     int passErr = -1;                      ///< the same for its error output

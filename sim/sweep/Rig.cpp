@@ -28,6 +28,8 @@ RunOutcome Rig::Run(std::uint64_t cutAtChange, const std::vector<SimFault> &faul
     run.cutAtChange = cutAtChange;
     run.faults.insert(run.faults.end(), faults.begin(), faults.end());
     m_state.Restart(run);
+    // Each run is a start of the device: the kernel looks for bad-block markers again.
+    Chip().ScanForBadBlocks();
     const bool isNew = !m_sandbox;
     if (isNew)
         m_sandbox = std::make_unique<Sandbox>(m_settings, m_sPath, m_sPath + ".state");

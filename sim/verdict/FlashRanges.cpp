@@ -12,8 +12,8 @@ WholeFlash::WholeFlash(const NandChip &chip, const std::vector<SimDevice> &devic
     if (whole == devices.end())
         whole =
             std::find_if(devices.begin(), devices.end(), [](const SimDevice &device) { return device.number == 0; });
-    m_hasDevice = whole != devices.end();
-    if (m_hasDevice) {
+    if (whole != devices.end()) {
+        m_device = &*whole;
         m_offset = static_cast<std::int64_t>(whole->offset);
         m_size = static_cast<std::int64_t>(whole->size);
     }

@@ -30,7 +30,9 @@ public:
     std::optional<FlashRange> RangeOf(const UpdateLine &line) const;
 
     /// @return whether the whole flash is a device.
-    bool HasDevice() const { return m_hasDevice; }
+    bool HasDevice() const { return m_device != nullptr; }
+    /// @return the device that the updater takes for the whole flash; nullptr when there is none.
+    const SimDevice *Device() const { return m_device; }
     std::int64_t Size() const { return m_size; }
     std::int64_t EraseSize() const { return m_chip.Geometry().eraseSize; }
     /// @return whether offset and size are whole blocks.
@@ -57,7 +59,7 @@ private:
     const std::vector<SimDevice> &m_devices;
     std::int64_t m_offset;
     std::int64_t m_size;
-    bool m_hasDevice;
+    const SimDevice *m_device = nullptr;
 };
 
 /// @return whether the CRC of a boot environment block matches its bytes.

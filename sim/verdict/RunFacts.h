@@ -25,6 +25,8 @@ struct RunRecord {
     std::string trace;                           ///< SimState::TraceText
     std::string cutPlace;                        ///< SimState::CutPlace
     std::vector<std::string> absent;             ///< AbsentTroubles of the run's settings
+    bool assumesDevices = false;                 ///< the borders of the devices are not those of any product
+    std::vector<std::string> missingSysfs;       ///< sysfs files that no MTD device has
 };
 
 /// What is known of one script line.

@@ -97,10 +97,12 @@ std::string VisibleScript(const std::string &file) {
     return text.substr(0, text.find('\0'));
 }
 
-std::vector<UpdateLine> ReadUpdateLines(const std::string &text) {
+namespace {
+
+/// Calls `visit` with number, text and tokens of each line that holds a word.
+template <typename Visit> void VisitLines(const std::string &text, Visit visit) {
     std::vector<std::string> pieces;
     UTextUtil::Split(text.c_str(), kLineEnds, pieces);
-    std::vector<UpdateLine> lines;
     std::size_t number = 1;
     std::size_t done = 0;
     for (const std::string &piece : pieces) {
@@ -108,9 +110,31 @@ std::vector<UpdateLine> ReadUpdateLines(const std::string &text) {
         number += LineEnds(text, done, start);
         done = start + piece.size();
         std::vector<std::string> tokens;
-        if (UTextUtil::Split(piece.c_str(), kBlanks, tokens) == 0 || tokens[0].find('#') != std::string::npos)
-            continue;
-        lines.push_back(TakeLine(number, piece, std::move(tokens)));
+        if (UTextUtil::Split(piece.c_str(), kBlanks, tokens) != 0)
+            visit(number, piece, std::move(tokens));
     }
+}
+
+} // namespace
+
+std::vector<UpdateLine> ReadUpdateLines(const std::string &text) {
+    std::vector<UpdateLine> lines;
+    VisitLines(text, [&](std::size_t number, const std::string &piece, std::vector<std::string> tokens) {
+        if (tokens[0].find('#') == std::string::npos)
+            lines.push_back(TakeLine(number, piece, std::move(tokens)));
+    });
+    return lines;
+}
+
+std::vector<UpdateLine> ReadHiddenLines(const std::string &text) {
+    std::vector<UpdateLine> lines;
+    VisitLines(text, [&](std::size_t number, const std::string &piece, std::vector<std::string> tokens) {
+        const std::size_t mark = tokens[0].find('#');
+        if (mark == std::string::npos || mark == 0)
+            return;
+        tokens[0].resize(mark);
+        if (FindCommand(tokens) != nullptr)
+            lines.push_back(TakeLine(number, piece, std::move(tokens)));
+    });
     return lines;
 }

@@ -46,3 +46,6 @@ std::string VisibleScript(const std::string &file);
 /// Reads a script as the updater does, with the updater's own splitting.
 /// @param text without zero bytes
 std::vector<UpdateLine> ReadUpdateLines(const std::string &text);
+
+/// @return the lines that are comments only because of a # inside their first word, after the name of a command.
+std::vector<UpdateLine> ReadHiddenLines(const std::string &text);

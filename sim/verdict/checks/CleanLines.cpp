@@ -44,14 +44,17 @@ void CheckImage(const RunFacts &facts, const UpdateLine &line, const LineStory &
                                    "the flash ends before the image: the last " + Count(*size - room, "byte") +
                                        " of the image are lost, silently"));
     std::int64_t left = 0;
+    const bool isKnown = facts.record.contents.count(line.image) != 0;
     const std::int64_t pages = (std::min(*size, room) + record - 1) / record;
     for (std::int64_t i = 0; i < pages; ++i) {
         const auto number = static_cast<std::uint64_t>(i);
         const std::uint32_t block = blocks[number / pagesPerBlock];
         const std::int64_t offset = facts.flash.FromChip(std::uint64_t{block} * facts.chip.Geometry().eraseSize);
+        // What a touched block holds is compared with the image where the image is known.
         const bool isProgrammed =
             facts.chip.IsTouched(block) &&
-            facts.chip.IsProgrammed(block * pagesPerBlock + static_cast<std::uint32_t>(number % pagesPerBlock));
+            (isKnown ||
+             facts.chip.IsProgrammed(block * pagesPerBlock + static_cast<std::uint32_t>(number % pagesPerBlock)));
         // A later line may have erased the page; that is reported for the later line.
         if (!isProgrammed && facts.WriterOf(offset) == &line)
             ++left;

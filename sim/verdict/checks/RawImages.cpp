@@ -1,5 +1,6 @@
 #include "verdict/Checks.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace {
@@ -19,7 +20,8 @@ std::int64_t PartialRecord(const RunFacts &facts, const UpdateLine &line, const 
 
 } // namespace
 
-/// Raw images that end within a record, such as those made for another page size.
+/// Raw images that are framed wrongly: on a device that does not report its OOB size, and those that end within a
+/// record, such as those made for another page size.
 std::vector<Finding> CheckRawImages(const RunFacts &facts) {
     const NandGeometry &geometry = facts.chip.Geometry();
     std::vector<Finding> findings;
@@ -27,6 +29,13 @@ std::vector<Finding> CheckRawImages(const RunFacts &facts) {
         const UpdateLine &line = facts.lines[i].line;
         if (line.kind != LineKind::WriteOob || !line.isComplete)
             continue;
+        const auto &missing = facts.record.missingSysfs;
+        if (std::find(missing.begin(), missing.end(), "oobsize") != missing.end()) {
+            findings.push_back(ForLine(line, FindingId::NoOobSize,
+                                       "the device doesn't report its OOB size: the updater takes the image for pages "
+                                       "without OOB, and writes OOB bytes into pages"));
+            continue;
+        }
         if (const std::int64_t rest = PartialRecord(facts, line, facts.story.lines[i]))
             findings.push_back(ForLine(line, FindingId::RawLength,
                                        "the image ends with " + std::to_string(rest) + " bytes of a record of " +

@@ -7,6 +7,12 @@ namespace {
 constexpr const char *kShellCharacters = "$`\"'\\|&;<>()*?[";
 constexpr const char *kShellBeginnings = "#~";
 
+/// @return whether a word is a number as offsets are written.
+bool IsHexNumber(const std::string &word) {
+    return (word.rfind("0x", 0) == 0 || word.rfind("0X", 0) == 0) && word.size() > 2 &&
+           word.find_first_not_of("0123456789abcdefABCDEF", 2) == std::string::npos;
+}
+
 void CheckNumber(const UpdateLine &line, std::size_t token, const ScriptNumber &number,
                  std::vector<Finding> &findings) {
     if (number.isForeign || number.isBeyond)
@@ -29,8 +35,16 @@ void CheckLine(const UpdateLine &line, std::vector<Finding> &findings) {
     if (line.tokens.size() > line.usedTokens && line.tokens[line.usedTokens][0] != '#')
         findings.push_back(ForLine(line, FindingId::IgnoredWords,
                                    line.tokens[line.usedTokens] + " and everything after it is ignored"));
+    const bool setsVariable = line.kind == LineKind::SetEnv || line.kind == LineKind::HandEnv;
+    if (setsVariable && line.Name().find('=') != std::string::npos)
+        findings.push_back(ForLine(line, FindingId::NameEquals,
+                                   line.Name() + " as a name never matches: each update adds one more entry"));
     if (line.kind != LineKind::HandEnv)
         return;
+    if (IsHexNumber(line.Name()))
+        findings.push_back(ForLine(line, FindingId::SetenvShort,
+                                   "four words or fewer are the short form: a variable with the name " + line.Name() +
+                                       " gets the value " + line.Value()));
     for (const std::string &text : {line.Name(), line.Value()}) {
         if (text.find_first_of(kShellCharacters) != std::string::npos || text.find_first_of(kShellBeginnings) == 0)
             findings.push_back(
@@ -47,5 +61,8 @@ std::vector<Finding> CheckWords(const RunFacts &facts) {
         if (line.line.isComplete)
             CheckLine(line.line, findings);
     }
+    for (const UpdateLine &line : ReadHiddenLines(VisibleScript(facts.record.script)))
+        findings.push_back(
+            ForLine(line, FindingId::HiddenCommand, "a # inside the first word makes the whole line a comment"));
     return findings;
 }
