@@ -1,5 +1,5 @@
 #!/bin/sh
-# flashrig calls it with each new whole percentage. They may fall, and pass 100: the bar stays where it was.
+# flashrig calls this script with each new whole percentage. Percentages can fall and exceed 100; the bar does not.
 shown=/tmp/progress
 last=$(cat "$shown" 2>/dev/null || echo 0)
 if [ "$1" -gt "$last" ] && [ "$1" -le 100 ]; then

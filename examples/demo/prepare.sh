@@ -1,3 +1,3 @@
 #!/bin/sh
-# Run by the update in front of ubiformat, when /opt has been released.
+# Runs before ubiformat, when /opt is unmounted.
 echo "prepare.sh: the partition is free"

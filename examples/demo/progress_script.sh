@@ -1,3 +1,3 @@
 #!/bin/sh
-# Told each new whole percentage while the update runs.
+# flashrig calls this script with each new whole percentage.
 echo "progress: $1 %"

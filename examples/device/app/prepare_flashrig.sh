@@ -1,6 +1,6 @@
 #!/bin/sh
-# Unpacks an update image into /tmp/update. Here an image is a tar archive; a device's own may be anything.
-# flashrig doesn't look at the exit status: what can't be unpacked must not leave half an update behind.
+# Unpacks an update image to /tmp/update. Here an image is a tar archive; real devices may use any format.
+# flashrig ignores the exit status: a damaged image must not leave half an update.
 set -eu
 rm -rf /tmp/update
 mkdir -p /tmp/update

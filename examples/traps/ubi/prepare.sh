@@ -1,4 +1,4 @@
 #!/bin/sh
-# Runs when the device's applications are stopped and /opt is unmounted, right before ubiformat.
+# Runs before ubiformat, when the applications are stopped and /opt is unmounted.
 set -eu
 sync
