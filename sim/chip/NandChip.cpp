@@ -1,5 +1,7 @@
 #include "chip/NandChip.h"
 
+#include "chip/Hamming.h"
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -10,7 +12,6 @@ constexpr std::uint8_t kErasedByte = 0xFF;
 constexpr std::uint8_t kBadMark = 0x00;
 
 constexpr std::uint32_t kMinOob = 8;
-constexpr std::uint32_t kMaxPage = 16384;
 constexpr std::uint32_t kSmallPage = 512; ///< chips with pages up to this size lay out their OOB in the old way
 constexpr std::uint64_t kMaxSize = std::uint64_t{1} << 38;
 
@@ -24,86 +25,20 @@ constexpr std::uint8_t kMarkBits = 0x0F;
 constexpr std::uint8_t kWeakBlock = 0x40;
 constexpr std::uint8_t kBadBlock = 0x80;
 
-// The kernel's software Hamming ECC: three bytes for every 256 bytes of data, which mend one bit.
-constexpr std::uint32_t kEccStep = 256;
-constexpr std::uint32_t kEccBytes = 3;
-using EccCode = std::array<std::uint8_t, kEccBytes>;
+// An ECC of the chip's own, as such chips commonly have it.
+constexpr std::uint32_t kChipEccStep = 512;
+constexpr std::uint32_t kChipEccStrength = 4;
+
+std::vector<std::uint32_t> BytesOf(const std::vector<OobRegion> &regions) {
+    std::vector<std::uint32_t> bytes;
+    for (const OobRegion &region : regions) {
+        for (std::uint32_t i = 0; i < region.length; ++i)
+            bytes.push_back(region.offset + i);
+    }
+    return bytes;
+}
 
 constexpr bool IsPowerOfTwo(std::uint32_t number) { return number != 0 && (number & (number - 1)) == 0; }
-
-std::uint32_t Parity(std::uint32_t bits) { return static_cast<std::uint32_t>(__builtin_parity(bits)); }
-
-/// Two parities for each of the address bits in `odd`: of the bits where it is 1, and of those where it is 0.
-std::uint32_t ParityPairs(std::uint32_t odd, std::uint32_t total, int addressBits) {
-    std::uint32_t pairs = 0;
-    for (int bit = 0; bit < addressBits; ++bit) {
-        const std::uint32_t one = odd >> bit & 1;
-        pairs |= (one << 1 | (one ^ total)) << (2 * bit);
-    }
-    return pairs;
-}
-
-EccCode ComputeEcc(const std::uint8_t *data) {
-    std::uint32_t column = 0;
-    std::uint32_t oddBytes = 0; // the addresses of all bytes with an odd number of ones, added up bit by bit
-    for (std::uint32_t i = 0; i < kEccStep; ++i) {
-        column ^= data[i];
-        oddBytes ^= i & (0U - Parity(data[i]));
-    }
-    const std::uint32_t total = Parity(column);
-    const std::uint32_t bytePairs = ParityPairs(oddBytes, total, 8);
-    const std::uint32_t oddBits = Parity(column & 0xAA) | Parity(column & 0xCC) << 1 | Parity(column & 0xF0) << 2;
-    const std::uint32_t bitPairs = ParityPairs(oddBits, total, 3);
-    // Stored inverted, so that erased data fits erased ECC.
-    return {static_cast<std::uint8_t>(~(bytePairs >> 8)), static_cast<std::uint8_t>(~bytePairs),
-            static_cast<std::uint8_t>(~(bitPairs << 2))};
-}
-
-/// The address that the odd bits of `pairs` spell.
-std::uint32_t OddBits(std::uint32_t pairs, int addressBits) {
-    std::uint32_t address = 0;
-    for (int bit = 0; bit < addressBits; ++bit)
-        address |= (pairs >> (2 * bit + 1) & 1) << bit;
-    return address;
-}
-
-/// Mends one step as the kernel does, which takes any difference that looks like one turned bit for one.
-NandChip::ReadResult CorrectStep(std::uint8_t *data, const EccCode &stored) {
-    const EccCode computed = ComputeEcc(data);
-    const auto differing = [&](std::size_t i) { return static_cast<std::uint32_t>(stored[i] ^ computed[i]); };
-    const std::uint32_t difference = differing(0) << 16 | differing(1) << 8 | differing(2);
-    if (difference == 0)
-        return NandChip::ReadResult::Clean;
-    constexpr std::uint32_t kOneOfEachPair = 0x555554;
-    if (((difference ^ difference >> 1) & kOneOfEachPair) == kOneOfEachPair) {
-        data[OddBits(difference >> 8, 8)] ^= static_cast<std::uint8_t>(1U << OddBits(difference >> 2, 3));
-        return NandChip::ReadResult::Corrected;
-    }
-    const bool onlyEccBit = (difference & (difference - 1)) == 0;
-    return onlyEccBit ? NandChip::ReadResult::Corrected : NandChip::ReadResult::Uncorrectable;
-}
-
-/// Where the kernel's default layouts put the ECC bytes; empty when the OOB has no room for them.
-std::vector<std::uint32_t> EccPlaces(const NandGeometry &geometry) {
-    const std::uint32_t total = geometry.pageSize / kEccStep * kEccBytes;
-    const bool old = geometry.oobSize <= 16;
-    std::uint32_t place = 0;
-    if (geometry.oobSize == 64)
-        place = 40;
-    else if (geometry.oobSize == 128)
-        place = 80;
-    else if (!old) // the kernel has no layout of its own for these
-        place = geometry.oobSize > total + 2 ? geometry.oobSize - total : geometry.oobSize;
-    std::vector<std::uint32_t> places;
-    for (; places.size() < total && place < geometry.oobSize; ++place) {
-        const bool reserved = old && (place == 4 || place == 5);
-        if (!reserved)
-            places.push_back(place);
-    }
-    if (places.size() < total)
-        places.clear();
-    return places;
-}
 
 /// Reads both ends of what is about to be written. In a mapped file a read brings in the neighbours as well, a write
 /// costs a fault for each 4 KiB.
@@ -126,7 +61,7 @@ bool ProgramOver(std::uint8_t *cells, const std::uint8_t *bytes, std::size_t len
 } // namespace
 
 const char *NandGeometry::Problem(Ecc ecc) const {
-    if (!IsPowerOfTwo(pageSize) || pageSize < kEccStep || pageSize > kMaxPage)
+    if (!IsPowerOfTwo(pageSize) || pageSize < Hamming::kStep || pageSize > kMaxPage)
         return "the page size has to be a power of two from 256 bytes to 16 KiB";
     if (!IsPowerOfTwo(eraseSize) || eraseSize < 2 * pageSize)
         return "the erase block size has to be a power of two and hold at least two pages";
@@ -134,27 +69,23 @@ const char *NandGeometry::Problem(Ecc ecc) const {
         return "the chip size has to be a multiple of the erase block size, up to 256 GiB";
     if (oobSize < kMinOob || oobSize > NandChip::kMaxOob)
         return "the OOB size has to be from 8 to 2048 bytes";
-    if (ecc == Ecc::Host && EccPlaces(*this).empty())
+    if (ecc == Ecc::Host && OobLayout(*this, ecc).ecc.empty())
         return "the OOB has no room for the kernel's ECC, 3 bytes for every 256 bytes of a page";
     return nullptr;
 }
 
 NandChip::NandChip(const NandGeometry &geometry, Ecc ecc, const Memory &memory)
-    : m_geometry(geometry), m_ecc(ecc), m_memory(memory) {
-    if (ecc == Ecc::Host)
-        m_eccOob = EccPlaces(geometry);
-    const bool old = geometry.oobSize <= 16;
-    for (std::uint32_t place = old ? 8 : 2; place < geometry.oobSize; ++place) {
-        if (std::find(m_eccOob.begin(), m_eccOob.end(), place) == m_eccOob.end())
-            m_freeOob.push_back(place);
-    }
-}
+    : m_geometry(geometry), m_ecc(ecc), m_memory(memory), m_layout(geometry, ecc), m_eccOob(BytesOf(m_layout.ecc)),
+      m_freeOob(BytesOf(m_layout.free)) {}
+
+std::uint32_t NandChip::EccStepSize() const { return m_ecc == Ecc::Host ? Hamming::kStep : kChipEccStep; }
+std::uint32_t NandChip::EccStrength() const { return m_ecc == Ecc::Host ? 1 : kChipEccStrength; }
 
 std::uint32_t NandChip::SubPageSize() const {
     // Chips that compute their own ECC take whole pages only; the kernel's allows 2 or 4 parts for these step counts.
     if (m_ecc == Ecc::Chip)
         return m_geometry.pageSize;
-    switch (m_geometry.pageSize / kEccStep) {
+    switch (m_geometry.pageSize / Hamming::kStep) {
     case 2:
         return m_geometry.pageSize / 2;
     case 4:
@@ -178,8 +109,10 @@ void NandChip::MarkBad(std::uint32_t block) {
     const std::uint32_t page = block * m_geometry.PagesPerBlock();
     m_memory.pageStates[page] |= kProgrammed;
     CellsOf(page)[MarkerPlace()] = kBadMark;
-    m_memory.blockStates[block] |= kBadBlock;
+    SetBad(block);
 }
+
+void NandChip::SetBad(std::uint32_t block) { m_memory.blockStates[block] |= kBadBlock; }
 
 /// @return the place of the marker among the cells of a page.
 std::uint32_t NandChip::MarkerPlace() const {
@@ -199,7 +132,7 @@ bool NandChip::HasBadBlockMarker(std::uint32_t block) const {
 void NandChip::ScanForBadBlocks() {
     for (std::uint32_t block = 0; block < m_geometry.Blocks(); ++block) {
         if (HasBadBlockMarker(block))
-            m_memory.blockStates[block] |= kBadBlock;
+            SetBad(block);
     }
 }
 
@@ -310,34 +243,38 @@ NandChip::Programmed NandChip::Program(std::uint32_t page, const PageProgram &pr
 
 /// Puts the ECC of a program's data into the page's OOB bytes.
 void NandChip::FillEcc(const PageProgram &program, std::uint8_t *oob) const {
-    const std::uint32_t *place = &m_eccOob[std::size_t{program.column / kEccStep} * kEccBytes];
-    for (std::uint32_t done = 0; done < program.length; done += kEccStep) {
-        for (const std::uint8_t code : ComputeEcc(program.data + done))
+    const std::uint32_t *place = &m_eccOob[std::size_t{program.column / Hamming::kStep} * Hamming::kBytes];
+    for (std::uint32_t done = 0; done < program.length; done += Hamming::kStep) {
+        for (const std::uint8_t code : Hamming::Compute(program.data + done))
             oob[*place++] = code;
     }
 }
 
-NandChip::ReadResult NandChip::Read(std::uint32_t page, std::uint32_t column, std::uint32_t length,
-                                    std::uint8_t *data) const {
+EccResult NandChip::Read(std::uint32_t page, std::uint32_t column, std::uint32_t length, std::uint8_t *data) const {
     const std::uint8_t *cells = Cells(page);
     const std::uint8_t state = m_memory.pageStates[page];
     std::memcpy(data, cells + column, length);
+    EccResult result;
     if (m_ecc == Ecc::Chip || (state & kProgrammed) == 0 || (state & kFitsEcc) != 0)
-        return ReadResult::Clean;
+        return result;
 
-    ReadResult result = ReadResult::Clean;
+    constexpr std::uint32_t kStep = Hamming::kStep;
     const std::uint8_t *oob = cells + m_geometry.pageSize;
-    for (std::uint32_t step = column / kEccStep; step * kEccStep < column + length; ++step) {
-        const std::uint32_t start = step * kEccStep;
-        std::uint8_t whole[kEccStep];
-        std::memcpy(whole, cells + start, kEccStep);
-        const std::uint32_t *places = &m_eccOob[std::size_t{step} * kEccBytes];
-        const ReadResult mended = CorrectStep(whole, {oob[places[0]], oob[places[1]], oob[places[2]]});
-        result = std::max(result, mended);
+    for (std::uint32_t step = column / kStep; step * kStep < column + length; ++step) {
+        const std::uint32_t start = step * kStep;
+        std::uint8_t whole[kStep];
+        std::memcpy(whole, cells + start, kStep);
+        const std::uint32_t *places = &m_eccOob[std::size_t{step} * Hamming::kBytes];
+        const int bits = Hamming::Correct(whole, {oob[places[0]], oob[places[1]], oob[places[2]]});
+        if (bits < 0)
+            ++result.failed;
+        else
+            result.corrected += static_cast<std::uint32_t>(bits);
         const std::uint32_t from = std::max(start, column);
-        const std::uint32_t to = std::min(start + kEccStep, column + length);
+        const std::uint32_t to = std::min(start + kStep, column + length);
         std::memcpy(data + (from - column), whole + (from - start), to - from);
     }
+    result.mostBits = std::min(result.corrected, 1U);
     return result;
 }
 

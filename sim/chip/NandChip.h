@@ -11,6 +11,8 @@ enum class Ecc : std::uint32_t {
 
 /// Sizes of a chip, in bytes.
 struct NandGeometry {
+    static constexpr std::uint32_t kMaxPage = 16384; ///< most data bytes that a page can have
+
     std::uint64_t size;      ///< data bytes of the whole chip, OOB not counted
     std::uint32_t eraseSize; ///< data bytes of an erase block
     std::uint32_t pageSize;  ///< data bytes of a page
@@ -26,6 +28,40 @@ struct NandGeometry {
 
     /// @return nullptr when a chip can have these sizes, else what is wrong with them, in words without a full stop.
     const char *Problem(Ecc ecc) const;
+};
+
+/// Consecutive bytes of a page's OOB.
+struct OobRegion {
+    std::uint32_t offset;
+    std::uint32_t length;
+};
+
+/// Use of the OOB bytes, in the order in which the kernel lists the regions.
+struct OobLayout {
+    /// The kernel's default layout for a chip of these sizes. `ecc` is empty with Ecc::Chip, and when the OOB has no
+    /// room for the ECC bytes.
+    OobLayout(const NandGeometry &geometry, Ecc ecc);
+
+    std::vector<OobRegion> ecc;  ///< ECC bytes, step by step
+    std::vector<OobRegion> free; ///< neither ECC nor bad-block mark; a region may be empty
+};
+
+/// The result of a read: the worst of its ECC steps.
+enum class ReadResult {
+    Clean,
+    Corrected,     ///< at least one step had a bit turned to fit its ECC, rightly or not
+    Uncorrectable, ///< at least one step fits its ECC in no way; the data is given all the same
+};
+
+/// What the ECC did in one read.
+struct EccResult {
+    std::uint32_t corrected = 0; ///< bits turned to fit the ECC, rightly or not
+    std::uint32_t failed = 0;    ///< steps that no turned bit explains; their data is given as it is
+    std::uint32_t mostBits = 0;  ///< most bits corrected in one step
+
+    ReadResult Worst() const {
+        return failed > 0 ? ReadResult::Uncorrectable : corrected > 0 ? ReadResult::Corrected : ReadResult::Clean;
+    }
 };
 
 /// What has become of a block since ForgetMarks.
@@ -47,6 +83,7 @@ enum class Extent { Whole, FirstHalf };
 /// it share the chip. An object isn't used by two threads at once.
 class NandChip {
 public:
+    using ReadResult = ::ReadResult;
     static constexpr std::uint32_t kMaxOob = 2048; ///< most OOB bytes that a page can have
 
     /// The chip's memory; it outlives the chip.
@@ -72,12 +109,6 @@ public:
         bool overUnerased; ///< a bit that should have become 1 was 0 already and stayed so
     };
 
-    enum class ReadResult {
-        Clean,
-        Corrected,     ///< at least one step had a bit turned to fit its ECC, rightly or not
-        Uncorrectable, ///< at least one step fits its ECC in no way; the data is given all the same
-    };
-
     /// @param geometry one without a Problem
     NandChip(const NandGeometry &geometry, Ecc ecc, const Memory &memory);
 
@@ -85,7 +116,11 @@ public:
     Ecc EccMode() const { return m_ecc; }
     /// Smallest part of a page that a normal or raw write may address, in bytes.
     std::uint32_t SubPageSize() const;
-    /// Places of the OOB bytes that neither the ECC nor the bad-block mark uses, ascending.
+    const OobLayout &Layout() const { return m_layout; }
+    /// ECC steps of a page in bytes, and the bits of a step that the ECC corrects.
+    std::uint32_t EccStepSize() const;
+    std::uint32_t EccStrength() const;
+    /// The bytes of Layout().free.
     const std::vector<std::uint32_t> &FreeOob() const { return m_freeOob; }
 
     /// Makes the memory that of a chip fresh from the factory: all erased, no bad blocks.
@@ -94,6 +129,8 @@ public:
     bool IsBad(std::uint32_t block) const;
     /// Marks a block bad, in its state and in the OOB of its first page.
     void MarkBad(std::uint32_t block);
+    /// Has a block known as bad, whatever its OOB says: the kernel's table of bad blocks.
+    void SetBad(std::uint32_t block);
     /// @return whether the OOB of its first or second page has a bad-block marker, as a kernel that scans the chip sees
     ///         it; data that was put there looks the same.
     bool HasBadBlockMarker(std::uint32_t block) const;
@@ -126,7 +163,7 @@ public:
 
     /// Reads page data through the ECC.
     /// @param column,length the part of the page that is wanted, in bytes
-    ReadResult Read(std::uint32_t page, std::uint32_t column, std::uint32_t length, std::uint8_t *data) const;
+    EccResult Read(std::uint32_t page, std::uint32_t column, std::uint32_t length, std::uint8_t *data) const;
 
     /// The cells of a page as they are: pageSize bytes of data, then oobSize of OOB.
     const std::uint8_t *Cells(std::uint32_t page) const;
@@ -141,6 +178,7 @@ private:
     NandGeometry m_geometry;
     Ecc m_ecc;
     Memory m_memory;
+    OobLayout m_layout;
     std::vector<std::uint32_t> m_eccOob; ///< places of the ECC bytes in the OOB, step by step
     std::vector<std::uint32_t> m_freeOob;
 };

@@ -10,6 +10,7 @@ RunRecord RecordOf(const RunSettings &settings, const RunOutcome &outcome, const
     record.out = outcome.out;
     record.err = outcome.err;
     record.trace = state.TraceText();
+    record.programs = state.ProgramNotes();
     record.cutPlace = state.CutPlace();
     record.absent = AbsentTroubles(settings.sim, state);
     record.assumesDevices = settings.assumesDevices;

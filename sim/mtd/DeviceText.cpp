@@ -1,11 +1,11 @@
 #include "mtd/DeviceText.h"
 
+#include "base/Number.h"
 #include "base/Text.h"
+#include "mtd/Trace.h"
 
 #include <algorithm>
-#include <cctype>
-#include <cerrno>
-#include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <sstream>
 #include <stdexcept>
@@ -16,24 +16,26 @@ namespace {
     throw std::invalid_argument("'" + text + "' is not " + wanted);
 }
 
-/// Reads the digits of a whole number; `rest` gets what follows them.
-bool ReadNumber(const std::string &text, std::uint64_t &number, std::string &rest) {
-    if (text.empty() || isdigit(static_cast<unsigned char>(text[0])) == 0)
-        return false;
-    char *end = nullptr;
-    const bool isHex = text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0;
-    errno = 0;
-    number = strtoull(text.c_str(), &end, isHex ? 16 : 10);
-    rest = end;
-    return errno == 0;
+/// Reads the name or number of an errno value.
+bool ReadErrno(const std::string &text, int &error) {
+    constexpr int kErrnoEnd = 4096;
+    if (const auto number = ParseDecimal(text)) {
+        error = *number < kErrnoEnd ? static_cast<int>(*number) : 0;
+        return error != 0;
+    }
+    for (error = 1; error < kErrnoEnd; ++error) {
+        const char *name = strerrorname_np(error);
+        if (name != nullptr && text == name)
+            return true;
+    }
+    return false;
 }
 
 std::uint32_t ReadSmall(const std::string &text, const std::string &whole, const char *wanted) {
-    std::uint64_t number = 0;
-    std::string rest;
-    if (!ReadNumber(text, number, rest) || !rest.empty() || number > std::numeric_limits<std::int32_t>::max())
+    const auto number = ReadLeadingNumber(text);
+    if (!number || number->length != text.size() || number->value > std::numeric_limits<std::int32_t>::max())
         Refuse(whole, wanted);
-    return static_cast<std::uint32_t>(number);
+    return static_cast<std::uint32_t>(number->value);
 }
 
 std::uint32_t SmallSize(const std::string &text) {
@@ -50,12 +52,11 @@ std::uint64_t ParseSize(const std::string &text) {
         const char *unit;
         int shift;
     } units[] = {{"", 0}, {"K", 10}, {"M", 20}, {"G", 30}};
-    std::uint64_t number = 0;
-    std::string rest;
-    if (ReadNumber(text, number, rest)) {
+    if (const auto number = ReadLeadingNumber(text)) {
+        const std::string rest = text.substr(number->length);
         for (const auto &unit : units) {
-            if (rest == unit.unit && number <= std::numeric_limits<std::uint64_t>::max() >> unit.shift)
-                return number << unit.shift;
+            if (rest == unit.unit && number->value <= std::numeric_limits<std::uint64_t>::max() >> unit.shift)
+                return number->value << unit.shift;
         }
     }
     Refuse(text, "a size such as 128K, 64M or 2048");
@@ -132,8 +133,16 @@ std::vector<SimDevice> DefaultDevices(const NandGeometry &geometry) {
 }
 
 SimFault ReadFault(const std::string &text) {
+    const std::size_t equals = text.find('=');
+    const std::size_t colon = std::min(text.find(':'), equals);
     SimFault fault = {};
-    if (!ParseFault(text, fault))
+    bool isGood = equals != std::string::npos && FindRequest(text.substr(0, colon), fault.kind) &&
+                  ReadErrno(text.substr(equals + 1), fault.error);
+    if (isGood && colon < equals) {
+        fault.nth = ParseDecimal(text.substr(colon + 1, equals - colon - 1)).value_or(0);
+        isGood = fault.nth != 0;
+    }
+    if (!isGood)
         Refuse(text, "a fault KIND[:N]=ERRNO such as MEMWRITE:3=EIO");
     return fault;
 }

@@ -1,5 +1,7 @@
 #include "mtd/SimState.h"
 
+#include "mtd/Trace.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -13,18 +15,14 @@
 
 namespace {
 
-constexpr const char *kRequestNames[] = {
-    "open",           "lseek",      "read",     "write",    "fsync",         "close",
-    "MEMGETBADBLOCK", "MEMERASE64", "MEMERASE", "MEMWRITE", "MEMWRITEOOB64", "MEMREADOOB64",
-};
-static_assert(sizeof kRequestNames / sizeof *kRequestNames == kRequestKinds);
-
-constexpr char kMagic[16] = "flashsim run 01";
+constexpr char kMagic[16] = "flashsim run 02";
 constexpr std::size_t kMaxDevices = 32;
 constexpr std::size_t kMaxFaults = 64;
 constexpr std::size_t kMaxName = 63;
 constexpr std::uint32_t kMaxOpenFiles = 1 << 16;
-constexpr int kErrnoEnd = 4096;
+constexpr std::size_t kMaxNotes = 60;
+constexpr std::size_t kMaxNoteText = 127;
+constexpr std::uint32_t kUnset = 0xFFFFFFFF;
 
 using Counter = std::atomic<std::uint64_t>;
 using Flag = std::atomic<std::uint32_t>;
@@ -37,26 +35,17 @@ struct StoredDevice {
     std::uint64_t size;
 };
 
-/// Reads a whole text as a decimal number.
-bool ParseNumber(const std::string &text, std::uint64_t &number) {
-    constexpr std::size_t kMostDigits = 18;
-    if (text.empty() || text.size() > kMostDigits || text.find_first_not_of("0123456789") != std::string::npos)
-        return false;
-    number = std::strtoull(text.c_str(), nullptr, 10);
-    return true;
-}
+struct StoredNote {
+    Flag isReady;
+    ProgramNoteKind kind;
+    char program[kMaxNoteText + 1];
+    char subject[kMaxNoteText + 1];
+};
 
-/// @return the errno value of a name or number, 0 when there is none such.
-int ParseErrno(const std::string &text) {
-    std::uint64_t number = 0;
-    if (ParseNumber(text, number))
-        return number < kErrnoEnd ? static_cast<int>(number) : 0;
-    for (int error = 1; error < kErrnoEnd; ++error) {
-        const char *name = strerrorname_np(error);
-        if (name != nullptr && text == name)
-            return error;
-    }
-    return 0;
+/// The end of a text says more than its start: a program's name is at the end of a path.
+void Store(char (&to)[kMaxNoteText + 1], const std::string &text) {
+    const std::size_t start = text.size() > kMaxNoteText ? text.size() - kMaxNoteText : 0;
+    to[text.copy(to, kMaxNoteText, start)] = '\0';
 }
 
 /// Ends the process with nothing tidied up, as a device without power does.
@@ -84,6 +73,10 @@ struct SimState::Shared {
     Flag cutRequest;
     Flag powerIsOff;
     Flag traceIsFull;
+    MtdCounters counters[kMaxDevices];
+    PageCache cache;
+    Flag noteCount;
+    StoredNote notes[kMaxNotes];
     Flag openFileCount;
     OpenFile openFiles[kMaxOpenFiles];
 
@@ -116,32 +109,16 @@ void SimState::Shared::Begin(const SimSettings &settings) {
     traceEnd = 0;
     traceIsFull = 0;
     powerIsOff = 0;
+    for (MtdCounters &counter : counters) {
+        counter.corrected = 0;
+        counter.failed = 0;
+        counter.badBlocks = kUnset;
+    }
+    cache.page = PageCache::kNone;
+    for (StoredNote &note : notes)
+        note.isReady = 0;
+    noteCount = 0;
     openFileCount = 0;
-}
-
-const char *RequestName(RequestKind kind) { return kRequestNames[static_cast<std::size_t>(kind)]; }
-
-std::string ErrnoName(int error) {
-    const char *name = strerrorname_np(error);
-    return name != nullptr ? name : std::to_string(error);
-}
-
-bool ParseFault(const std::string &text, SimFault &fault) {
-    const std::size_t equals = text.find('=');
-    if (equals == std::string::npos)
-        return false;
-    const std::size_t colon = std::min(text.find(':'), equals);
-    const auto *end = std::end(kRequestNames);
-    const auto *name = std::find(std::begin(kRequestNames), end, text.substr(0, colon));
-    SimFault parsed = {};
-    parsed.error = ParseErrno(text.substr(equals + 1));
-    if (name == end || parsed.error == 0)
-        return false;
-    if (colon < equals && (!ParseNumber(text.substr(colon + 1, equals - colon - 1), parsed.nth) || parsed.nth == 0))
-        return false;
-    parsed.kind = static_cast<RequestKind>(name - std::begin(kRequestNames));
-    fault = parsed;
-    return true;
 }
 
 void SimState::Create(const std::string &path, const SimSettings &settings) {
@@ -187,6 +164,25 @@ std::string SimState::DeviceTable(std::uint32_t eraseSize) const {
     return table;
 }
 
+void SimState::BeginCounters(const NandChip &chip) {
+    const std::uint32_t eraseSize = chip.Geometry().eraseSize;
+    for (std::size_t i = 0; i < m_shared->deviceCount; ++i) {
+        const StoredDevice &device = m_shared->devices[i];
+        std::uint32_t unset = m_shared->counters[i].badBlocks;
+        if (unset != kUnset)
+            continue;
+        std::uint32_t bad = 0;
+        for (std::uint64_t offset = device.offset; offset < device.offset + device.size; offset += eraseSize)
+            bad += chip.IsBad(static_cast<std::uint32_t>(offset / eraseSize)) ? 1 : 0;
+        // Another process may have been faster, and have marked a block since.
+        m_shared->counters[i].badBlocks.compare_exchange_strong(unset, bad);
+    }
+}
+
+MtdCounters &SimState::Counters(std::size_t device) { return m_shared->counters[device]; }
+
+PageCache &SimState::Cache() { return m_shared->cache; }
+
 int SimState::Begin(RequestKind kind) {
     NeedPower();
     m_current = kind;
@@ -214,8 +210,8 @@ std::string SimState::CutPlace() const {
     if (!PowerWasCut())
         return "";
     char place[64];
-    std::snprintf(place, sizeof place, "%s at 0x%" PRIx64, kRequestNames[m_shared->cutRequest],
-                  m_shared->cutOffset.load());
+    std::snprintf(place, sizeof place, "%s at 0x%" PRIx64,
+                  RequestName(static_cast<RequestKind>(m_shared->cutRequest.load())), m_shared->cutOffset.load());
     return place;
 }
 
@@ -273,9 +269,40 @@ OpenFile &SimState::GetOpenFile(int number) { return m_shared->openFiles[number]
 void SimState::Note(std::uint64_t offset, const char *text) {
     if (!Traces())
         return;
-    char place[64];
-    std::snprintf(place, sizeof place, "note: page at 0x%" PRIx64 " ", offset);
-    Trace(std::string(place) + text);
+    Trace(PageNoteText(offset, text));
+}
+
+void SimState::NoteProgram(const ProgramNote &note) {
+    const std::uint32_t known = std::min<std::uint32_t>(m_shared->noteCount, kMaxNotes);
+    StoredNote own = {};
+    Store(own.program, note.program);
+    Store(own.subject, note.subject);
+    for (std::uint32_t i = 0; i < known; ++i) {
+        const StoredNote &other = m_shared->notes[i];
+        if (other.isReady != 0 && other.kind == note.kind && std::strcmp(other.program, own.program) == 0 &&
+            std::strcmp(other.subject, own.subject) == 0)
+            return;
+    }
+    const std::uint32_t place = m_shared->noteCount++;
+    if (place >= kMaxNotes) {
+        m_shared->noteCount = kMaxNotes;
+        return;
+    }
+    StoredNote &stored = m_shared->notes[place];
+    stored.kind = note.kind;
+    std::memcpy(stored.program, own.program, sizeof own.program);
+    std::memcpy(stored.subject, own.subject, sizeof own.subject);
+    stored.isReady = 1;
+}
+
+std::vector<ProgramNote> SimState::ProgramNotes() const {
+    std::vector<ProgramNote> notes;
+    for (std::size_t i = 0; i < std::min<std::size_t>(m_shared->noteCount, kMaxNotes); ++i) {
+        const StoredNote &stored = m_shared->notes[i];
+        if (stored.isReady != 0)
+            notes.push_back({stored.kind, stored.program, stored.subject});
+    }
+    return notes;
 }
 
 Extent SimState::BeginChange() {

@@ -1,36 +1,13 @@
 #pragma once
 
 #include "base/SharedFile.h"
-#include "chip/FlashEvents.h"
+#include "chip/ChangeListener.h"
 #include "mtd/MtdDevice.h"
+#include "mtd/Requests.h"
 
 #include <cstdint>
 #include <string>
 #include <vector>
-
-/// What a program can ask of a device.
-enum class RequestKind : std::uint32_t {
-    Open,
-    Lseek,
-    Read,
-    Write,
-    Fsync,
-    Close,
-    GetBadBlock,
-    Erase64,
-    Erase,
-    WritePage,
-    WriteOob,
-    ReadOob,
-};
-constexpr std::uint32_t kRequestKinds = 12;
-
-/// @return the name of a kind as traces and faults spell it: "open", "lseek", "read", "write", "fsync", "close",
-///         "MEMGETBADBLOCK", "MEMERASE64", "MEMERASE", "MEMWRITE", "MEMWRITEOOB64", "MEMREADOOB64".
-const char *RequestName(RequestKind kind);
-
-/// @return the name of an errno value, "EIO"; its number in decimal when it has none.
-std::string ErrnoName(int error);
 
 /// A device of the simulated "/proc/mtd": /dev/mtd<number>, a part of the chip or the whole of it.
 struct SimDevice {
@@ -47,21 +24,32 @@ struct SimFault {
     int error;         ///< errno value
 };
 
-/// Reads a fault as a command line gives it: "MEMWRITE:3=EIO" (the third), "MEMERASE64=ENOTTY" (every one),
-/// "open=ENODEV". Errors are names or numbers.
-/// @return false, and `fault` as it was, when the text is none.
-bool ParseFault(const std::string &text, SimFault &fault);
+/// Why a program's use of flash needs attention beyond its requests.
+enum class ProgramNoteKind : std::uint32_t {
+    ForeignProgram,    ///< built for another processor and not run
+    UpdaterReplaced,   ///< the same, and the updater under test ran in its place
+    UbiformatReplaced, ///< the same for the update's ubiformat: the one of the system ran
+    StaticProgram,     ///< statically linked: its accesses to flash devices fail
+    Unserved,          ///< made a request of the kernel that the simulation refuses; `subject` names the request
+};
+
+/// An event that a verdict has to name; the same one is kept once.
+struct ProgramNote {
+    ProgramNoteKind kind;
+    std::string program; ///< path or name of the program
+    std::string subject; ///< "mmap of /dev/mtd0"; empty when the kind says all
+};
 
 /// What a simulated run is to be.
 struct SimSettings {
     std::vector<SimDevice> devices; ///< up to 32
     std::vector<SimFault> faults;   ///< up to 64
-    std::uint64_t cutAtChange = 0;  ///< power goes during the n-th page program or block erase, from 1; 0: never
-    std::uint64_t traceLimit = 0;   ///< bytes of trace that are kept at most; 0: none. Room is taken as lines come
+    std::uint64_t cutAtChange = 0;  ///< power is lost during this page program or block erase, from 1; 0: never
+    std::uint64_t traceLimit = 0;   ///< most bytes of trace; 0: none. Room is taken as lines come
 };
 
 /// The state of one simulated run: a file that all its processes share, without locks and without flushing.
-class SimState : public FlashEvents {
+class SimState : public ChangeListener {
 public:
     /// Makes the state file of a run that is about to begin.
     /// @throw std::runtime_error with one line when it can't be written or the settings have too much of something
@@ -80,7 +68,14 @@ public:
     /// @param eraseSize of the chip, in bytes
     std::string DeviceTable(std::uint32_t eraseSize) const;
 
-    /// Counts a request. Doesn't come back once the power is off.
+    /// Sets the counters of the devices when no process has done so in this run: bad blocks are those of the chip.
+    void BeginCounters(const NandChip &chip);
+    /// What the kernel counts for a device, by its place in Devices().
+    MtdCounters &Counters(std::size_t device);
+    /// What the kernel keeps of the chip.
+    PageCache &Cache();
+
+    /// Counts a request. Doesn't return once power is off.
     /// @return 0, or the errno value with which a fault makes it fail.
     int Begin(RequestKind kind);
     /// @return how many requests of a kind were made, failed ones included.
@@ -89,9 +84,9 @@ public:
     std::uint64_t Changes() const;
 
     bool PowerWasCut() const;
-    /// Doesn't come back once the power is off: for what is no request, but done by a device with power alone.
+    /// Doesn't return once power is off: for what is no request, but needs power all the same.
     void NeedPower() const;
-    /// @return where the power went, as "MEMWRITE at 0x800", an offset on the chip; empty when it never did.
+    /// @return where power was lost, as "MEMWRITE at 0x800", an offset on the chip; empty when it never was.
     std::string CutPlace() const;
 
     bool Traces() const;
@@ -106,6 +101,10 @@ public:
     /// @return its number, or -1 when the run has opened too many.
     int NewOpenFile(const OpenFile &file);
     OpenFile &GetOpenFile(int number);
+
+    /// Keeps a note of a program, up to some 60 different ones; longer texts than some 100 characters lose their start.
+    void NoteProgram(const ProgramNote &note);
+    std::vector<ProgramNote> ProgramNotes() const;
 
     void Note(std::uint64_t offset, const char *text) override;
     Extent BeginChange() override;

@@ -1,6 +1,7 @@
 #include "sandbox/SandboxRoot.h"
 
 #include "base/ScopedFd.h"
+#include "preload/Interface.h"
 
 #include <cerrno>
 #include <csignal>
@@ -142,6 +143,21 @@ void MountMemory(const std::string &place, const char *options) {
     Check(mount("tmpfs", place.c_str(), "tmpfs", MS_NOSUID, options), "can't mount on " + place);
 }
 
+/// Marks a file for the preload library.
+void Stamp(const std::string &place, long seconds, long number) {
+    const timespec time = {seconds, number};
+    const timespec times[] = {time, time};
+    Check(utimensat(AT_FDCWD, place.c_str(), times, 0), "can't mark " + place);
+}
+
+/// A device that nobody can open, which a user may make too. The preload library opens it.
+void MakeNode(const std::string &place, unsigned minor) {
+    fs::create_directories(fs::path(place).parent_path());
+    unlink(place.c_str());
+    Check(mknod(place.c_str(), S_IFCHR | 0600, 0), "can't make " + place);
+    Stamp(place, kNodeStamp, static_cast<long>(minor));
+}
+
 void CopyTree(const fs::path &source, const fs::path &target) {
     constexpr auto kHow =
         fs::copy_options::recursive | fs::copy_options::copy_symlinks | fs::copy_options::overwrite_existing;
@@ -205,6 +221,10 @@ public:
             MakePlace(text.first, false);
             WriteText(text.first, text.second);
         }
+        for (const auto &file : m_layout.live)
+            Stamp(file.first, kSysfsStamp, file.second);
+        for (const auto &node : m_layout.nodes)
+            MakeNode(node.first, node.second);
         for (size_t i = 0; i < m_shown.size(); ++i)
             Show(m_layout.shown[i], m_shown[i]);
         for (const char *control : kKernelControls) {

@@ -26,7 +26,10 @@ struct SandboxLayout {
     std::vector<std::string> mounts;          ///< places that are mounts of their own, parents before children
     std::vector<ShownFile> shown;             ///< shown in this order, over what stands there
     std::map<std::string, std::string> texts; ///< files by place and content
-    uid_t user = geteuid();                   ///< the host's user and group that the device's root is
+    std::map<std::string, unsigned> nodes;    ///< nodes of MTD devices: minor numbers by place
+    std::map<std::string, long>
+        live;               ///< which of the texts the preload library renews, with the numbers of kSysfsStamp
+    uid_t user = geteuid(); ///< the host's user and group that the device's root is
     gid_t group = getegid();
 };
 

@@ -28,9 +28,6 @@
 
 namespace {
 
-constexpr const char *kPreloadPlace = "/.flashsim/libflashsim.so";
-constexpr const char *kChipPlace = "/.flashsim/chip";
-constexpr const char *kStatePlace = "/.flashsim/state";
 /// Beside the cells, as ChipFile keeps it.
 constexpr const char *kChipStates = ".chip";
 
@@ -73,22 +70,25 @@ std::string UpdaterPlace(const RunSettings &settings) {
 }
 
 /// The nodes and sysfs files by which programs find the MTD devices.
-void AddMtdFiles(const RunSettings &settings, const NandGeometry &geometry, SandboxLayout &layout) {
+void AddMtdFiles(const RunSettings &settings, const NandChip &chip, SandboxLayout &layout) {
+    const auto &missing = settings.missingSysfs;
+    long place = 0;
     for (const SimDevice &device : settings.sim.devices) {
         const std::string name = "mtd" + std::to_string(device.number);
-        layout.texts["/dev/" + name] = "";
-        const std::string values[] = {std::to_string(device.size),
-                                      std::to_string(geometry.eraseSize),
-                                      std::to_string(geometry.pageSize),
-                                      std::to_string(geometry.oobSize),
-                                      device.name,
-                                      "nand"};
-        static_assert(std::size(values) == std::size(kSysfsFiles));
-        const auto &missing = settings.missingSysfs;
-        for (size_t i = 0; i < std::size(values); ++i) {
-            if (std::find(missing.begin(), missing.end(), kSysfsFiles[i]) == missing.end())
-                layout.texts["/sys/class/mtd/" + name + "/" + kSysfsFiles[i]] = values[i] + "\n";
+        const auto minor = static_cast<unsigned>(2 * device.number);
+        layout.nodes["/dev/" + name] = minor;
+        layout.nodes["/dev/" + name + "ro"] = minor + 1;
+        layout.texts["/sys/class/mtd/" + name + "ro/dev"] = "90:" + std::to_string(minor + 1) + "\n";
+        const MtdCounters unused = {};
+        for (std::size_t i = 0; i < kSysfsFileCount; ++i) {
+            if (std::find(missing.begin(), missing.end(), kSysfsFiles[i]) != missing.end())
+                continue;
+            const std::string file = "/sys/class/mtd/" + name + "/" + kSysfsFiles[i];
+            layout.texts[file] = SysfsText(i, device, chip, unused);
+            if (IsLiveSysfs(i))
+                layout.live[file] = place * kSysfsPlaces + static_cast<long>(i);
         }
+        ++place;
     }
 }
 
@@ -101,6 +101,7 @@ std::vector<std::string> Environment(const std::string &programName) {
         std::string(kChipVariable) + "=" + kChipPlace,
         std::string(kStateVariable) + "=" + kStatePlace,
         std::string(kProgramVariable) + "=" + programName,
+        std::string(kNodesVariable) + "=1",
         // A sanitized updater finds the preloaded library in front of its own.
         "ASAN_OPTIONS=" + (asan != nullptr ? std::string(asan) + ":" : "") + "verify_asan_link_order=0",
     };
@@ -116,7 +117,7 @@ SandboxJob MakeJob(const RunSettings &settings, const std::string &chip, const s
     job.layout.root = settings.root;
     job.layout.mounts = settings.mounts;
     std::sort(job.layout.mounts.begin(), job.layout.mounts.end());
-    AddMtdFiles(settings, ChipFile(chip).Chip().Geometry(), job.layout);
+    AddMtdFiles(settings, ChipFile(chip).Chip(), job.layout);
     job.layout.shown = {
         {settings.preload, kPreloadPlace, Showing::ReadOnly},
         {chip, kChipPlace, Showing::Shared},

@@ -3,6 +3,7 @@
 #include "base/HeldSignals.h"
 #include "base/ScopedFd.h"
 #include "mtd/SimState.h"
+#include "mtd/Sysfs.h"
 
 #include <cstdint>
 #include <map>
@@ -10,9 +11,6 @@
 #include <string>
 #include <sys/types.h>
 #include <vector>
-
-/// The files of an MTD device's sysfs folder.
-constexpr const char *kSysfsFiles[] = {"size", "erasesize", "writesize", "oobsize", "name", "type"};
 
 /// One update and the device that it runs in. Paths are the host's unless said otherwise.
 struct RunSettings {

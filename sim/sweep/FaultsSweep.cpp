@@ -2,31 +2,13 @@
 
 #include "sweep/SweepTable.h"
 
-#include <cerrno>
-
-namespace {
-
-/// @return the errno value with which a device lets a request of a kind fail.
-int ErrorOf(RequestKind kind) {
-    switch (kind) {
-    case RequestKind::Open:
-        return ENODEV;
-    case RequestKind::Lseek:
-        return EINVAL;
-    default:
-        return EIO;
-    }
-}
-
-} // namespace
-
 SweepPlan PlanFaults(const ReferenceRun &reference, const SweepSettings &settings) {
     SweepPlan plan;
     for (std::uint32_t i = 0; i < kRequestKinds; ++i) {
         const auto kind = static_cast<RequestKind>(i);
         plan.places += static_cast<std::size_t>(reference.requests[i]);
         for (std::uint64_t nth = 1; nth <= reference.requests[i]; nth += settings.every)
-            plan.cases.push_back({{}, 0, {{kind, nth, ErrorOf(kind)}}});
+            plan.cases.push_back({{}, 0, {{kind, nth, RowOf(kind).usualError}}});
     }
     return plan;
 }

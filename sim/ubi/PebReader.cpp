@@ -51,7 +51,8 @@ NandChip::ReadResult PartitionPebs::Read(std::uint32_t peb, std::uint32_t offset
     for (std::uint32_t done = 0; done < length;) {
         const std::uint32_t place = offset + done;
         const std::uint32_t part = std::min(pageSize - place % pageSize, length - done);
-        result = std::max(result, m_chip.Read(firstPage + place / pageSize, place % pageSize, part, data + done));
+        const EccResult ecc = m_chip.Read(firstPage + place / pageSize, place % pageSize, part, data + done);
+        result = std::max(result, ecc.Worst());
         done += part;
     }
     return result;

@@ -2,7 +2,7 @@
 
 #include "chip/NandChip.h"
 #include "mtd/SimState.h"
-#include "mtd/TraceCalls.h"
+#include "mtd/Trace.h"
 #include "verdict/FlashRanges.h"
 #include "verdict/RunStory.h"
 #include "verdict/UpdateLines.h"
@@ -24,6 +24,7 @@ struct RunRecord {
     std::string err;                             ///< all standard error
     std::string trace;                           ///< SimState::TraceText
     std::string cutPlace;                        ///< SimState::CutPlace
+    std::vector<ProgramNote> programs;           ///< SimState::ProgramNotes
     std::vector<std::string> absent;             ///< AbsentTroubles of the run's settings
     bool assumesDevices = false;                 ///< the borders of the devices are not those of any product
     std::vector<std::string> missingSysfs;       ///< sysfs files that no MTD device has

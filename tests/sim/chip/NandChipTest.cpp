@@ -4,9 +4,12 @@
 #include <gtest/gtest.h>
 
 using Bytes = std::vector<std::uint8_t>;
-using ReadResult = NandChip::ReadResult;
 
 namespace {
+
+/// Corrected bits and failed steps.
+using EccWork = std::pair<std::uint32_t, std::uint32_t>;
+constexpr EccWork kClean = {0, 0};
 
 constexpr NandGeometry kGeometry = {0x80000, 0x20000, 2048, 64};
 
@@ -27,10 +30,11 @@ struct Bench {
         return chip.Program(page, program);
     }
 
-    std::pair<ReadResult, Bytes> Read(std::uint32_t page) const {
+    std::pair<EccWork, Bytes> Read(std::uint32_t page) const {
         Bytes data(chip.Geometry().pageSize);
-        const ReadResult result = chip.Read(page, 0, chip.Geometry().pageSize, data.data());
-        return {result, data};
+        const EccResult result = chip.Read(page, 0, chip.Geometry().pageSize, data.data());
+        EXPECT_EQ(result.mostBits, result.corrected > 0 ? 1U : 0U);
+        return {{result.corrected, result.failed}, data};
     }
 
     Bytes cells, pages, blocks;
@@ -76,21 +80,21 @@ TEST(NandChip, NormalReadMendsOneBitOfANormalPageAndHarmsARawOne) {
     const Bytes data = Page({{7, 0x12}, {300, 0x34}, {2047, 0x01}});
     Bench bench;
     bench.Program(0, data, true);
-    EXPECT_EQ(bench.Read(0), std::make_pair(ReadResult::Clean, data));
+    EXPECT_EQ(bench.Read(0), std::make_pair(kClean, data));
     bench.Program(0, Page({{300, 0x30}}), false);
-    EXPECT_EQ(bench.Read(0), std::make_pair(ReadResult::Corrected, data));
+    EXPECT_EQ(bench.Read(0), std::make_pair(EccWork{1, 0}, data));
     bench.Program(0, Page({{300, 0x10}}), false);
-    EXPECT_EQ(bench.Read(0), std::make_pair(ReadResult::Uncorrectable, Page({{7, 0x12}, {300, 0x10}, {2047, 0x01}})));
+    EXPECT_EQ(bench.Read(0), std::make_pair(EccWork{0, 1}, Page({{7, 0x12}, {300, 0x10}, {2047, 0x01}})));
 
     // Without ECC bytes an odd number of ones looks like one turned bit, an even one like damage beyond mending.
     bench.Program(1, Page({{7, 0xFE}, {300, 0xFC}}), false);
-    EXPECT_EQ(bench.Read(1), std::make_pair(ReadResult::Uncorrectable, Page({{300, 0xFC}})));
+    EXPECT_EQ(bench.Read(1), std::make_pair(EccWork{1, 1}, Page({{300, 0xFC}})));
     bench.Program(2, Page({}), false);
-    EXPECT_EQ(bench.Read(2), std::make_pair(ReadResult::Clean, Page({})));
+    EXPECT_EQ(bench.Read(2), std::make_pair(kClean, Page({})));
 
     Bench onChip(Ecc::Chip);
     onChip.Program(1, data, false);
-    EXPECT_EQ(onChip.Read(1), std::make_pair(ReadResult::Clean, data));
+    EXPECT_EQ(onChip.Read(1), std::make_pair(kClean, data));
 }
 
 TEST(NandChip, LayoutFollowsTheSizes) {
@@ -106,6 +110,8 @@ TEST(NandChip, LayoutFollowsTheSizes) {
         {{0x80000, 0x40000, 4096, 128}, 80, 78, 1024, Ecc::Host},
         {{0x80000, 0x40000, 4096, 224}, 176, 174, 1024, Ecc::Host},
         {{0x40000, 0x20000, 2048, 64}, 64, 62, 2048, Ecc::Chip},
+        {{0x8000, 0x4000, 256, 8}, 0, 4, 256, Ecc::Host},
+        {{0x8000, 0x4000, 512, 8}, 0, 0, 256, Ecc::Host},
     };
     for (const auto &row : rows) {
         ASSERT_EQ(row.geometry.Problem(row.ecc), nullptr);
@@ -116,8 +122,28 @@ TEST(NandChip, LayoutFollowsTheSizes) {
         EXPECT_EQ(bench.chip.FreeOob().size(), row.freeBytes);
         EXPECT_EQ(bench.chip.SubPageSize(), row.subPage);
     }
-    EXPECT_NE((NandGeometry{0x80000, 0x40000, 4096, 64}).Problem(Ecc::Host), nullptr);
-    EXPECT_NE((NandGeometry{0x30000, 0x20000, 2048, 64}).Problem(Ecc::Chip), nullptr);
+}
+
+TEST(NandChip, RefusesSizesThatNoChipHas) {
+    const struct {
+        NandGeometry geometry;
+        Ecc ecc;
+        bool isGood;
+    } rows[] = {
+        {{0x40000, 0x20000, 2048, 7}, Ecc::Chip, false},      {{0x40000, 0x20000, 2048, 8}, Ecc::Chip, true},
+        {{0x40000, 0x20000, 2048, 2048}, Ecc::Chip, true},    {{0x40000, 0x20000, 2048, 2049}, Ecc::Chip, false},
+        {{0x40000, 0x20000, 2048, 0}, Ecc::Chip, false},      {{0x40000, 0x20000, 2048, 25}, Ecc::Host, false},
+        {{0x40000, 0x20000, 2048, 27}, Ecc::Host, true},      {{0x80000, 0x40000, 4096, 64}, Ecc::Host, false},
+        {{0x8000, 0x4000, 512, 8}, Ecc::Host, true},          {{0x8000, 0x4000, 1024, 8}, Ecc::Host, false},
+        {{0x30000, 0x20000, 2048, 64}, Ecc::Chip, false},     {{0, 0x20000, 2048, 64}, Ecc::Chip, false},
+        {{0x40000, 0x20000, 128, 64}, Ecc::Chip, false},      {{0x40000, 0x20000, 32768, 64}, Ecc::Chip, false},
+        {{0x40000, 0x20000, 16384, 512}, Ecc::Host, true},    {{0x40000, 0x20000, 2000, 64}, Ecc::Chip, false},
+        {{0x30000, 0x18000, 2048, 64}, Ecc::Chip, false},     {{0x2000, 0x800, 2048, 64}, Ecc::Chip, false},
+        {{0x4000000000, 0x20000, 2048, 64}, Ecc::Chip, true}, {{0x4000020000, 0x20000, 2048, 64}, Ecc::Chip, false},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(row.geometry.Problem(row.ecc) == nullptr, row.isGood)
+            << std::hex << row.geometry.size << " " << row.geometry.pageSize << " " << row.geometry.oobSize;
 }
 
 TEST(NandChip, MarksTellWhatBecameOfABlock) {

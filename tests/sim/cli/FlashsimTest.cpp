@@ -107,7 +107,10 @@ TEST_F(Flashsim, DeviceHasItsOwnFilesMountsAndProcesses) {
                   (m_folder / "root").string()),
               0);
     EXPECT_EQ(m_err, "");
-    EXPECT_EQ(m_out, "vars -s a b\ndevice's\n/opt\n/opt/user\n64\n1\nbusy\n0\nerasesize name oobsize writesize ");
+    EXPECT_EQ(m_out,
+              "vars -s a b\ndevice's\n/opt\n/opt/user\n64\n1\nbusy\n0\n"
+              "bad_blocks bbt_blocks bitflip_threshold corrected_bits dev ecc_failures ecc_step_size "
+              "ecc_strength erasesize flags name numeraseregions offset oobavail oobsize subpagesize writesize ");
 }
 
 TEST_F(Flashsim, HostStaysAsItIs) {

@@ -1,11 +1,16 @@
 #include "mtd/MtdDevice.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <functional>
 #include <gtest/gtest.h>
 #include <linux/ioctl.h>
 #include <mtd/mtd-user.h>
 #include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -20,7 +25,7 @@ struct PowerIsOff {
 };
 
 /// Surroundings that write down what they are told.
-class Notebook : public FlashEvents {
+class Notebook : public ChangeListener {
 public:
     void Note(std::uint64_t offset, const char *text) override { notes += std::to_string(offset) + " " + text + "\n"; }
     Extent BeginChange() override { return ++changes == cutAtChange ? Extent::FirstHalf : Extent::Whole; }
@@ -62,7 +67,9 @@ protected:
     std::vector<std::uint8_t> blocks = std::vector<std::uint8_t>(kGeometry.Blocks());
     NandChip chip = NandChip(kGeometry, Ecc::Host, {cells.data(), pages.data(), blocks.data()});
     Notebook events;
-    MtdDevice device = MtdDevice(chip, events, kBlock, kSize);
+    MtdCounters counters = {};
+    PageCache cache = {{PageCache::kNone}, {0}};
+    MtdDevice device = MtdDevice(chip, events, {kBlock, kSize, counters, cache});
     OpenFile file = {0, 0, O_RDWR};
     OpenFile readOnly = {0, 0, O_RDONLY};
     std::vector<std::uint8_t> buffer = std::vector<std::uint8_t>(kSize, 0x11);
@@ -199,4 +206,220 @@ TEST_F(MtdDeviceTest, PowerCutLeavesHalfAChange) {
     EXPECT_THROW(Request(MEMERASE, erase_info_user{0, kBlock}), PowerIsOff);
     EXPECT_EQ(page[0], 0xFF);
     EXPECT_EQ(*chip.Cells(2 * kBlock / kPage - 1), 0x11);
+}
+
+TEST_F(MtdDeviceTest, EveryRequestEndsWithTheDevice) {
+    const std::uint64_t data = Address(buffer.data()), spare = Address(oob.data());
+    const auto bad = [this](unsigned long request, std::uint64_t at) {
+        return Request(request, static_cast<loff_t>(at));
+    };
+    const auto range = [this](unsigned long request, std::uint64_t at) {
+        return Request(request, erase_info_user{static_cast<std::uint32_t>(at), kBlock});
+    };
+    const struct {
+        const char *name;
+        std::function<int(std::uint64_t at)> ask;
+        std::uint64_t last; ///< the last place that is on the device
+        int there;          ///< what the request gives at that place
+    } rows[] = {
+        {"MEMGETBADBLOCK", [&](std::uint64_t at) { return bad(MEMGETBADBLOCK, at); }, kSize - 1, 1},
+        {"MEMSETBADBLOCK", [&](std::uint64_t at) { return bad(MEMSETBADBLOCK, at); }, kSize - kBlock, 0},
+        {"MEMERASE64",
+         [&](std::uint64_t at) {
+             return Request(MEMERASE64, erase_info_user64{at, kBlock});
+         },
+         kSize - kBlock, -EIO},
+        {"MEMERASE", [&](std::uint64_t at) { return range(MEMERASE, at); }, kSize - kBlock, -EIO},
+        {"MEMLOCK", [&](std::uint64_t at) { return range(MEMLOCK, at); }, kSize - kBlock, -524},
+        {"MEMUNLOCK", [&](std::uint64_t at) { return range(MEMUNLOCK, at); }, kSize - kBlock, -524},
+        {"MEMWRITE", [&](std::uint64_t at) { return WritePage(at, kPage, 0, MTD_OPS_RAW); }, kSize - kPage, 0},
+        {"MEMREAD",
+         [&](std::uint64_t at) {
+             return Request(MEMREAD, mtd_read_req{at, kPage, 0, data, 0, MTD_OPS_RAW, {}, {}});
+         },
+         kSize - kPage, 0},
+        {"MEMREAD of OOB",
+         [&](std::uint64_t at) {
+             return Request(MEMREAD, mtd_read_req{at, 0, kOob, 0, spare, MTD_OPS_PLACE_OOB, {}, {}});
+         },
+         kSize - kPage, 0},
+        {"MEMWRITEOOB64",
+         [&](std::uint64_t at) {
+             return Request(MEMWRITEOOB64, mtd_oob_buf64{at, 0, kOob, spare});
+         },
+         kSize - kPage, 0},
+        {"MEMREADOOB64",
+         [&](std::uint64_t at) {
+             return Request(MEMREADOOB64, mtd_oob_buf64{at, 0, kOob, spare});
+         },
+         kSize - kPage, 0},
+        {"MEMWRITEOOB",
+         [&](std::uint64_t at) {
+             return Request(MEMWRITEOOB, mtd_oob_buf{static_cast<std::uint32_t>(at), kOob, oob.data()});
+         },
+         kSize - kPage, 0},
+        {"MEMREADOOB",
+         [&](std::uint64_t at) {
+             return Request(MEMREADOOB, mtd_oob_buf{static_cast<std::uint32_t>(at), kOob, oob.data()});
+         },
+         kSize - kPage, 0},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(row.ask(row.last), row.there) << row.name;
+        EXPECT_EQ(row.ask(kSize), -EINVAL) << row.name;
+        EXPECT_EQ(row.ask(kSize + kBlock), -EINVAL) << row.name;
+    }
+}
+
+TEST_F(MtdDeviceTest, RequestsThatNeedTheRightToWriteAreRefusedWithoutIt) {
+    const std::pair<unsigned long, int> rows[] = {
+        {MEMERASE, -EPERM},
+        {MEMERASE64, -EPERM},
+        {MEMWRITE, -EPERM},
+        {MEMWRITEOOB, -EPERM},
+        {MEMWRITEOOB64, -EPERM},
+        {MEMLOCK, -EPERM},
+        {MEMUNLOCK, -EPERM},
+        {MEMSETBADBLOCK, -EPERM},
+        {OTPLOCK, -EPERM},
+        {OTPERASE, -EPERM},
+        {MEMGETBADBLOCK, -EFAULT},
+        {MEMREAD, -EFAULT},
+        {MEMREADOOB, -EFAULT},
+        {MEMREADOOB64, -EFAULT},
+        {MEMGETINFO, -EFAULT},
+        {MEMGETREGIONCOUNT, -EFAULT},
+        {MEMGETREGIONINFO, -EFAULT},
+        {MEMISLOCKED, -EFAULT},
+        {MEMGETOOBSEL, -EFAULT},
+        {ECCGETLAYOUT, -EFAULT},
+        {ECCGETSTATS, -EFAULT},
+        {OTPSELECT, -EFAULT},
+        {OTPGETREGIONCOUNT, -EINVAL},
+        {OTPGETREGIONINFO, -EINVAL},
+        {MTDFILEMODE, 0},
+        {_IO('M', 99), -ENOTTY},
+    };
+    for (const auto &[request, result] : rows)
+        EXPECT_EQ(device.Request(readOnly, request, nullptr), result) << std::hex << request;
+}
+
+TEST_F(MtdDeviceTest, OobIsReadFromAColumnAndByMode) {
+    for (std::uint8_t i = 0; i < kOob; ++i)
+        oob[i] = static_cast<std::uint8_t>(0x40 + i);
+    ASSERT_EQ(Request(MEMWRITEOOB, mtd_oob_buf{kPage, kOob, oob.data()}), 0);
+    const auto read = [this](auto request, unsigned long number) {
+        std::fill(oob.begin(), oob.end(), std::uint8_t{0xEE});
+        const int result = device.Request(file, number, &request);
+        return result != 0 ? std::to_string(result) : std::string(oob.begin(), std::find(oob.begin(), oob.end(), 0xEE));
+    };
+    const std::uint64_t spare = Address(oob.data());
+    EXPECT_EQ(read(mtd_oob_buf64{kPage + 4, 0, 3, spare}, MEMREADOOB64), "DEF");
+    EXPECT_EQ(read(mtd_oob_buf{kPage + 13, 3, oob.data()}, MEMREADOOB), "MNO");
+    EXPECT_EQ(read(mtd_oob_buf64{kPage + 13, 0, 4, spare}, MEMREADOOB64), "-22");
+    EXPECT_EQ(read(mtd_oob_buf64{kPage + kOob, 0, 1, spare}, MEMREADOOB64), "-22");
+    EXPECT_EQ(read(mtd_read_req{kPage, 0, 3, 0, spare, MTD_OPS_AUTO_OOB, {}, {}}, MEMREAD), "HIJ");
+    EXPECT_EQ(read(mtd_read_req{kPage, 0, 2, 0, spare, MTD_OPS_PLACE_OOB, {}, {}}, MEMREAD), "@A");
+    EXPECT_EQ(read(mtd_read_req{kPage, 0, 2, 0, spare, 3, {}, {}}, MEMREAD), "-524");
+    // The old request stores its count in place of the start, the new one in the length.
+    mtd_oob_buf old = {kPage, 5, oob.data()};
+    ASSERT_EQ(device.Request(file, MEMREADOOB, &old), 0);
+    EXPECT_EQ(old.start, 5U);
+}
+
+TEST_F(MtdDeviceTest, PageReadsTellTheWorkOfTheEcc) {
+    std::fill(buffer.begin(), buffer.end(), std::uint8_t{0xFF});
+    buffer[0] = 0xFE;           // looks like one turned bit
+    buffer[kPage + 256] = 0xFC; // like damage
+    ASSERT_EQ(WritePage(0, 2 * kPage, 0, MTD_OPS_RAW), 0);
+    mtd_read_req request = {0,  2 * kPage, 2 * kOob, Address(buffer.data()), Address(oob.data()), MTD_OPS_PLACE_OOB,
+                            {}, {}};
+    EXPECT_EQ(device.Request(file, MEMREAD, &request), -EBADMSG);
+    EXPECT_EQ(request.len, 2U * kPage);
+    EXPECT_EQ(request.ooblen, 2U * kOob);
+    EXPECT_EQ(request.start, 2U * kPage);
+    EXPECT_EQ(request.ecc_stats.corrected_bitflips, 1U);
+    EXPECT_EQ(request.ecc_stats.uncorrectable_errors, 1U);
+    EXPECT_EQ(request.ecc_stats.max_bitflips, 1U);
+    EXPECT_EQ(buffer[0], 0xFF);
+    EXPECT_EQ(Request(MEMREAD, mtd_read_req{0, kPage, 0, Address(buffer.data()), 0, MTD_OPS_PLACE_OOB, {}, {}}),
+              -EUCLEAN);
+    EXPECT_EQ(Request(MEMREAD, mtd_read_req{0, kPage, 0, Address(buffer.data()), 0, MTD_OPS_RAW, {}, {}}), 0);
+    EXPECT_EQ(buffer[0], 0xFE);
+    EXPECT_EQ(Request(MEMREAD, mtd_read_req{0, kPage, 0, 0, 0, MTD_OPS_RAW, {}, {}}), 0);
+    EXPECT_EQ(counters.corrected, 2U);
+    EXPECT_EQ(counters.failed, 1U);
+
+    // Small pages: the rest of a page that was read in part comes from the kernel's memory, uncounted.
+    file.position = 0;
+    EXPECT_EQ(device.Read(file, buffer.data(), 10), 10);
+    EXPECT_EQ(device.Read(file, buffer.data(), 10), 10);
+    EXPECT_EQ(counters.corrected, 3U);
+    EXPECT_EQ(WritePage(0, kPage, 0, MTD_OPS_RAW), 0);
+    file.position = 0;
+    EXPECT_EQ(device.Read(file, buffer.data(), 10), 10);
+    EXPECT_EQ(counters.corrected, 4U);
+}
+
+TEST_F(MtdDeviceTest, RawFilesReadAndWriteWithoutEcc) {
+    std::fill(buffer.begin(), buffer.end(), std::uint8_t{0xFF});
+    buffer[0] = 0xFE;
+    ASSERT_EQ(device.Request(file, MTDFILEMODE, reinterpret_cast<void *>(MTD_FILE_MODE_RAW)), 0);
+    ASSERT_EQ(device.Write(file, buffer.data(), kPage), kPage);
+    EXPECT_EQ(*OobOfPage(0), 0xFF);
+    file.position = 0;
+    EXPECT_EQ(device.Read(file, buffer.data(), kPage), kPage);
+    EXPECT_EQ(buffer[0], 0xFE);
+    EXPECT_EQ(counters.corrected, 0U);
+    // The change of the mode goes back to the start, a refused one to the normal mode as well.
+    EXPECT_EQ(device.Request(file, MTDFILEMODE, reinterpret_cast<void *>(MTD_FILE_MODE_OTP_USER)), -EOPNOTSUPP);
+    EXPECT_EQ(file.position, 0);
+    EXPECT_EQ(device.Read(file, buffer.data(), kPage), kPage);
+    EXPECT_EQ(counters.corrected, 1U);
+    EXPECT_EQ(device.Request(file, MTDFILEMODE, reinterpret_cast<void *>(4)), -EINVAL);
+    EXPECT_EQ(Request(OTPSELECT, int{MTD_OTP_FACTORY}), -EOPNOTSUPP);
+    EXPECT_EQ(Request(OTPSELECT, int{MTD_OTP_OFF}), 0);
+    EXPECT_EQ(Request(OTPSELECT, 9), -EINVAL);
+}
+
+TEST_F(MtdDeviceTest, MarksBlocksBadOnceAndCountsEachRequest) {
+    ASSERT_EQ(WritePage(kPage, kPage, 0, MTD_OPS_RAW), 0);
+    EXPECT_EQ(Request(MEMSETBADBLOCK, loff_t{0}), 0);
+    EXPECT_TRUE(chip.IsBad(1));
+    EXPECT_EQ(OobOfPage(0)[5], 0);
+    EXPECT_EQ(chip.Cells(kBlock / kPage + 1)[0], 0xFF); // erased first
+    EXPECT_EQ(events.changes, 3);
+    EXPECT_EQ(Request(MEMSETBADBLOCK, loff_t{0}), 0);
+    EXPECT_EQ(events.changes, 3);
+    EXPECT_EQ(counters.badBlocks, 2U);
+    // An offset inside the block marks that page, and nothing is erased.
+    EXPECT_EQ(Request(MEMSETBADBLOCK, loff_t{2 * kBlock + kPage}), 0);
+    EXPECT_TRUE(chip.IsBad(3));
+    EXPECT_EQ(Request(MEMSETBADBLOCK, loff_t{-1}), -EINVAL);
+    EXPECT_EQ(Request(MEMERASE64, erase_info_user64{0, kBlock}), -EIO);
+}
+
+TEST_F(MtdDeviceTest, TellsSizesAndOobLayout) {
+    mtd_info_user info = {};
+    ASSERT_EQ(device.Request(file, MEMGETINFO, &info), 0);
+    EXPECT_EQ(
+        (std::vector<std::uint32_t>{info.type, info.flags, info.size, info.erasesize, info.writesize, info.oobsize}),
+        (std::vector<std::uint32_t>{MTD_NANDFLASH, MTD_WRITEABLE, kSize, kBlock, kPage, kOob}));
+    nand_ecclayout_user layout = {};
+    ASSERT_EQ(device.Request(file, ECCGETLAYOUT, &layout), 0);
+    EXPECT_EQ(std::vector<std::uint32_t>(layout.eccpos, layout.eccpos + layout.eccbytes),
+              (std::vector<std::uint32_t>{0, 1, 2, 3, 6, 7}));
+    EXPECT_EQ(std::make_tuple(layout.oobavail, layout.oobfree[0].offset, layout.oobfree[0].length),
+              std::make_tuple(8U, 8U, 8U));
+    nand_oobinfo places = {};
+    ASSERT_EQ(device.Request(file, MEMGETOOBSEL, &places), 0);
+    EXPECT_EQ(
+        std::make_tuple(places.useecc, places.eccbytes, places.eccpos[4], places.oobfree[0][0], places.oobfree[0][1]),
+        std::make_tuple(2U, 6U, 6U, 8U, 8U));
+    int regions = -1;
+    EXPECT_EQ(device.Request(file, MEMGETREGIONCOUNT, &regions), 0);
+    EXPECT_EQ(regions, 0);
+    EXPECT_EQ(Request(MEMGETREGIONINFO, region_info_user{}), -EINVAL);
+    EXPECT_EQ(Request(MEMISLOCKED, erase_info_user{0, kBlock}), -EOPNOTSUPP);
+    EXPECT_EQ(Request(MEMLOCK, erase_info_user{0, 0}), 0);
 }

@@ -1,12 +1,22 @@
 #include "mtd/SimState.h"
 #include "chip/ChipFile.h"
+#include "mtd/DeviceText.h"
+#include "mtd/Trace.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <linux/ioctl.h>
+#include <mtd/mtd-user.h>
+#include <regex>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
 
 namespace {
 
@@ -91,13 +101,15 @@ TEST_F(SimStateTest, FaultsAreReadAndHitTheirRequests) {
     };
     SimSettings settings;
     for (const auto &row : rows) {
-        SimFault fault = {};
-        EXPECT_EQ(ParseFault(row.text, fault), row.good) << row.text;
+        if (!row.good) {
+            EXPECT_THROW(ReadFault(row.text), std::invalid_argument) << row.text;
+            continue;
+        }
+        const SimFault fault = ReadFault(row.text);
         EXPECT_EQ(std::tie(fault.kind, fault.nth, fault.error),
                   std::tie(row.fault.kind, row.fault.nth, row.fault.error))
             << row.text;
-        if (row.good)
-            settings.faults.push_back(fault);
+        settings.faults.push_back(fault);
     }
     Begin(settings);
     SimState one(statePath());
@@ -170,4 +182,142 @@ TEST_F(SimStateTest, ProgramsUnderThePreloadLibrarySeeTheDevices) {
     const std::string trace = SimState(statePath()).TraceText();
     EXPECT_NE(trace.find("write mtd0 length=4096 = 4096\n"), std::string::npos) << trace;
     EXPECT_NE(trace.find("read mtd12 length=2048 = 2048\nread mtd12 length=2048 = 2048\n"), std::string::npos) << trace;
+}
+
+TEST_F(SimStateTest, CountersBeginWithTheBadBlocksOfADevice) {
+    SimSettings settings;
+    settings.devices = {{0, "boot", 0, 0x40000}, {1, "rest", 0x60000, 0xA0000}, {2, "all", 0, kGeometry.size}};
+    Begin(settings);
+    ChipFile chip(chipPath());
+    SimState state(statePath());
+    state.BeginCounters(chip.Chip());
+    chip.Chip().SetBad(0);
+    ++state.Counters(2).badBlocks;
+    SimState(statePath()).BeginCounters(chip.Chip());
+    EXPECT_EQ(state.Counters(0).badBlocks, 0U);
+    EXPECT_EQ(state.Counters(1).badBlocks, 1U);
+    EXPECT_EQ(state.Counters(2).badBlocks, 2U);
+    state.Counters(0).corrected = 5;
+    state.Restart(settings);
+    state.BeginCounters(chip.Chip());
+    EXPECT_EQ(state.Counters(0).badBlocks, 1U);
+    EXPECT_EQ(state.Counters(0).corrected, 0U);
+}
+
+TEST_F(SimStateTest, NotesOfProgramsAreKeptOnceAndUpToALimit) {
+    Begin();
+    SimState state(statePath());
+    const std::string path = "/tmp/" + std::string(300, 'x') + "/program";
+    for (int i = 0; i < 2; ++i) {
+        state.NoteProgram({ProgramNoteKind::Unserved, "tool", "mmap of /dev/mtd0"});
+        SimState(statePath()).NoteProgram({ProgramNoteKind::StaticProgram, "tool", ""});
+        state.NoteProgram({ProgramNoteKind::StaticProgram, path, ""});
+    }
+    std::vector<ProgramNote> notes = state.ProgramNotes();
+    ASSERT_EQ(notes.size(), 3U);
+    EXPECT_EQ(std::tie(notes[0].kind, notes[0].program, notes[0].subject),
+              std::make_tuple(ProgramNoteKind::Unserved, "tool", "mmap of /dev/mtd0"));
+    EXPECT_EQ(notes[1].kind, ProgramNoteKind::StaticProgram);
+    EXPECT_EQ(notes[2].program, path.substr(path.size() - 127));
+    for (int i = 0; i < 100; ++i)
+        state.NoteProgram({ProgramNoteKind::StaticProgram, std::to_string(i), ""});
+    EXPECT_EQ(state.ProgramNotes().size(), 60U);
+    state.Restart({});
+    EXPECT_EQ(state.ProgramNotes().size(), 0U);
+}
+
+TEST(DeviceText, DevicesAreWholeBlocksOfTheChip) {
+    const struct {
+        const char *text;
+        std::int64_t offset, size; ///< -1 when it is refused
+    } rows[] = {
+        {"3:data", 0, 0x100000},
+        {"3:data:0,128K", 0, 0x20000},
+        {"3:data:0x20000,0xE0000", 0x20000, 0xE0000},
+        {"3:data:896K,128K", 0xE0000, 0x20000},
+        {"3:data:896K,256K", -1, 0},
+        {"3:data:1M,128K", -1, 0},
+        {"3:data:2M,128K", -1, 0},
+        {"3:data:64K,128K", -1, 0},
+        {"3:data:1,128K", -1, 0},
+        {"3:data:0,64K", -1, 0},
+        {"3:data:0,0", -1, 0},
+        {"3:data:0", -1, 0},
+        {"3:data:0,128K,1", -1, 0},
+        {"3:data:18446744073709420544,256K", -1, 0},
+        {"3::0,128K", -1, 0},
+        {"3", -1, 0},
+        {"x:data", -1, 0},
+        {"1000000:data", -1, 0},
+        {"999999:data", 0, 0x100000},
+    };
+    for (const auto &row : rows) {
+        if (row.offset < 0) {
+            EXPECT_THROW(ParseDevice(row.text, kGeometry), std::invalid_argument) << row.text;
+            continue;
+        }
+        const SimDevice device = ParseDevice(row.text, kGeometry);
+        EXPECT_EQ(device.name, "data");
+        EXPECT_EQ(device.offset, static_cast<std::uint64_t>(row.offset)) << row.text;
+        EXPECT_EQ(device.size, static_cast<std::uint64_t>(row.size)) << row.text;
+    }
+}
+
+TEST(Trace, RequestsShowTheirFields) {
+    const erase_info_user range = {0x20000, 0x40000};
+    const mtd_oob_buf oldOob = {0x800, 64, nullptr};
+    const mtd_oob_buf64 oob = {0x100000800, 0, 64, 1};
+    const loff_t offset = 0x20000;
+    const mtd_read_req page = {0x800, 2048, 64, 1, 0, MTD_OPS_RAW, {}, {}};
+    const region_info_user region = {0, 0, 0, 2};
+    const struct {
+        RequestKind kind;
+        const void *argument;
+        const char *text;
+    } rows[] = {
+        {RequestKind::Erase, &range, "MEMERASE mtd9 start=0x20000 length=0x40000"},
+        {RequestKind::Lock, &range, "MEMLOCK mtd9 start=0x20000 length=0x40000"},
+        {RequestKind::ReadOldOob, &oldOob, "MEMREADOOB mtd9 start=0x800 length=64 oob=null"},
+        {RequestKind::WriteOob, &oob, "MEMWRITEOOB64 mtd9 start=0x100000800 length=64 oob=set"},
+        {RequestKind::SetBadBlock, &offset, "MEMSETBADBLOCK mtd9 offset=0x20000"},
+        {RequestKind::ReadPage, &page, "MEMREAD mtd9 start=0x800 len=2048 ooblen=64 data=set oob=null mode=2"},
+        {RequestKind::GetRegionInfo, &region, "MEMGETREGIONINFO mtd9 index=2"},
+        {RequestKind::GetInfo, &region, "MEMGETINFO mtd9"},
+        {RequestKind::GetInfo, nullptr, "MEMGETINFO mtd9 argument=null"},
+        {RequestKind::FileMode, nullptr, "MTDFILEMODE mtd9 mode=0"},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(RequestText(row.kind, 9, row.argument), row.text);
+    std::ifstream file(MANUALS "/flashsim.1");
+    const std::string manual((std::istreambuf_iterator<char>(file)), {});
+    std::set<std::string> names;
+    for (std::uint32_t i = 0; i < kRequestKinds; ++i) {
+        RequestKind found = {};
+        const RequestRow &request = RowOf(static_cast<RequestKind>(i));
+        EXPECT_TRUE(names.insert(request.name).second) << request.name;
+        EXPECT_TRUE(std::regex_search(manual, std::regex(std::string("\\b") + request.name + "\\b"))) << request.name;
+        EXPECT_TRUE(FindRequest(request.name, found) && static_cast<std::uint32_t>(found) == i) << request.name;
+        EXPECT_EQ(request.number != 0 && FindRequest(request.number, found), request.number != 0) << request.name;
+        EXPECT_EQ(static_cast<std::uint32_t>(found), i) << request.name;
+    }
+}
+
+TEST(Trace, ReaderTakesWhatTheWriterWrites) {
+    const std::string command = "say \"two\nlines\" \\ and more";
+    const TraceCalls calls(ShellCallText("outer") + "\n" + ShellCallText(command.c_str()) + "\n" +
+                           "read mtd0 length=1" + ResultText(1) + "\n" + ShellReturnText(256) + "\n" +
+                           PageNoteText(0x12800, "programmed over unerased bits") + "\n" + ShellReturnText(0) + "\n" +
+                           ShellReturnText(7) + "\n" + ShellCallText("last") + "\n");
+    ASSERT_EQ(calls.shellCalls.size(), 3U);
+    EXPECT_EQ(std::make_pair(calls.shellCalls[0].command, calls.shellCalls[0].status),
+              std::make_pair(std::string("outer"), 0));
+    EXPECT_EQ(std::make_pair(calls.shellCalls[1].command, calls.shellCalls[1].status), std::make_pair(command, 256));
+    EXPECT_EQ(calls.shellCalls[2].status, -1);
+    ASSERT_EQ(calls.notes.size(), 1U);
+    EXPECT_EQ(calls.notes[0].offset, 0x12800U);
+    EXPECT_EQ(calls.notes[0].text, "programmed over unerased bits");
+    EXPECT_EQ(ResultText(-EIO), " = -1 EIO");
+    EXPECT_EQ(ResultText(-524), " = -1 524");
+    EXPECT_EQ(ResultText(0x20000, Base::Hex), " = 0x20000");
+    EXPECT_EQ(OpenFlagsText(O_WRONLY | O_CREAT | O_CLOEXEC), "O_WRONLY|O_CREAT|O_CLOEXEC");
 }

@@ -1,0 +1,133 @@
+// Calls that are no device's business: some need power, and those of one program are traced.
+
+#include "base/Text.h"
+#include "mtd/Trace.h"
+#include "preload/Devices.h"
+#include "preload/Interface.h"
+#include "preload/Next.h"
+#include "preload/Programs.h"
+#include "preload/Simulation.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/mount.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace {
+
+Next<int(int)> nextFsync("fsync");
+Next<int(int)> nextFdatasync("fdatasync");
+Next<void()> nextSync("sync");
+Next<int(const char *)> nextUmount("umount");
+Next<int(const char *, int)> nextUmount2("umount2");
+Next<int(pid_t, int)> nextKill("kill");
+Next<int(const char *)> nextSystem("system");
+Next<pid_t(pid_t, int *, int)> nextWaitpid("waitpid");
+Next<FILE *(const char *, const char *)> nextPopen("popen");
+Next<int(const char *)> nextChroot("chroot");
+Next<int(uid_t)> nextSetuid("setuid");
+
+/// @return the run's state when this is the program whose calls are traced and there is a trace, else nullptr.
+SimState *ProgramTrace() {
+    static const bool traced = [] {
+        const char *program = std::getenv(kProgramVariable);
+        return program != nullptr && std::strcmp(program, program_invocation_short_name) == 0;
+    }();
+    if (!traced)
+        return nullptr;
+    Simulation *simulation = FindSimulation();
+    return simulation != nullptr && simulation->state.Traces() ? &simulation->state : nullptr;
+}
+
+/// Traces a call and its result, and keeps errno.
+template <typename Describe> int Traced(int result, Describe describe) {
+    const int error = errno;
+    if (SimState *state = ProgramTrace())
+        state->Trace(describe() + ResultText(result < 0 ? -error : result));
+    errno = error;
+    return result;
+}
+
+/// Traces a call before others can add lines of their own.
+template <typename Describe> void TraceAhead(Describe describe) {
+    if (SimState *state = ProgramTrace())
+        state->Trace(describe());
+}
+
+template <typename Call> int Sync(int fd, Call call) {
+    return IsSimulated(fd) ? SyncDevice(fd) : Traced(call(fd), [fd] { return FormatText("fsync fd=%d", fd); });
+}
+
+} // namespace
+
+INTERPOSED int fsync(int fd) { return Sync(fd, nextFsync); }
+INTERPOSED int fdatasync(int fd) { return Sync(fd, nextFdatasync); }
+
+INTERPOSED void sync() noexcept {
+    NeedPower();
+    // The host's own disks are none of a simulated device's business.
+    if (FindSimulation() == nullptr)
+        nextSync();
+    TraceAhead([] { return "sync"; });
+}
+
+INTERPOSED int umount(const char *path) noexcept {
+    NeedPower();
+    return Traced(nextUmount(path), [path] { return "umount " + QuotedText(path); });
+}
+
+INTERPOSED int umount2(const char *path, int flags) noexcept {
+    NeedPower();
+    return Traced(nextUmount2(path, flags),
+                  [=] { return "umount2 " + QuotedText(path) + FormatText(" flags=0x%x", flags); });
+}
+
+INTERPOSED int kill(pid_t process, int signal) noexcept {
+    NeedPower();
+    return Traced(nextKill(process, signal), [=] { return FormatText("kill pid=%d signal=%d", process, signal); });
+}
+
+INTERPOSED pid_t waitpid(pid_t process, int *status, int options) {
+    const pid_t ended = nextWaitpid(process, status, options);
+    const int error = errno;
+    NeedPower();
+    errno = error;
+    return ended;
+}
+
+INTERPOSED int system(const char *command) {
+    NeedPower();
+    TraceAhead([command] { return ShellCallText(command); });
+    const int status = nextSystem(command);
+    const int error = errno;
+    NeedPower();
+    TraceAhead([status] { return ShellReturnText(status); });
+    errno = error;
+    return status;
+}
+
+INTERPOSED FILE *popen(const char *command, const char *mode) {
+    NeedPower();
+    TraceAhead([command] { return "popen " + QuotedText(command); });
+    return nextPopen(command, mode);
+}
+
+INTERPOSED int chroot(const char *path) noexcept {
+    NeedPower();
+    return Traced(nextChroot(path), [path] { return "chroot " + QuotedText(path); });
+}
+
+INTERPOSED int setuid(uid_t user) noexcept {
+    NeedPower();
+    return Traced(nextSetuid(user), [user] { return FormatText("setuid %u", user); });
+}
+
+INTERPOSED int execv(const char *path, char *const arguments[]) noexcept {
+    NeedPower();
+    TraceAhead([path] { return "execv " + QuotedText(path); });
+    return ReplaceProgram(path, arguments, environ);
+}
