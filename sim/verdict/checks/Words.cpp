@@ -7,10 +7,11 @@ namespace {
 constexpr const char *kShellCharacters = "$`\"'\\|&;<>()*?[";
 constexpr const char *kShellBeginnings = "#~";
 
-/// @return whether a word is a number as offsets are written.
+/// @return whether a word is a number as offsets are written, with or without 0x; a name such as "face" is none.
 bool IsHexNumber(const std::string &word) {
-    return (word.rfind("0x", 0) == 0 || word.rfind("0X", 0) == 0) && word.size() > 2 &&
-           word.find_first_not_of("0123456789abcdefABCDEF", 2) == std::string::npos;
+    const bool isPrefixed = word.rfind("0x", 0) == 0 || word.rfind("0X", 0) == 0;
+    return word[0] >= '0' && word[0] <= '9' &&
+           word.find_first_not_of("0123456789abcdefABCDEF", isPrefixed ? 2 : 0) == std::string::npos;
 }
 
 void CheckNumber(const UpdateLine &line, std::size_t token, const ScriptNumber &number,

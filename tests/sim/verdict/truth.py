@@ -115,6 +115,9 @@ ROWS = [
     ("name and value of the long form are missing",
      update("setenv 0x100000 0x20000\n", root={"bin/bootvars": QUIET}), "1:setenv-short",
      update("setenv x 0x20000\n", root={"bin/bootvars": QUIET}), ""),
+    ("name and value of the long form are missing, and the numbers have no 0x",
+     update("setenv 100000 20000\n", root={"bin/bootvars": QUIET}), "1:setenv-short",
+     update("setenv face 20000\n", root={"bin/bootvars": QUIET}), ""),
     ("a name holds an equals sign", update("setenv a=b c\n", root={"bin/bootvars": QUIET}), "1:name-equals",
      update("setenv a c\n", root={"bin/bootvars": QUIET}), ""),
     ("a number sign hides a command", update("erase#old 0 4000\nerase 0 4000\n"), "1:hidden-command",
@@ -142,4 +145,5 @@ def main():
     return wrong != 0
 
 
-sys.exit(main())
+if __name__ == "__main__":
+    sys.exit(main())
