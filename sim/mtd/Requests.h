@@ -8,13 +8,10 @@ enum class RequestKind : std::uint32_t {
 #define REQUEST(kind, name, number, error, describe) kind,
 #include "mtd/Requests.def"
 #undef REQUEST
+    End ///< their number
 };
 
-constexpr std::uint32_t kRequestKinds = 0
-#define REQUEST(kind, name, number, error, describe) +1
-#include "mtd/Requests.def"
-#undef REQUEST
-    ;
+constexpr auto kRequestKinds = static_cast<std::uint32_t>(RequestKind::End);
 
 /// A row of Requests.def.
 struct RequestRow {

@@ -138,7 +138,8 @@ INTERPOSED int close(int fd) { return IsSimulated(fd) ? CloseDevice(fd) : nextCl
 
 INTERPOSED int close_range(unsigned first, unsigned last, int flags) noexcept {
     constexpr unsigned kMost = 1 << 16;
-    for (unsigned fd = first; (static_cast<unsigned>(flags) & CLOSE_RANGE_CLOEXEC) == 0 && fd <= std::min(last, kMost); ++fd) {
+    for (unsigned fd = first; (static_cast<unsigned>(flags) & CLOSE_RANGE_CLOEXEC) == 0 && fd <= std::min(last, kMost);
+         ++fd) {
         if (IsSimulated(static_cast<int>(fd)))
             CloseDevice(static_cast<int>(fd));
     }

@@ -176,7 +176,7 @@ std::string FindProgram(const char *name) {
     for (std::size_t start = 0; start <= folders.size();) {
         const std::size_t end = std::min(folders.find(':', start), folders.size());
         const std::string folder = folders.substr(start, end - start);
-        const std::string place = folder.empty() ? name : folder + "/" + name;
+        std::string place = folder.empty() ? name : folder + "/" + name;
         if (access(place.c_str(), X_OK) == 0)
             return place;
         isForbidden = isForbidden || errno == EACCES;

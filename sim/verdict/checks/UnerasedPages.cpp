@@ -27,6 +27,7 @@ std::vector<Finding> CheckUnerasedPages(const RunFacts &facts) {
             blocks[line].push_back(offset);
     }
     std::vector<Finding> findings;
+    findings.reserve(pages.size() + blocks.size());
     for (const auto &[line, offsets] : pages)
         findings.push_back(UnerasedFinding(line, Count(static_cast<std::int64_t>(offsets.size()), "page") +
                                                      " programmed over bits that were already 0, first at " +

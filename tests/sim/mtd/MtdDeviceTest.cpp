@@ -361,10 +361,15 @@ TEST_F(MtdDeviceTest, PageReadsTellTheWorkOfTheEcc) {
     EXPECT_EQ(counters.corrected, 4U);
 }
 
+/// The argument of MTDFILEMODE, a number in place of an address.
+void *FileMode(std::uintptr_t mode) {
+    return reinterpret_cast<void *>(mode); // NOLINT(performance-no-int-to-ptr)
+}
+
 TEST_F(MtdDeviceTest, RawFilesReadAndWriteWithoutEcc) {
     std::fill(buffer.begin(), buffer.end(), std::uint8_t{0xFF});
     buffer[0] = 0xFE;
-    ASSERT_EQ(device.Request(file, MTDFILEMODE, reinterpret_cast<void *>(MTD_FILE_MODE_RAW)), 0);
+    ASSERT_EQ(device.Request(file, MTDFILEMODE, FileMode(MTD_FILE_MODE_RAW)), 0);
     ASSERT_EQ(device.Write(file, buffer.data(), kPage), kPage);
     EXPECT_EQ(*OobOfPage(0), 0xFF);
     file.position = 0;
@@ -372,7 +377,7 @@ TEST_F(MtdDeviceTest, RawFilesReadAndWriteWithoutEcc) {
     EXPECT_EQ(buffer[0], 0xFE);
     EXPECT_EQ(counters.corrected, 0U);
     // The change of the mode goes back to the start, a refused one to the normal mode as well.
-    EXPECT_EQ(device.Request(file, MTDFILEMODE, reinterpret_cast<void *>(MTD_FILE_MODE_OTP_USER)), -EOPNOTSUPP);
+    EXPECT_EQ(device.Request(file, MTDFILEMODE, FileMode(MTD_FILE_MODE_OTP_USER)), -EOPNOTSUPP);
     EXPECT_EQ(file.position, 0);
     EXPECT_EQ(device.Read(file, buffer.data(), kPage), kPage);
     EXPECT_EQ(counters.corrected, 1U);
