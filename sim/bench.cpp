@@ -1,6 +1,7 @@
 // Measures how fast flashsim rehearses and sweeps, and where the time goes.
 
 #include "base/HeldSignals.h"
+#include "base/Places.h"
 #include "base/TempFolder.h"
 #include "base/Workers.h"
 #include "chip/ChipFile.h"

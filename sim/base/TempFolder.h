@@ -1,12 +1,14 @@
 #pragma once
 
+#include "base/ScopedFd.h"
+
 #include <string>
 
-/// A folder of its own on the host, removed with all it holds in the end. It is in memory where the host has such a
-/// place, unless TMPDIR names another.
+/// A folder for what one run doesn't keep, removed with its contents at the end. It is in memory where the machine has
+/// such a place, unless TMPDIR names another. Folders of runs that were killed are removed by the next run.
 class TempFolder {
 public:
-    /// @throws std::runtime_error with one line.
+    /// @throws SystemError
     TempFolder();
     ~TempFolder();
     TempFolder(const TempFolder &) = delete;
@@ -17,4 +19,5 @@ public:
 
 private:
     std::string m_sPath;
+    ScopedFd m_lock; ///< the kernel releases it however the run ends
 };

@@ -1,6 +1,7 @@
 #include "base/Workers.h"
 
 #include "base/ScopedFd.h"
+#include "base/SystemError.h"
 
 #include <algorithm>
 #include <atomic>
@@ -26,14 +27,12 @@ namespace {
 constexpr std::uint64_t kComplaint = UINT64_MAX;
 constexpr std::size_t kMessageLimit = 65536 + sizeof kComplaint;
 
-[[noreturn]] void Fail(const char *what) { throw std::runtime_error(std::string(what) + ": " + strerror(errno)); }
-
 /// The number of the next job, in memory that all workers share.
 class JobCounter {
 public:
     JobCounter() : m_memory(mmap(nullptr, sizeof(Counter), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {
         if (m_memory == MAP_FAILED)
-            Fail("can't share memory");
+            throw SystemError("can't share memory");
         m_counter = new (m_memory) Counter(0);
     }
     ~JobCounter() { munmap(m_memory, sizeof(Counter)); }
@@ -75,13 +74,13 @@ public:
     Worker(std::size_t count, JobCounter &jobs, const std::function<WorkerJob()> &setUp) {
         int ends[2];
         if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) < 0)
-            Fail("can't make a channel");
+            throw SystemError("can't make a channel");
         m_channel = ScopedFd(ends[0]);
         const ScopedFd own(ends[1]);
         const pid_t parent = getpid();
         m_nPid = fork();
         if (m_nPid < 0)
-            Fail("can't start a worker");
+            throw SystemError("can't start a worker");
         if (m_nPid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             if (getppid() != parent)
@@ -140,7 +139,7 @@ bool DoInWorkers(std::size_t count, unsigned workers, const HeldSignals &signals
         for (const Worker &worker : crew)
             waits.push_back({worker.Channel(), POLLIN, 0});
         if (poll(waits.data(), waits.size(), -1) < 0)
-            Fail("can't follow the workers");
+            throw SystemError("can't follow the workers");
         if (waits[0].revents != 0)
             return false;
         bool isAnyLeft = false;

@@ -4,6 +4,7 @@
 #include "base/SharedFile.h"
 #include "chip/NandChip.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,19 @@ public:
     /// @throw std::runtime_error with one line
     static void Copy(const std::string &from, const std::string &to);
 
+    /// Makes the checksum file of a chip beside it: whoever opens the chip from then on keeps it, for MisfitPages.
+    /// @throw SystemError
+    static void AddSums(const std::string &path);
+    static bool HasSums(const std::string &path);
+
+    /// Replaces a chip by what another one is, so that at any time, even after a crash or a power failure, `to` is
+    /// whole: as it was, as it becomes, or, between the two, made whole by Recover.
+    /// @throw std::runtime_error with one line
+    static void Keep(const std::string &from, const std::string &to);
+
+    /// Ends a Keep that was cut short, and removes what it left. To be called before a kept chip is opened.
+    static void Recover(const std::string &path);
+
     /// Waits until no other process makes a chip in the same folder, and keeps them from it.
     /// @return owner of that right
     static ScopedFd AwaitTurn(const std::string &path);
@@ -41,11 +55,20 @@ public:
     /// @throw std::runtime_error with one line when one is missing, isn't a chip's or hasn't the length it should have
     explicit ChipFile(const std::string &path);
 
+    /// @return whether all files still have their length: a program with the chip at hand may have cut them.
+    bool IsWhole() const { return m_states.IsWhole() && m_cells.IsWhole() && (!m_sums || m_sums->IsWhole()); }
+
+    /// As above, but what this process changes stays its own and is lost with the object.
+    static ChipFile OpenPrivate(const std::string &path);
+
     NandChip &Chip() { return m_chip; }
     const NandChip &Chip() const { return m_chip; }
 
 private:
+    ChipFile(SharedFile states, SharedFile cells, const std::string &sumsOf);
+
     SharedFile m_states;
     SharedFile m_cells;
+    std::optional<SharedFile> m_sums;
     NandChip m_chip;
 };

@@ -17,7 +17,9 @@ constexpr std::uint64_t kMaxSize = std::uint64_t{1} << 38;
 
 // State of a page. An erased page's cells, OOB included, are all 0xFF.
 constexpr std::uint8_t kProgrammed = 0x01;
-constexpr std::uint8_t kFitsEcc = 0x02; ///< data and stored ECC are known to agree
+constexpr std::uint8_t kFitsEcc = 0x02;  ///< data and stored ECC are known to agree
+constexpr std::uint8_t kUnstable = 0x04; ///< power was lost at the end of a change; only set on programmed pages
+constexpr std::uint8_t kDecayed = 0x08;  ///< an unstable page that was read: its bit errors have come
 constexpr std::uint8_t kWeakPage = 0x80;
 
 // State of a block: its mark and two flags.
@@ -58,7 +60,55 @@ bool ProgramOver(std::uint8_t *cells, const std::uint8_t *bytes, std::size_t len
     return lost != 0;
 }
 
+constexpr std::uint32_t kLastBytes = 16; ///< what Extent::AllButLast leaves out of a page
+constexpr int kDecayedBits = 8;
+
+/// @return how many of `count` bytes or pages an extent reaches.
+std::uint32_t Reached(Extent extent, std::uint32_t count, std::uint32_t last) {
+    switch (extent) {
+    case Extent::NotStarted:
+        return 0;
+    case Extent::FirstHalf:
+        return count / 2;
+    case Extent::AllButLast:
+        return count > last ? count - last : 0;
+    default:
+        return count;
+    }
+}
+
+/// A fast hash of any bytes, for equality only.
+class BytesHash {
+public:
+    void Add(const std::uint8_t *bytes, std::size_t length) {
+        for (; length >= sizeof(std::uint64_t); bytes += sizeof(std::uint64_t), length -= sizeof(std::uint64_t)) {
+            std::uint64_t word = 0;
+            std::memcpy(&word, bytes, sizeof word);
+            Mix(word);
+        }
+        std::uint64_t rest = length;
+        for (std::size_t i = 0; i < length; ++i)
+            rest = rest << 8 | bytes[i];
+        Mix(rest);
+    }
+    std::uint64_t Value() const { return m_value; }
+
+private:
+    void Mix(std::uint64_t word) {
+        m_value = (m_value ^ word) * 0x9E3779B97F4A7C15U;
+        m_value ^= m_value >> 29;
+    }
+
+    std::uint64_t m_value = 0x2545F4914F6CDD1DU;
+};
+
 } // namespace
+
+std::uint64_t HashBytes(const std::uint8_t *bytes, std::size_t length) {
+    BytesHash hash;
+    hash.Add(bytes, length);
+    return hash.Value();
+}
 
 const char *NandGeometry::Problem(Ecc ecc) const {
     if (!IsPowerOfTwo(pageSize) || pageSize < Hamming::kStep || pageSize > kMaxPage)
@@ -101,18 +151,68 @@ void NandChip::Format() {
     std::memset(m_memory.cells, kErasedByte, static_cast<std::size_t>(m_geometry.RawSize()));
     std::memset(m_memory.pageStates, 0, m_geometry.Pages());
     std::memset(m_memory.blockStates, 0, m_geometry.Blocks());
+    SumAll();
 }
 
-bool NandChip::IsBad(std::uint32_t block) const { return (m_memory.blockStates[block] & kBadBlock) != 0; }
+/// A checksum that notices changes and is fast; whoever wants to fit it can.
+std::uint64_t NandChip::PageSum(std::uint32_t page) const {
+    BytesHash hash;
+    hash.Add(Cells(page), m_geometry.RawPageSize());
+    hash.Add(&m_memory.pageStates[page], 1);
+    return hash.Value();
+}
+
+std::uint64_t NandChip::BlockSum(std::uint32_t block) const { return HashBytes(&m_memory.blockStates[block], 1); }
+
+/// Sets the checksums of pages of one block, and the block's.
+void NandChip::Sum(std::uint32_t firstPage, std::uint32_t count) const {
+    if (m_memory.sums == nullptr)
+        return;
+    for (std::uint32_t page = firstPage; page < firstPage + count; ++page)
+        m_memory.sums[page] = PageSum(page);
+    const std::uint32_t block = firstPage / m_geometry.PagesPerBlock();
+    m_memory.sums[m_geometry.Pages() + block] = BlockSum(block);
+}
+
+void NandChip::SumAll() {
+    for (std::uint32_t block = 0; block < m_geometry.Blocks(); ++block)
+        Sum(block * m_geometry.PagesPerBlock(), m_geometry.PagesPerBlock());
+}
+
+std::vector<std::uint32_t> NandChip::MisfitPages() const {
+    std::vector<std::uint32_t> misfits;
+    for (std::uint32_t page = 0; m_memory.sums != nullptr && page < m_geometry.Pages(); ++page) {
+        const std::uint32_t block = page / m_geometry.PagesPerBlock();
+        if (m_memory.sums[page] != PageSum(page) || m_memory.sums[m_geometry.Pages() + block] != BlockSum(block))
+            misfits.push_back(page);
+    }
+    return misfits;
+}
+
+/// Reports an access to the listener.
+void NandChip::See(AccessKind kind, std::uint32_t place) const {
+    if (m_listener != nullptr)
+        m_listener->Saw({kind, place});
+}
+
+bool NandChip::IsBad(std::uint32_t block) const {
+    See(AccessKind::AskBad, block);
+    return (m_memory.blockStates[block] & kBadBlock) != 0;
+}
 
 void NandChip::MarkBad(std::uint32_t block) {
     const std::uint32_t page = block * m_geometry.PagesPerBlock();
     m_memory.pageStates[page] |= kProgrammed;
     CellsOf(page)[MarkerPlace()] = kBadMark;
+    Sum(page, 1);
     SetBad(block);
 }
 
-void NandChip::SetBad(std::uint32_t block) { m_memory.blockStates[block] |= kBadBlock; }
+void NandChip::SetBad(std::uint32_t block) {
+    See(AccessKind::MarkBad, block);
+    m_memory.blockStates[block] |= kBadBlock;
+    Sum(block * m_geometry.PagesPerBlock(), 0);
+}
 
 /// @return the place of the marker among the cells of a page.
 std::uint32_t NandChip::MarkerPlace() const {
@@ -136,9 +236,20 @@ void NandChip::ScanForBadBlocks() {
     }
 }
 
-void NandChip::MakeWeakBlock(std::uint32_t block) { m_memory.blockStates[block] |= kWeakBlock; }
+void NandChip::MakeWeakBlock(std::uint32_t block) {
+    m_memory.blockStates[block] |= kWeakBlock;
+    Sum(block * m_geometry.PagesPerBlock(), 0);
+}
 
-void NandChip::MakeWeakPage(std::uint32_t page) { m_memory.pageStates[page] |= kWeakPage; }
+void NandChip::MakeWeakPage(std::uint32_t page) {
+    m_memory.pageStates[page] |= kWeakPage;
+    Sum(page, 1);
+}
+
+void NandChip::MakeWeakPages(std::uint32_t block) {
+    for (std::uint32_t i = 0; i < m_geometry.PagesPerBlock(); ++i)
+        MakeWeakPage(block * m_geometry.PagesPerBlock() + i);
+}
 
 BlockMark NandChip::Mark(std::uint32_t block) const {
     return IsBad(block) ? BlockMark::Bad : static_cast<BlockMark>(m_memory.blockStates[block] & kMarkBits);
@@ -154,8 +265,10 @@ void NandChip::SetMark(std::uint32_t block, BlockMark mark) {
 bool NandChip::IsProgrammed(std::uint32_t page) const { return (m_memory.pageStates[page] & kProgrammed) != 0; }
 
 void NandChip::ForgetMarks() {
-    for (std::uint32_t block = 0; block < m_geometry.Blocks(); ++block)
+    for (std::uint32_t block = 0; block < m_geometry.Blocks(); ++block) {
         SetMark(block, BlockMark::Untouched);
+        Sum(block * m_geometry.PagesPerBlock(), 0);
+    }
 }
 
 void NandChip::CopyBlock(const NandChip &other, std::uint32_t block) {
@@ -164,11 +277,72 @@ void NandChip::CopyBlock(const NandChip &other, std::uint32_t block) {
     std::memcpy(CellsOf(first), other.Cells(first), RawBlockSize());
     std::copy_n(other.m_memory.pageStates + first, pages, m_memory.pageStates + first);
     m_memory.blockStates[block] = other.m_memory.blockStates[block];
+    Sum(first, pages);
+}
+
+void NandChip::SaveBlock(std::uint32_t block, BlockImage &image) const {
+    const std::uint32_t pages = m_geometry.PagesPerBlock();
+    const std::uint32_t first = block * pages;
+    image.cells.assign(CellsOf(first), CellsOf(first) + RawBlockSize());
+    image.pageStates.assign(m_memory.pageStates + first, m_memory.pageStates + first + pages);
+    image.state = m_memory.blockStates[block];
+}
+
+void NandChip::RestoreBlock(std::uint32_t block, const BlockImage &image) {
+    const std::uint32_t first = block * m_geometry.PagesPerBlock();
+    std::copy(image.cells.begin(), image.cells.end(), CellsOf(first));
+    std::copy(image.pageStates.begin(), image.pageStates.end(), m_memory.pageStates + first);
+    m_memory.blockStates[block] = image.state;
+    Sum(first, m_geometry.PagesPerBlock());
+}
+
+std::uint64_t NandChip::PageHash(std::uint32_t page) const {
+    BytesHash hash;
+    hash.Add(CellsOf(page), m_geometry.RawPageSize());
+    hash.Add(m_memory.pageStates + page, 1);
+    return hash.Value();
+}
+
+std::uint8_t NandChip::BlockTraits(std::uint32_t block) const {
+    return static_cast<std::uint8_t>(m_memory.blockStates[block] & ~kMarkBits);
+}
+
+bool NandChip::IsUnstable(std::uint32_t block) const {
+    const std::uint8_t *states = m_memory.pageStates + std::size_t{block} * m_geometry.PagesPerBlock();
+    return std::any_of(states, states + m_geometry.PagesPerBlock(),
+                       [](std::uint8_t state) { return (state & kUnstable) != 0; });
 }
 
 bool NandChip::HasCellsOf(const NandChip &other, std::uint32_t otherBlock, std::uint32_t block) const {
     const std::uint32_t pages = m_geometry.PagesPerBlock();
     return std::memcmp(Cells(block * pages), other.Cells(otherBlock * pages), RawBlockSize()) == 0;
+}
+
+bool NandChip::HasPlainOob(std::uint32_t page) const {
+    std::vector<std::uint8_t> raw(Cells(page), Cells(page) + m_geometry.RawPageSize());
+    const auto oob = raw.begin() + m_geometry.pageSize;
+    const auto isBlank = [&] {
+        return std::all_of(oob, raw.end(), [](std::uint8_t byte) { return byte == kErasedByte; });
+    };
+    if (isBlank())
+        return true;
+    for (const std::uint32_t place : m_eccOob)
+        oob[place] = kErasedByte;
+    if (m_ecc == Ecc::Chip || !isBlank())
+        return false;
+    const EccResult read = Read(page, 0, m_geometry.pageSize, raw.data());
+    return read.failed == 0 && read.corrected == 0;
+}
+
+bool NandChip::HasDataOf(const NandChip &other, std::uint32_t block) const {
+    const std::uint32_t first = block * m_geometry.PagesPerBlock();
+    for (std::uint32_t page = first; page < first + m_geometry.PagesPerBlock(); ++page) {
+        const bool isEqual = std::memcmp(Cells(page), other.Cells(page), m_geometry.RawPageSize()) == 0;
+        if (!isEqual && (std::memcmp(Cells(page), other.Cells(page), m_geometry.pageSize) != 0 || !HasPlainOob(page) ||
+                         !other.HasPlainOob(page)))
+            return false;
+    }
+    return true;
 }
 
 bool NandChip::IsBlank(std::uint32_t block) const {
@@ -177,9 +351,12 @@ bool NandChip::IsBlank(std::uint32_t block) const {
 }
 
 bool NandChip::Erase(std::uint32_t block, Extent extent) {
+    See(AccessKind::Erase, block);
+    if (extent == Extent::NotStarted)
+        return true;
     const std::uint32_t pages = m_geometry.PagesPerBlock();
     const std::uint32_t first = block * pages;
-    const std::uint32_t count = extent == Extent::Whole ? pages : pages / 2;
+    const std::uint32_t count = Reached(extent, pages, 1);
     for (std::uint32_t page = first; page < first + count; ++page) {
         std::uint8_t &state = m_memory.pageStates[page];
         if ((state & kProgrammed) == 0)
@@ -187,21 +364,31 @@ bool NandChip::Erase(std::uint32_t block, Extent extent) {
         std::memset(CellsOf(page), kErasedByte, m_geometry.RawPageSize());
         state &= kWeakPage;
     }
+    for (std::uint32_t page = first; extent == Extent::Unstable && page < first + pages; ++page)
+        m_memory.pageStates[page] |= kProgrammed | kUnstable;
     SetMark(block, BlockMark::Erased);
+    Sum(first, pages);
     return (m_memory.blockStates[block] & kWeakBlock) == 0;
 }
 
 NandChip::Programmed NandChip::Program(std::uint32_t page, const PageProgram &program) {
+    if (m_listener != nullptr)
+        m_listener->Saw({AccessKind::Program, page, &program});
+    if (program.extent == Extent::NotStarted)
+        return {true, false};
     std::uint8_t &state = m_memory.pageStates[page];
     const bool erased = (state & kProgrammed) == 0;
     // Told first: a process that is killed half-way leaves a page that isn't taken for erased.
-    state = static_cast<std::uint8_t>((state & kWeakPage) | kProgrammed);
+    state = static_cast<std::uint8_t>((state & (kWeakPage | kUnstable)) | kProgrammed);
+    if (program.extent == Extent::Unstable)
+        state |= kUnstable;
 
     std::uint8_t *cells = CellsOf(page);
-    const bool half = program.extent == Extent::FirstHalf;
+    const bool isTorn =
+        program.extent != Extent::Whole && program.extent != Extent::Complete && program.extent != Extent::Unstable;
     bool lost = false;
     if (program.data != nullptr) {
-        const std::uint32_t length = half ? program.length / 2 : program.length;
+        const std::uint32_t length = Reached(program.extent, program.length, kLastBytes);
         if (erased) {
             Touch(cells + program.column, length);
             std::memcpy(cells + program.column, program.data, length);
@@ -213,8 +400,9 @@ NandChip::Programmed NandChip::Program(std::uint32_t page, const PageProgram &pr
     const std::uint8_t *oob = program.oob;
     std::uint32_t oobLength = program.oobLength;
     std::array<std::uint8_t, kMaxOob> merged;
-    if (half) {
-        oobLength = program.data != nullptr ? 0 : oobLength / 2;
+    if (isTorn) {
+        const bool hasNone = program.data != nullptr || program.extent == Extent::WithoutOob;
+        oobLength = hasNone ? 0 : Reached(program.extent, oobLength, 1);
     } else if (program.withEcc && program.data != nullptr && m_ecc == Ecc::Host) {
         std::fill_n(merged.begin(), m_geometry.oobSize, kErasedByte);
         if (oob != nullptr)
@@ -238,6 +426,7 @@ NandChip::Programmed NandChip::Program(std::uint32_t page, const PageProgram &pr
         SetMark(block, BlockMark::WrittenWithoutErase);
     else if (mark == BlockMark::Erased)
         SetMark(block, BlockMark::Written);
+    Sum(page, 1);
     return {(state & kWeakPage) == 0, lost};
 }
 
@@ -250,10 +439,28 @@ void NandChip::FillEcc(const PageProgram &program, std::uint8_t *oob) const {
     }
 }
 
+/// The bit errors of an unstable page: all in the same 256 bytes, so that no ECC corrects them.
+void NandChip::Decay(std::uint32_t page) const {
+    std::uint8_t *cells = CellsOf(page);
+    for (int i = 0; i < kDecayedBits; ++i) {
+        const std::uint32_t number[] = {page, static_cast<std::uint32_t>(i)};
+        const std::uint64_t hash = HashBytes(reinterpret_cast<const std::uint8_t *>(number), sizeof number);
+        cells[hash % Hamming::kStep] ^= static_cast<std::uint8_t>(1U << (hash >> 32) % 8);
+    }
+    std::uint8_t &state = m_memory.pageStates[page];
+    state = static_cast<std::uint8_t>((state & ~kFitsEcc) | kDecayed);
+    Sum(page, 1);
+}
+
 EccResult NandChip::Read(std::uint32_t page, std::uint32_t column, std::uint32_t length, std::uint8_t *data) const {
-    const std::uint8_t *cells = Cells(page);
+    See(AccessKind::Read, page);
+    const std::uint8_t *cells = CellsOf(page);
     const std::uint8_t state = m_memory.pageStates[page];
     std::memcpy(data, cells + column, length);
+    if (m_bReadsAge && (state & kUnstable) != 0 && (state & kDecayed) == 0) {
+        Decay(page);
+        return {};
+    }
     EccResult result;
     if (m_ecc == Ecc::Chip || (state & kProgrammed) == 0 || (state & kFitsEcc) != 0)
         return result;
@@ -279,13 +486,14 @@ EccResult NandChip::Read(std::uint32_t page, std::uint32_t column, std::uint32_t
 }
 
 const std::uint8_t *NandChip::Cells(std::uint32_t page) const {
-    return m_memory.cells + std::size_t{page} * m_geometry.RawPageSize();
+    See(AccessKind::Read, page);
+    return CellsOf(page);
 }
 
 std::size_t NandChip::RawBlockSize() const {
     return std::size_t{m_geometry.PagesPerBlock()} * m_geometry.RawPageSize();
 }
 
-std::uint8_t *NandChip::CellsOf(std::uint32_t page) {
+std::uint8_t *NandChip::CellsOf(std::uint32_t page) const {
     return m_memory.cells + std::size_t{page} * m_geometry.RawPageSize();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -73,8 +74,33 @@ enum class BlockMark : std::uint8_t {
     Bad,                 ///< known to be bad, whatever was done to it
 };
 
-/// How far an operation gets: the first half of its bytes when the power goes.
-enum class Extent { Whole, FirstHalf };
+/// How far a program or an erase gets. All but Whole are what a power cut can leave; power is lost afterwards.
+enum class Extent : std::uint32_t {
+    Whole,
+    NotStarted,
+    FirstHalf,  ///< the first half of the bytes, without OOB when there is data; the first half of a block's pages
+    AllButLast, ///< as FirstHalf, but all except the last 16 bytes, or the last page of a block
+    WithoutOob, ///< the data only; a block is erased
+    Complete,   ///< as Whole, but nothing reports it
+    Unstable,   ///< as Whole, but the pages are unstable
+};
+constexpr std::uint32_t kExtents = 7;
+
+/// @return a hash for comparing bytes.
+std::uint64_t HashBytes(const std::uint8_t *bytes, std::size_t length);
+
+enum class AccessKind : std::uint8_t { AskBad, Read, Erase, Program, MarkBad };
+/// One access to a chip.
+struct ChipAccess;
+
+/// Sees the accesses to a chip before they are carried out.
+class ChipListener {
+public:
+    virtual void Saw(const ChipAccess &access) = 0;
+
+protected:
+    ~ChipListener() = default;
+};
 
 /// One NAND chip on memory that its owner provides.
 ///
@@ -91,6 +117,8 @@ public:
         std::uint8_t *cells;       ///< RawSize() bytes: page 0, its OOB, page 1, its OOB, ...
         std::uint8_t *pageStates;  ///< a byte a page; 0 is an erased page
         std::uint8_t *blockStates; ///< a byte a block; 0 is a good, untouched block
+        /// Checksums of all pages and then of all blocks' states, kept with every change; null for none.
+        std::uint64_t *sums = nullptr;
     };
 
     /// Bytes for one page. A null pointer leaves its area alone.
@@ -112,6 +140,12 @@ public:
     /// @param geometry one without a Problem
     NandChip(const NandGeometry &geometry, Ecc ecc, const Memory &memory);
 
+    /// Reports each question for a bad block, read, erase, program and bad-block mark from now on; nullptr ends that.
+    void Listen(ChipListener *listener) { m_listener = listener; }
+
+    /// Lets reads through this object age unstable pages: the first read of one is good, later ones have bit errors.
+    void LetReadsAge() { m_bReadsAge = true; }
+
     const NandGeometry &Geometry() const { return m_geometry; }
     Ecc EccMode() const { return m_ecc; }
     /// Smallest part of a page that a normal or raw write may address, in bytes.
@@ -122,6 +156,13 @@ public:
     std::uint32_t EccStrength() const;
     /// The bytes of Layout().free.
     const std::vector<std::uint32_t> &FreeOob() const { return m_freeOob; }
+
+    /// Sets all checksums to what pages and blocks are now.
+    void SumAll();
+    /// @return the pages that don't fit their checksums, and all pages of blocks whose state doesn't, ascending: they
+    ///         were changed behind the chip's back, or a process was killed while it changed them. None without
+    ///         checksums.
+    std::vector<std::uint32_t> MisfitPages() const;
 
     /// Makes the memory that of a chip fresh from the factory: all erased, no bad blocks.
     void Format();
@@ -140,6 +181,8 @@ public:
     void MakeWeakBlock(std::uint32_t block);
     /// Wears a page out: its programs are carried out from now on, but reported as failed.
     void MakeWeakPage(std::uint32_t page);
+    /// The same for all pages of a block.
+    void MakeWeakPages(std::uint32_t block);
 
     BlockMark Mark(std::uint32_t block) const;
     /// @return whether a block, good or bad, was erased or programmed since ForgetMarks.
@@ -149,8 +192,29 @@ public:
 
     /// Makes a block what it is on another chip of the same geometry, its mark and its badness included.
     void CopyBlock(const NandChip &other, std::uint32_t block);
+    /// The cells and states of a block, taken out of a chip.
+    struct BlockImage {
+        std::vector<std::uint8_t> cells;
+        std::vector<std::uint8_t> pageStates;
+        std::uint8_t state = 0;
+    };
+    void SaveBlock(std::uint32_t block, BlockImage &image) const;
+    void RestoreBlock(std::uint32_t block, const BlockImage &image);
+    /// @return a hash of all that the answers to a page's reads and programs depend on: cells and state.
+    std::uint64_t PageHash(std::uint32_t page) const;
+    /// @return the properties of a block that answers depend on besides its pages: bad, worn out.
+    std::uint8_t BlockTraits(std::uint32_t block) const;
+    /// @return whether a block has an unstable page: one that reads well once and has bit errors later. Only an erase
+    ///         makes the page stable.
+    bool IsUnstable(std::uint32_t block) const;
+
     /// @return whether the cells of two blocks are equal, data and OOB of all pages.
     bool HasCellsOf(const NandChip &other, std::uint32_t otherBlock, std::uint32_t block) const;
+    /// @return whether the OOB of a page is 0xFF but for the kernel's ECC, which is absent or valid: what a write of
+    /// the data alone leaves, raw or not.
+    bool HasPlainOob(std::uint32_t page) const;
+    /// @return whether the data of all pages of a block are equal, each with a plain OOB where the OOB differs.
+    bool HasDataOf(const NandChip &other, std::uint32_t block) const;
     /// @return whether a page was programmed since its block was erased, be it with 0xFF.
     bool IsProgrammed(std::uint32_t page) const;
     /// @return whether the cells of a block are all 0xFF.
@@ -170,15 +234,28 @@ public:
 
 private:
     std::uint32_t MarkerPlace() const;
-    std::uint8_t *CellsOf(std::uint32_t page);
+    std::uint8_t *CellsOf(std::uint32_t page) const;
+    void Decay(std::uint32_t page) const;
     std::size_t RawBlockSize() const;
     void FillEcc(const PageProgram &program, std::uint8_t *oob) const;
     void SetMark(std::uint32_t block, BlockMark mark);
+    std::uint64_t PageSum(std::uint32_t page) const;
+    std::uint64_t BlockSum(std::uint32_t block) const;
+    void Sum(std::uint32_t firstPage, std::uint32_t count) const;
+    void See(AccessKind kind, std::uint32_t place) const;
 
     NandGeometry m_geometry;
     Ecc m_ecc;
     Memory m_memory;
     OobLayout m_layout;
+    ChipListener *m_listener = nullptr;
+    bool m_bReadsAge = false;
     std::vector<std::uint32_t> m_eccOob; ///< places of the ECC bytes in the OOB, step by step
     std::vector<std::uint32_t> m_freeOob;
+};
+
+struct ChipAccess {
+    AccessKind kind;
+    std::uint32_t place;                            ///< the page of Read and Program, else the block
+    const NandChip::PageProgram *program = nullptr; ///< of Program
 };

@@ -1,6 +1,7 @@
 #include "cli/Options.h"
 
 #include "base/Number.h"
+#include "base/Places.h"
 #include "base/Text.h"
 #include "mtd/DeviceText.h"
 #include "sandbox/UpdateRun.h"
@@ -22,6 +23,7 @@ constexpr std::uint64_t kMostRequests = 1'000'000'000;
 /// More sets would take years, and the list of runs would fill the memory.
 constexpr std::uint64_t kMostSets = 1'000'000;
 constexpr std::uint64_t kMostSeed = 999'999'999'999'999'999;
+constexpr std::uint64_t kMostSeconds = 1'000'000;
 constexpr std::uint64_t kMostJobs = 1024;
 
 // Checks of values, as CLI11 wants them: an empty text for a good value, else what is wrong.
@@ -52,14 +54,14 @@ std::string CheckMount(const std::string &path) {
     // A mount below /usr or /lib is fine; one over the programs and libraries would leave none to run.
     constexpr const char *kPrograms[] = {"/usr", "/usr/bin", "/usr/lib", "/usr/sbin", "/bin",
                                          "/lib", "/lib64",   "/sbin",    "/dev",      "/sys"};
-    constexpr const char *kOwn[] = {"/proc", "/.flashsim"};
+    constexpr const char *kOwn[] = {"/proc", kOwnFolder};
     const bool isProgram = std::find(std::begin(kPrograms), std::end(kPrograms), path) != std::end(kPrograms);
     return isProgram || IsWithin(kOwn, path) ? path + " is needed by the sandbox's programs" : CheckSandboxPath(path);
 }
 
 std::string CheckPlace(const std::string &path) {
     constexpr const char *kSystem[] = {"/usr",  "/bin", "/lib", "/lib32", "/lib64", "/libx32",
-                                       "/sbin", "/etc", "/dev", "/sys",   "/proc",  "/.flashsim"};
+                                       "/sbin", "/etc", "/dev", "/sys",   "/proc",  kOwnFolder};
     return IsWithin(kSystem, path) ? path + " cannot hold the update: system files are there" : CheckSandboxPath(path);
 }
 
@@ -111,13 +113,20 @@ struct OptionRow {
 };
 
 constexpr const char *kSweep = "--sweep";
+constexpr const char *kExact = "--exact";
+constexpr const char *kSample = "--sample";
+constexpr const char *kShard = "--shard";
 constexpr const char *kJobs = "--jobs";
+/// Options of every kind of sweep.
+constexpr const char *kCommon[] = {kSweep, kExact, kSample, kShard, kJobs};
 
 constexpr const char *kChip = "The chip";
 constexpr const char *kSandbox = "The sandbox (--mtd, --mount and --start may be repeated)";
 constexpr const char *kRun = "The run (--fault may be repeated)";
 constexpr const char *kSweeps =
     "Sweeps (--sweep may be repeated): many runs from a --used chip or a copy of --flash, without notify calls";
+
+constexpr const char *kBoots = "Whether the device boots after each cut of a sweep (all but --boots may be repeated)";
 
 /// Help texts are written for a terminal of this width.
 constexpr std::size_t kColumns = 110;
@@ -133,6 +142,8 @@ constexpr OptionRow kOptions[] = {
     {kChip, "--used", "", &Options::isUsed, Rerun::Omitted,
      "a new chip like that of a device in use: full of old data, variables in environments"},
 
+    {kChip, "--after", "UPDATE", &Options::after, Rerun::Repeated,
+     "an earlier release that has run on a new chip; may be repeated", CheckUpdate},
     {kSandbox, "--mtd", "N:NAME[:OFFSET,SIZE]", &Options::devices, Rerun::Repeated,
      "an MTD device [0:boot 1:kernel 9:opt 12:all]"},
     {kSandbox, "--no-sysfs", "LIST", &Options::missingSysfs, Rerun::Repeated,
@@ -150,8 +161,13 @@ constexpr OptionRow kOptions[] = {
      CheckPresent},
     {kRun, "--fault", "KIND[:N]=ERRNO", &Options::faults, Rerun::Repeated,
      "each request of the kind fails, or only the N-th"},
-    {kRun, "--cut", "N", &Options::cut, Rerun::Omitted,
-     "power is lost in the middle of the N-th page program or block erase", CheckNumber<1, kMostRequests>},
+    {kRun, "--cut", "N[:STATE]", &Options::cut, Rerun::Omitted,
+     "power is lost at the N-th page program or block erase, which gets as far as STATE: none, half, most, bare "
+     "(without OOB), done or unstable [half]"},
+    {kRun, "--erase-fails", "LIST", &Options::eraseFails, Rerun::Repeated, "worn-out blocks: erases fail"},
+    {kRun, "--program-fails", "LIST", &Options::programFails, Rerun::Repeated, "worn-out blocks: page programs fail"},
+    {kRun, "--timeout", "SECONDS", &Options::timeout, Rerun::Repeated, "kill an update that takes longer [600]",
+     CheckNumber<1, kMostSeconds>},
     {kRun, "--trace", "FILE", &Options::trace, Rerun::Omitted, "write a line for each request"},
     {kRun, "--report", "FILE.json", &Options::report, Rerun::Omitted, "write the verdict and its evidence, as JSON"},
     {kRun, "--map", "FILE.svg", &Options::map, Rerun::Omitted,
@@ -164,6 +180,21 @@ constexpr OptionRow kOptions[] = {
     {kSweeps, "--sets", "N", &Options::sets, Rerun::Omitted,
      "bad: sets of bad blocks, as many as the ranges tolerate, after single ones [100]", CheckNumber<0, kMostSets>},
     {kSweeps, "--seed", "S", &Options::seed, Rerun::Omitted, "bad: random seed [1]", CheckNumber<0, kMostSeed>},
+    {kSweeps, "--torn", "LIST", &Options::torn, Rerun::Omitted,
+     "cut: states that each cut leaves, as --cut names them [half,done]"},
+    {kBoots, "--boots", "COMMAND", &Options::boots, Rerun::Omitted,
+     "shell command in the sandbox that exits with 0 when the device boots"},
+    {kBoots, "--keep", "OFFSET,SIZE|LINE", &Options::keeps, Rerun::Omitted,
+     "range, or that of a script line, that must be as before or as after the update"},
+    {kBoots, "--boot-env", "OFFSET,SIZE", &Options::bootEnvironments, Rerun::Omitted,
+     "environment of the boot loader, which uses the first valid one"},
+    {kBoots, "--slot", "NAME=VALUE:OFFSET,SIZE", &Options::slots, Rerun::Omitted,
+     "range to keep while the environment has this variable"},
+    {kSweeps, kExact, "", &Options::isExact, Rerun::Omitted,
+     "make each run for real; else recorded runs are replayed where the result is the same"},
+    {kSweeps, kSample, "N", &Options::sample, Rerun::Omitted,
+     "replayed runs that are also made for real and compared [4]", CheckNumber<0, kMostSets>},
+    {kSweeps, kShard, "I/N", &Options::shard, Rerun::Omitted, "make only the I-th of N parts of all runs"},
     {kSweeps, kJobs, "N", &Options::jobs, Rerun::Omitted, "runs in parallel [one per core]", CheckNumber<1, kMostJobs>},
 };
 
@@ -218,6 +249,9 @@ void Declare(CLI::App &app, Options &options) {
     app.add_option("ARGUMENTS", options.arguments,
                    "further arguments for the updater; any argument disables the notify script")
         ->type_name("");
+    app.set_config("--device", "", "TOML file with options of a device; the command line overrides the file")
+        ->option_text("FILE")
+        ->group(kSandbox);
     for (const OptionRow &row : kOptions) {
         CLI::Option *option = std::visit(
             [&](auto field) {
@@ -243,10 +277,11 @@ void Declare(CLI::App &app, Options &options) {
 
 /// Checks what no single option shows.
 void CheckTogether(const CLI::App &app, const Options &options) {
-    if (!options.sweeps.empty() && (options.isRaw || options.cut != 0))
+    if (!options.sweeps.empty() && (options.isRaw || !options.cut.empty()))
         throw std::invalid_argument("--sweep goes with neither --raw nor --cut");
     for (const OptionRow &row : kOptions) {
-        if (row.group != kSweeps || row.name == kSweep || row.name == kJobs || app.count(row.name) == 0)
+        const bool isCommon = std::find(std::begin(kCommon), std::end(kCommon), row.name) != std::end(kCommon);
+        if (row.group != kSweeps || isCommon || app.count(row.name) == 0)
             continue;
         const std::string name = std::string(row.name).substr(std::strlen("--"));
         if (std::none_of(options.sweeps.begin(), options.sweeps.end(),
@@ -274,9 +309,31 @@ RerunWords FindRerunWords(const CLI::App &app, const Options &options) {
     return words;
 }
 
+std::string JoinNames() {
+    std::string names;
+    for (const std::string &name : SweepNames())
+        names += (names.empty() ? "" : ", ") + name;
+    return names;
+}
+
+/// Turns "sweep KIND... WORDS..." into "--sweep KIND... WORDS...".
+std::vector<std::string> ExpandSweep(const std::vector<std::string> &words) {
+    if (words.empty() || words[0] != "sweep")
+        return words;
+    std::vector<std::string> expanded;
+    std::size_t next = 1;
+    for (; next < words.size() && FindSweepKind(words[next]) != nullptr; ++next)
+        expanded.insert(expanded.end(), {kSweep, words[next]});
+    if (expanded.empty())
+        throw std::invalid_argument("sweep needs a kind: " + JoinNames());
+    expanded.insert(expanded.end(), words.begin() + static_cast<std::ptrdiff_t>(next), words.end());
+    return expanded;
+}
+
 } // namespace
 
-CommandLine ReadCommandLine(const std::vector<std::string> &words) {
+CommandLine ReadCommandLine(const std::vector<std::string> &given) {
+    const std::vector<std::string> words = ExpandSweep(given);
     CommandLine line;
     CLI::App app("Runs an update with the real updater on a simulated NAND chip. Nothing on this machine changes.",
                  "flashsim");

@@ -19,6 +19,7 @@ struct Options {
     std::string ecc;
     std::string flash;
     bool isUsed = false;
+    std::vector<std::string> after;
 
     // The sandbox.
     std::vector<std::string> devices;
@@ -31,7 +32,10 @@ struct Options {
     std::string place;
     std::string program;
     std::vector<std::string> faults;
-    std::uint64_t cut = 0; ///< 0: never
+    std::string cut; ///< empty: never
+    std::string eraseFails;
+    std::string programFails;
+    std::uint64_t timeout = 600; ///< seconds
     std::string trace;
     std::string report;
     std::string map;
@@ -41,6 +45,14 @@ struct Options {
     std::uint64_t every = 1;
     std::uint64_t sets = 100;
     std::uint64_t seed = 1;
+    std::string torn = "half,done";
+    std::string boots;
+    std::vector<std::string> keeps;
+    std::vector<std::string> bootEnvironments;
+    std::vector<std::string> slots;
+    bool isExact = false;
+    std::uint64_t sample = 4;
+    std::string shard;
     std::uint64_t jobs = CoreCount();
 
     /// @return whether a run is judged, not only passed on.

@@ -9,8 +9,12 @@ RunRecord RecordOf(const RunSettings &settings, const RunOutcome &outcome, const
     record.status = outcome.status;
     record.out = outcome.out;
     record.err = outcome.err;
+    record.isOverdue = outcome.isOverdue;
+    record.isOutputCut = outcome.isCut;
+    record.excess = outcome.excess;
     record.trace = state.TraceText();
     record.programs = state.ProgramNotes();
+    record.updater = UpdaterRecord(state.RecordText());
     record.cutPlace = state.CutPlace();
     record.absent = AbsentTroubles(settings.sim, state);
     record.assumesDevices = settings.assumesDevices;

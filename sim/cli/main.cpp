@@ -1,6 +1,7 @@
 // Runs an update with the real updater on a simulated chip and reports whether the update is clean.
 
 #include "base/HeldSignals.h"
+#include "base/Places.h"
 #include "base/ScopedFd.h"
 #include "base/TempFolder.h"
 #include "chip/ChipFile.h"
@@ -20,10 +21,13 @@
 #include "verdict/Verdict.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -39,7 +43,6 @@ namespace {
 
 enum ExitStatus { kClean = 0, kFindings = 1, kWrongUse = 2 };
 
-constexpr const char *kScriptName = "flashrig.script";
 constexpr std::size_t kUsualWidth = 80;
 constexpr const char *kRoomAdvice = " (TMPDIR names the folder for temporary files)";
 
@@ -66,23 +69,23 @@ std::size_t TerminalWidth() {
 }
 
 /// Runs the sweeps and prints the result of each as it ends.
+/// @param script path of the script, for people
 /// @return whether all runs passed.
-bool RunSweeps(const Options &options, const RunSettings &settings, const std::string &start, const RerunWords &words,
-               const HeldSignals &signals, nlohmann::ordered_json &described) {
+bool RunSweeps(const std::vector<SweepSettings> &sweeps, const RunSettings &settings, const std::string &start,
+               const RerunWords &words, const std::string &script, const HeldSignals &signals,
+               nlohmann::ordered_json &described) {
     const Sweeper sweeper(settings, start, signals);
     bool hasPassed = true;
-    for (const std::string &name : options.sweeps) {
-        const SweepSettings sweep = {FindSweepKind(name), options.every, options.sets, options.seed,
-                                     static_cast<unsigned>(options.jobs)};
+    for (const SweepSettings &sweep : sweeps) {
         SweepResult result;
         {
-            ProgressBar bar("sweep " + name);
+            ProgressBar bar(std::string("sweep ") + sweep.kind->name);
             result = sweeper.Run(sweep, [&bar](const SweepResult &now) {
                 const std::size_t failed = now.failures.size();
                 bar.Show(now.done, now.planned, failed == 0 ? "" : std::to_string(failed) + " failed");
             });
         }
-        printf("%s", SweepText(result, words, kScriptName).c_str());
+        printf("%s", SweepText(result, words, script).c_str());
         fflush(stdout);
         described.push_back(DescribeSweep(result, words));
         hasPassed = hasPassed && result.Passed();
@@ -90,6 +93,23 @@ bool RunSweeps(const Options &options, const RunSettings &settings, const std::s
             break;
     }
     return hasPassed;
+}
+
+/// Combines the reports of shards and prints the result.
+int Merge(const std::vector<std::string> &paths) {
+    std::vector<nlohmann::ordered_json> reports;
+    for (const std::string &path : paths) {
+        std::ifstream file(path);
+        reports.push_back(nlohmann::ordered_json::parse(file, nullptr, false));
+        if (!file.is_open() || reports.back().is_discarded() || !reports.back().contains("sweeps"))
+            throw std::invalid_argument(path + " is not a report");
+    }
+    const nlohmann::ordered_json merged = MergeReports(std::move(reports));
+    fputs(ReportText(merged).c_str(), stdout);
+    bool isClean = merged.at("verdict") == "clean";
+    for (const nlohmann::ordered_json &sweep : merged.at("sweeps"))
+        isClean = isClean && sweep.at("held") == sweep.at("runs") && sweep.at("unbootable").empty();
+    return isClean ? kClean : kFindings;
 }
 
 int Rehearse(const Options &options, const RerunWords &words) {
@@ -100,23 +120,35 @@ int Rehearse(const Options &options, const RerunWords &words) {
     OutputFile traceFile(options.trace, "trace");
     OutputFile reportFile(options.report, "report");
     OutputFile mapFile(options.map, "map");
+    std::vector<SweepSettings> sweeps;
+    for (const std::string &kind : options.sweeps)
+        sweeps.push_back(MakeSweep(options, kind));
     const HeldSignals signals;
     const TempFolder folder;
     const bool isSwept = !options.sweeps.empty();
-    const std::string path = options.flash.empty() || isSwept ? folder.File("flash") : options.flash;
+    const bool isKept = !options.flash.empty() && fs::exists(options.flash);
+    const std::string path = folder.File("flash");
     const std::string statePath = folder.File("state");
-    if (isSwept && !options.flash.empty()) {
-        const ScopedFd right = ChipFile::Reserve(options.flash, ChipFile::Usage::Read);
-        ChipFile::Copy(options.flash, path);
-    }
-    const ScopedFd right = PrepareChip(options, path, statePath, signals);
+    RunSettings files = ShownFiles(options);
+    StageForSandbox(files, folder.File(""));
+    const ScopedFd right = PrepareChip(options, files, path, statePath, signals);
     const std::string start = folder.File("start");
     if (isSwept)
         ChipFile::Copy(path, start);
+    // A sweep's commands copy the chip that they start from.
+    if (isSwept && !isKept && !options.flash.empty())
+        ChipFile::Copy(path, options.flash);
+    ChipFile::AddSums(path);
     const ChipFile chip(path);
-    const RunSettings settings = MakeSettings(options, chip.Chip().Geometry());
+    const RunSettings settings = MakeSettings(options, files, chip.Chip().Geometry());
     const RunOutcome outcome = RunUpdate(settings, path, statePath, signals);
     const SimState state(statePath);
+    if (!chip.IsWhole())
+        throw std::runtime_error("a program of the update cut or lengthened the files of the chip");
+    if (!options.flash.empty() && !isSwept && !outcome.isInterrupted) {
+        const ScopedFd turn = ChipFile::AwaitTurn(options.flash);
+        ChipFile::Keep(path, options.flash);
+    }
     const RunRecord record = RecordOf(settings, outcome, state);
     // A verdict on a part of the requests might miss a fault.
     const bool isJudged = !outcome.isInterrupted && options.WantsVerdict() && !state.TraceOverflowed();
@@ -125,7 +157,7 @@ int Rehearse(const Options &options, const RerunWords &words) {
         const RunSummary summary(chip.Chip(), state, outcome);
         printf("\n%s", summary.Text(TerminalWidth(), WantsColour()).c_str());
         if (isJudged)
-            printf("%s", VerdictText(verdict, kScriptName).c_str());
+            printf("%s", VerdictText(verdict, ScriptPath(options)).c_str());
         fflush(stdout);
     }
     if (traceFile.IsWanted())
@@ -133,29 +165,47 @@ int Rehearse(const Options &options, const RerunWords &words) {
     if (state.TraceOverflowed())
         throw std::runtime_error(std::string("no room to record all requests: trace and verdict would be incomplete") +
                                  kRoomAdvice);
-    nlohmann::ordered_json sweeps = nlohmann::ordered_json::array();
+    nlohmann::ordered_json results = nlohmann::ordered_json::array();
     const bool isSweepable = isJudged && outcome.status == 0;
     if (isSwept && !isSweepable)
         printf("no sweep: the update must first finish normally\n");
-    const bool hasPassed = !isSwept || (isSweepable && RunSweeps(options, settings, start, words, signals, sweeps));
+    const bool hasPassed =
+        !isSwept || (isSweepable && RunSweeps(sweeps, settings, start, words, ScriptPath(options), signals, results));
     if (isJudged && reportFile.IsWanted()) {
         nlohmann::ordered_json report = MakeReport(record, verdict, chip.Chip(), state);
-        report["sweeps"] = std::move(sweeps);
+        report["sweeps"] = std::move(results);
         reportFile.Save(ReportText(report));
     }
     if (isJudged && mapFile.IsWanted())
         mapFile.Save(
             DrawChip(UpdateName(options.update), chip.Chip(), WholeFlash(chip.Chip(), record.devices), verdict));
+    if (outcome.isOutputLost || fflush(stdout) != 0 || ferror(stdout) != 0)
+        throw std::runtime_error("can't write to standard output");
     if (options.isRaw)
         return RunSummary::ShellStatus(outcome);
     return isJudged && verdict.IsClean() && hasPassed ? kClean : kFindings;
 }
 
+/// Whatever the caller left to this process: with SIGCHLD ignored there is no waiting for a child, and a file that got
+/// the number of a closed standard stream would receive output.
+void NormalizeProcess() {
+    signal(SIGCHLD, SIG_DFL);
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        // Reading and writing fail as they would on the closed stream.
+        if (fcntl(fd, F_GETFD) < 0)
+            static_cast<void>(open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY));
+    }
+}
+
 } // namespace
 
 int main(int argc, char *argv[]) {
+    NormalizeProcess();
     try {
-        const CommandLine line = ReadCommandLine({argv + 1, argv + argc});
+        const std::vector<std::string> words(argv + 1, argv + argc);
+        if (!words.empty() && words[0] == "merge")
+            return Merge({words.begin() + 1, words.end()});
+        const CommandLine line = ReadCommandLine(words);
         if (line.notice.empty())
             return Rehearse(line.options, line.rerun);
         printf("%s", line.notice.c_str());

@@ -7,10 +7,13 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 
 namespace {
+
+constexpr std::uint64_t kMostChanges = std::uint64_t{1} << 40;
 
 [[noreturn]] void Refuse(const std::string &text, const std::string &wanted) {
     throw std::invalid_argument("'" + text + "' is not " + wanted);
@@ -44,6 +47,10 @@ std::uint32_t SmallSize(const std::string &text) {
         Refuse(text, "a size below 4G");
     return static_cast<std::uint32_t>(size);
 }
+
+/// By extent.
+constexpr const char *kExtentNames[] = {"whole", "none", "half", "most", "bare", "done", "unstable"};
+static_assert(sizeof kExtentNames / sizeof *kExtentNames == kExtents);
 
 } // namespace
 
@@ -162,4 +169,47 @@ std::string BlocksText(const std::vector<std::uint32_t> &ascending) {
 std::string FaultText(const SimFault &fault) {
     return std::string(RequestName(fault.kind)) + (fault.nth == 0 ? "" : ":" + std::to_string(fault.nth)) + "=" +
            ErrnoName(fault.error);
+}
+
+PowerCut ReadCut(const std::string &text) {
+    const std::size_t colon = text.find(':');
+    const std::optional<std::uint64_t> change = ParseDecimal(text.substr(0, colon));
+    if (!change || text[0] == '0' || *change > kMostChanges)
+        Refuse(text, "a power cut N or N:STATE such as 100 or 100:done");
+    return {*change, colon == std::string::npos ? Extent::FirstHalf : ReadExtents(text.substr(colon + 1)).at(0)};
+}
+
+std::vector<Extent> ReadExtents(const std::string &list) {
+    std::vector<Extent> extents;
+    for (const std::string &name : SplitList(list)) {
+        const auto *found = std::find(std::begin(kExtentNames) + 1, std::end(kExtentNames), name);
+        if (found == std::end(kExtentNames))
+            Refuse(list, "a list of none, half, most, bare, done and unstable");
+        const auto extent = static_cast<Extent>(found - std::begin(kExtentNames));
+        if (std::find(extents.begin(), extents.end(), extent) == extents.end())
+            extents.push_back(extent);
+    }
+    if (extents.empty())
+        Refuse(list, "a list of none, half, most, bare, done and unstable");
+    return extents;
+}
+
+std::string ExtentsText(const std::vector<Extent> &extents) {
+    std::string text;
+    for (const Extent extent : extents)
+        text.append(text.empty() ? "" : ",").append(kExtentNames[static_cast<std::size_t>(extent)]);
+    return text;
+}
+
+std::string CutText(const PowerCut &cut) {
+    return std::to_string(cut.change) + (cut.extent == Extent::FirstHalf ? "" : ":" + ExtentsText({cut.extent}));
+}
+
+std::pair<std::int64_t, std::int64_t> ReadRange(const std::string &text) {
+    const std::vector<std::string> sizes = SplitList(text);
+    constexpr std::uint64_t kMost = std::uint64_t{1} << 40;
+    if (sizes.size() != 2 || ParseSize(sizes[0]) > kMost || ParseSize(sizes[1]) > kMost)
+        Refuse(text, "a range OFFSET,SIZE such as 0x100000,128K");
+    const auto begin = static_cast<std::int64_t>(ParseSize(sizes[0]));
+    return {begin, begin + static_cast<std::int64_t>(ParseSize(sizes[1]))};
 }

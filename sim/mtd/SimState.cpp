@@ -1,5 +1,6 @@
 #include "mtd/SimState.h"
 
+#include "mtd/RunSteps.h"
 #include "mtd/Trace.h"
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <stdexcept>
 
@@ -23,6 +25,8 @@ constexpr std::uint32_t kMaxOpenFiles = 1 << 16;
 constexpr std::size_t kMaxNotes = 60;
 constexpr std::size_t kMaxNoteText = 127;
 constexpr std::uint32_t kUnset = 0xFFFFFFFF;
+/// What a line of the record begins with, between those of the trace.
+constexpr char kRecordMark = '\1';
 
 using Counter = std::atomic<std::uint64_t>;
 using Flag = std::atomic<std::uint32_t>;
@@ -60,6 +64,9 @@ void Store(char (&to)[kMaxNoteText + 1], const std::string &text) {
 struct SimState::Shared {
     char magic[sizeof kMagic];
     std::uint64_t cutAtChange;
+    Extent cutExtent;
+    SimSettings::Record record;
+    std::uint64_t traces; ///< 0 or 1
     std::uint64_t traceLimit;
     std::uint64_t deviceCount;
     std::uint64_t faultCount;
@@ -83,7 +90,10 @@ struct SimState::Shared {
     /// Sets everything but the magic, the trace and its room.
     void Begin(const SimSettings &settings);
     char *TraceText() { return reinterpret_cast<char *>(this + 1); }
-    std::size_t TraceLength() const { return static_cast<std::size_t>(std::min<std::uint64_t>(traceEnd, traceReady)); }
+    /// Whatever programs in the sandbox wrote here, no more than the file has.
+    std::size_t TraceLength(std::uint64_t room) const {
+        return static_cast<std::size_t>(std::min({traceEnd.load(), traceReady.load(), room}));
+    }
 };
 
 void SimState::Shared::Begin(const SimSettings &settings) {
@@ -92,6 +102,9 @@ void SimState::Shared::Begin(const SimSettings &settings) {
     if (settings.faults.size() > kMaxFaults)
         throw std::runtime_error("more than " + std::to_string(kMaxFaults) + " faults");
     cutAtChange = settings.cutAtChange;
+    cutExtent = settings.cutExtent;
+    record = settings.record;
+    traces = settings.traceLimit != 0 && record == SimSettings::Record::None ? 1 : 0;
     deviceCount = 0;
     for (const SimDevice &device : settings.devices) {
         if (device.name.size() > kMaxName)
@@ -130,8 +143,10 @@ void SimState::Create(const std::string &path, const SimSettings &settings) {
 }
 
 void SimState::Restart(const SimSettings &settings) {
+    if (!m_file.IsWhole())
+        throw std::runtime_error("a program of the update cut or lengthened the state of the run");
     // The rest has never been used, and would take room in memory by being cleared.
-    std::memset(m_shared->TraceText(), 0, m_shared->TraceLength());
+    std::memset(m_shared->TraceText(), 0, m_shared->TraceLength(TraceRoom()));
     m_shared->Begin(settings);
 }
 
@@ -146,9 +161,10 @@ SimState::SimState(const std::string &path)
 
 std::vector<SimDevice> SimState::Devices() const {
     std::vector<SimDevice> devices;
-    for (std::size_t i = 0; i < m_shared->deviceCount; ++i) {
+    for (std::size_t i = 0; i < std::min<std::uint64_t>(m_shared->deviceCount, kMaxDevices); ++i) {
         const StoredDevice &stored = m_shared->devices[i];
-        devices.push_back({stored.number, stored.name, stored.offset, stored.size});
+        devices.push_back({stored.number, std::string(stored.name, strnlen(stored.name, sizeof stored.name)),
+                           stored.offset, stored.size});
     }
     return devices;
 }
@@ -187,7 +203,12 @@ int SimState::Begin(RequestKind kind) {
     NeedPower();
     m_current = kind;
     const std::uint64_t number = ++m_shared->requests[static_cast<std::size_t>(kind)];
-    for (std::size_t i = 0; i < m_shared->faultCount; ++i) {
+    if (Records()) {
+        const std::vector<std::uint8_t> step =
+            WriteStep(RunStep::Kind::Request, m_bIsProgram, static_cast<std::uint32_t>(kind), nullptr, false);
+        Append(reinterpret_cast<const char *>(step.data()), step.size());
+    }
+    for (std::size_t i = 0; i < std::min<std::uint64_t>(m_shared->faultCount, kMaxFaults); ++i) {
         const SimFault &fault = m_shared->faults[i];
         if (fault.kind == kind && (fault.nth == 0 || fault.nth == number))
             return fault.error;
@@ -210,17 +231,23 @@ std::string SimState::CutPlace() const {
     if (!PowerWasCut())
         return "";
     char place[64];
+    const std::uint32_t request = m_shared->cutRequest;
     std::snprintf(place, sizeof place, "%s at 0x%" PRIx64,
-                  RequestName(static_cast<RequestKind>(m_shared->cutRequest.load())), m_shared->cutOffset.load());
+                  request < kRequestKinds ? RequestName(static_cast<RequestKind>(request)) : "?",
+                  m_shared->cutOffset.load());
     return place;
 }
 
-bool SimState::Traces() const { return m_shared->traceLimit != 0; }
+bool SimState::Traces() const { return m_shared->traces != 0; }
+
+bool SimState::Records() const { return m_shared->record != SimSettings::Record::None; }
+
+std::uint64_t SimState::TraceRoom() const { return m_file.Size() - sizeof(Shared); }
 
 bool SimState::HasTraceRoom(std::uint64_t end) {
     constexpr std::uint64_t kPart = 1 << 16;
     std::uint64_t ready = m_shared->traceReady;
-    if (m_shared->traceIsFull != 0 || end > m_shared->traceLimit)
+    if (m_shared->traceIsFull != 0 || end > std::min(m_shared->traceLimit, TraceRoom()))
         return false;
     if (end <= ready)
         return true;
@@ -233,22 +260,54 @@ bool SimState::HasTraceRoom(std::uint64_t end) {
     return true;
 }
 
-void SimState::Trace(const std::string &line) {
-    const std::uint64_t length = line.size() + 1;
+void SimState::Append(const char *bytes, std::uint64_t length) {
     const std::uint64_t start = m_shared->traceEnd.fetch_add(length);
     if (!HasTraceRoom(start + length)) {
         m_shared->traceIsFull = 1;
         return;
     }
-    char *text = m_shared->TraceText() + start;
-    line.copy(text, line.size());
-    text[line.size()] = '\n';
+    std::memcpy(m_shared->TraceText() + start, bytes, static_cast<std::size_t>(length));
 }
 
-std::string SimState::TraceText() const {
-    std::string text(m_shared->TraceText(), m_shared->TraceLength());
-    // Lines that didn't fit, or whose writer was killed, left zeros.
-    text.erase(std::remove(text.begin(), text.end(), '\0'), text.end());
+void SimState::Trace(const std::string &line) {
+    const std::string whole = line + '\n';
+    Append(whole.data(), whole.size());
+}
+
+const std::uint8_t *SimState::RecordBytes(std::size_t &length) const {
+    length = m_shared->traceIsFull == 0 ? m_shared->TraceLength(TraceRoom()) : 0;
+    return reinterpret_cast<const std::uint8_t *>(m_shared->TraceText());
+}
+
+void SimState::Saw(const ChipAccess &access) {
+    constexpr RunStep::Kind kKinds[] = {RunStep::Kind::AskBad, RunStep::Kind::Read, RunStep::Kind::Erase,
+                                        RunStep::Kind::Program, RunStep::Kind::MarkBad};
+    const std::vector<std::uint8_t> step =
+        WriteStep(kKinds[static_cast<std::size_t>(access.kind)], m_bIsProgram, access.place, access.program,
+                  m_shared->record == SimSettings::Record::StepsWithBytes);
+    Append(reinterpret_cast<const char *>(step.data()), step.size());
+}
+
+std::string SimState::TraceText() const { return KeptLines(false); }
+
+void SimState::Record(const std::string &line) { Trace(kRecordMark + line); }
+
+std::string SimState::RecordText() const { return KeptLines(true); }
+
+/// @return the lines of the record, without their mark, or those of the trace.
+std::string SimState::KeptLines(bool recorded) const {
+    std::string text;
+    const char *const end = m_shared->TraceText() + m_shared->TraceLength(TraceRoom());
+    for (const char *start = m_shared->TraceText(); start < end;) {
+        const char *const lineEnd = std::find(start, end, '\n');
+        const char *const next = lineEnd == end ? end : lineEnd + 1;
+        // Lines that didn't fit, or whose writer was killed, left zeros.
+        const char *const first = std::find_if(start, next, [](char character) { return character != '\0'; });
+        const bool isRecord = first < next && *first == kRecordMark;
+        if (isRecord == recorded)
+            std::remove_copy(first + (isRecord ? 1 : 0), next, std::back_inserter(text), '\0');
+        start = next;
+    }
     return text;
 }
 
@@ -264,7 +323,12 @@ int SimState::NewOpenFile(const OpenFile &file) {
     return static_cast<int>(number);
 }
 
-OpenFile &SimState::GetOpenFile(int number) { return m_shared->openFiles[number]; }
+OpenFile &SimState::GetOpenFile(int number) {
+    const auto index = static_cast<std::uint32_t>(number);
+    if (index >= kMaxOpenFiles)
+        EndHere(); // a descriptor that somebody forged
+    return m_shared->openFiles[index];
+}
 
 void SimState::Note(std::uint64_t offset, const char *text) {
     if (!Traces())
@@ -306,7 +370,7 @@ std::vector<ProgramNote> SimState::ProgramNotes() const {
 }
 
 Extent SimState::BeginChange() {
-    return ++m_shared->changes == m_shared->cutAtChange ? Extent::FirstHalf : Extent::Whole;
+    return ++m_shared->changes == m_shared->cutAtChange ? m_shared->cutExtent : Extent::Whole;
 }
 
 void SimState::PowerOff(std::uint64_t offset) {

@@ -44,12 +44,15 @@ struct ProgramNote {
 struct SimSettings {
     std::vector<SimDevice> devices; ///< up to 32
     std::vector<SimFault> faults;   ///< up to 64
-    std::uint64_t cutAtChange = 0;  ///< power is lost during this page program or block erase, from 1; 0: never
-    std::uint64_t traceLimit = 0;   ///< most bytes of trace; 0: none. Room is taken as lines come
+    std::uint64_t cutAtChange = 0;  ///< power is lost during the n-th page program or block erase, from 1; 0: never
+    Extent cutExtent = Extent::FirstHalf; ///< how far that change gets; not Whole
+    std::uint64_t traceLimit = 0;         ///< most bytes of trace or record; 0: none. Room is taken as they come
+    /// What is kept instead of a trace.
+    enum class Record : std::uint32_t { None, Steps, StepsWithBytes } record = Record::None;
 };
 
 /// The state of one simulated run: a file that all its processes share, without locks and without flushing.
-class SimState : public ChangeListener {
+class SimState : public ChangeListener, public ChipListener {
 public:
     /// Makes the state file of a run that is about to begin.
     /// @throw std::runtime_error with one line when it can't be written or the settings have too much of something
@@ -94,8 +97,20 @@ public:
     void Trace(const std::string &line);
     /// @return the lines so far, each ended by a newline.
     std::string TraceText() const;
+    /// Adds a line to a record beside the trace, in the same room; see UpdaterRecord.
+    void Record(const std::string &line);
+    /// @return the lines of the record so far, each ended by a newline.
+    std::string RecordText() const;
     /// @return true when lines were left out for want of room.
     bool TraceOverflowed() const;
+
+    /// @return whether the run records steps. The chip then has to listen to this object.
+    bool Records() const;
+    /// Says whether this process is the updater itself; steps of others are recorded as such.
+    void SetProgram(bool isProgram) { m_bIsProgram = isProgram; }
+    /// @return the record so far, as ReadSteps takes it; no bytes when steps are missing for want of room.
+    const std::uint8_t *RecordBytes(std::size_t &length) const;
+    void Saw(const ChipAccess &access) override;
 
     /// Makes a new open file description, which dup, fork and exec share.
     /// @return its number, or -1 when the run has opened too many.
@@ -112,9 +127,13 @@ public:
 
 private:
     struct Shared;
+    std::uint64_t TraceRoom() const;
     bool HasTraceRoom(std::uint64_t end);
+    std::string KeptLines(bool recorded) const;
+    void Append(const char *bytes, std::uint64_t length);
 
     SharedFile m_file;
     Shared *m_shared;
     RequestKind m_current = RequestKind::Open;
+    bool m_bIsProgram = false;
 };

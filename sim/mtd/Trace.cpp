@@ -14,6 +14,8 @@ namespace {
 constexpr const char *kShellCall = "system ";
 constexpr const char *kShellReturn = "returned from system: ";
 constexpr const char *kPageNote = "note: page at ";
+constexpr const char *kOpen = "open mtd";
+constexpr const char *kFailure = " = -1 ";
 
 /// Takes a text out of its quotes.
 std::string Unquoted(const std::string &quoted) {
@@ -107,6 +109,10 @@ TraceCalls::TraceCalls(const std::string &trace) {
             char *end = nullptr;
             const std::uint64_t offset = std::strtoull(place, &end, 16);
             notes.push_back({offset, *end == ' ' ? end + 1 : end});
+        } else if (rest(kOpen) != nullptr && line.find(kFailure) != std::string::npos) {
+            const std::size_t name = std::strlen("open ");
+            failedOpens.push_back(line.substr(name, line.find(' ', name) - name) +
+                                  " can't be opened: " + line.substr(line.find(kFailure) + std::strlen(kFailure)));
         }
     }
 }

@@ -50,4 +50,5 @@ struct TraceCalls {
 
     std::vector<ShellCall> shellCalls;
     std::vector<PageNote> notes;
+    std::vector<std::string> failedOpens; ///< "mtd12 can't be opened: EIO"
 };

@@ -5,8 +5,10 @@
 #include "mtd/Trace.h"
 #include "preload/Interface.h"
 #include "preload/Next.h"
+#include "preload/OwnRecord.h"
 #include "preload/Simulation.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
@@ -14,6 +16,7 @@
 #include <fcntl.h>
 #include <linux/blkpg.h>
 #include <memory>
+#include <mtd/mtd-user.h>
 #include <mutex>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -107,6 +110,20 @@ ssize_t Transfer(int fd, RequestKind kind, const char *name, size_t length, cons
     return Return<ssize_t>(Perform(handle.simulation.state, kind, Base::Decimal, transfer, describe));
 }
 
+/// Keeps the environments that an erase request is about to destroy.
+void RecordErase(const SimDevice &part, unsigned long number, const void *argument) {
+    std::uint64_t start = part.size, length = 0;
+    if (number == MEMERASE64 && argument != nullptr) {
+        start = static_cast<const erase_info_user64 *>(argument)->start;
+        length = static_cast<const erase_info_user64 *>(argument)->length;
+    } else if (number == MEMERASE && argument != nullptr) {
+        start = static_cast<const erase_info_user *>(argument)->start;
+        length = static_cast<const erase_info_user *>(argument)->length;
+    }
+    if (start < part.size)
+        RecordErased(part.offset + start, std::min(length, part.size - start));
+}
+
 /// Requests that the kernel answers itself, for files of any kind.
 /// @return false when the number is none of them
 bool ControlFile(int fd, unsigned long number, const void *argument, int &result) {
@@ -147,8 +164,13 @@ int CloseDevice(int fd) {
 }
 
 ssize_t ReadDevice(int fd, void *data, size_t length, const off64_t *offset) {
-    return Transfer(fd, RequestKind::Read, offset != nullptr ? "pread" : "read", length, offset,
-                    [&](MtdDevice &device, OpenFile &file) { return device.Read(file, data, length); });
+    const Handle handle(fd);
+    const std::int64_t position = offset != nullptr ? *offset : handle.file.position;
+    const ssize_t count = Transfer(fd, RequestKind::Read, offset != nullptr ? "pread" : "read", length, offset,
+                                   [&](MtdDevice &device, OpenFile &file) { return device.Read(file, data, length); });
+    if (count > 0)
+        RecordRead(handle.part.offset + static_cast<std::uint64_t>(position), data, static_cast<std::size_t>(count));
+    return count;
 }
 
 ssize_t WriteDevice(int fd, const void *data, size_t length, const off64_t *offset) {
@@ -179,6 +201,7 @@ int ControlDevice(int fd, unsigned long number, void *argument) {
     SimState &state = handle.simulation.state;
     RequestKind kind;
     const auto ask = [&] { return handle.device.Request(handle.file, number, argument); };
+    RecordErase(handle.part, number, argument);
     if (FindRequest(number, kind))
         return Return<int>(
             Perform(state, kind, Base::Decimal, ask, [&] { return RequestText(kind, handle.part.number, argument); }));

@@ -5,6 +5,7 @@
 #include "preload/Devices.h"
 #include "preload/Interface.h"
 #include "preload/Next.h"
+#include "preload/OwnRecord.h"
 #include "preload/Programs.h"
 #include "preload/Simulation.h"
 
@@ -30,18 +31,6 @@ Next<pid_t(pid_t, int *, int)> nextWaitpid("waitpid");
 Next<FILE *(const char *, const char *)> nextPopen("popen");
 Next<int(const char *)> nextChroot("chroot");
 Next<int(uid_t)> nextSetuid("setuid");
-
-/// @return the run's state when this is the program whose calls are traced and there is a trace, else nullptr.
-SimState *ProgramTrace() {
-    static const bool traced = [] {
-        const char *program = std::getenv(kProgramVariable);
-        return program != nullptr && std::strcmp(program, program_invocation_short_name) == 0;
-    }();
-    if (!traced)
-        return nullptr;
-    Simulation *simulation = FindSimulation();
-    return simulation != nullptr && simulation->state.Traces() ? &simulation->state : nullptr;
-}
 
 /// Traces a call and its result, and keeps errno.
 template <typename Describe> int Traced(int result, Describe describe) {

@@ -50,6 +50,12 @@ Simulation::Simulation(const char *chipPath, const char *statePath)
         if (!whole || device.offset > geometry.size || device.size > geometry.size - device.offset)
             throw std::runtime_error(device.name + ": isn't a part of the chip in whole blocks");
     }
+    const char *program = StartVariable(kProgramVariable);
+    state.SetProgram(program != nullptr && std::strcmp(program, program_invocation_short_name) == 0);
+    chip.Chip().LetReadsAge();
+    // From here on: the counters depend on the chip too.
+    if (state.Records())
+        chip.Chip().Listen(&state);
     state.BeginCounters(chip.Chip());
 }
 

@@ -4,6 +4,7 @@
 #include "mtd/DeviceText.h"
 #include "report/MarkLooks.h"
 #include "report/Report.h"
+#include "report/UbiText.h"
 #include "report/XmlText.h"
 
 #include <algorithm>
@@ -172,6 +173,7 @@ public:
         DrawHeading();
         DrawBlocks();
         DrawLines();
+        DrawUbi();
         DrawPercentages();
         const std::string size = " width=\"" + Num(kWidth) + "\" height=\"" + Num(m_y) + "\"";
         return "<svg xmlns=\"http://www.w3.org/2000/svg\"" + size + " viewBox=\"0 0 " + At(kWidth, m_y) +
@@ -484,6 +486,19 @@ private:
                 --left;
         }
         return address;
+    }
+
+    void DrawUbi() {
+        if (m_verdict.ubi.empty())
+            return;
+        m_y += 40;
+        Write("head", kMargin, m_y, "UBI");
+        for (const UbiPartition &partition : m_verdict.ubi) {
+            for (const std::string &line : UbiLines(partition)) {
+                m_y += kRow;
+                Write("dim", kMargin, m_y, XmlText(line, kWholeColumns));
+            }
+        }
     }
 
     // The percentages, from left to right.

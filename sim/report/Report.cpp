@@ -1,5 +1,7 @@
 #include "report/Report.h"
 
+#include "report/UbiText.h"
+
 #include <algorithm>
 #include <cctype>
 #include <nlohmann/json.hpp>
@@ -61,6 +63,30 @@ ordered_json DescribeLine(const LineVerdict &verdict) {
     return line;
 }
 
+ordered_json DescribeUbi(const UbiPartition &partition) {
+    const UbiAttachment &ubi = partition.attachment;
+    ordered_json volumes = ordered_json::array();
+    for (const UbiVolume &volume : ubi.volumes)
+        volumes.push_back({{"id", volume.id},
+                           {"name", volume.name},
+                           {"type", volume.isStatic ? "static" : "dynamic"},
+                           {"lebs", volume.reservedPebs},
+                           {"mappedLebs", volume.lebs.size()},
+                           {"alignment", volume.alignment},
+                           {"updateMarker", volume.hasUpdateMarker},
+                           {"corrupted", volume.isCorrupted}});
+    return {{"device", partition.name},
+            {"line", partition.line.number},
+            {"attached", ubi.IsAttached()},
+            {"reason", ubi.reason},
+            {"pebs", ubi.pebs.total},
+            {"badPebs", ubi.pebs.bad},
+            {"reservedForBad", ubi.reservedForBad},
+            {"wantedForBad", ubi.wantedForBad},
+            {"available", ubi.available},
+            {"volumes", volumes}};
+}
+
 ordered_json DescribeFinding(const Finding &finding) {
     ordered_json described = {
         {"line", nullptr},      {"text", finding.text},       {"severity", SeverityName(finding.severity)},
@@ -94,6 +120,7 @@ ordered_json MakeReport(const RunRecord &record, const Verdict &verdict, const N
                            {"changes", state.Changes()},
                            {"percentages", verdict.percentages},
                            {"lines", ordered_json::array()},
+                           {"ubi", ordered_json::array()},
                            {"findings", ordered_json::array()},
                            {"sweeps", ordered_json::array()}};
     for (const SimDevice &device : record.devices)
@@ -105,6 +132,8 @@ ordered_json MakeReport(const RunRecord &record, const Verdict &verdict, const N
     }
     for (const LineVerdict &line : verdict.lines)
         report["lines"].push_back(DescribeLine(line));
+    for (const UbiPartition &partition : verdict.ubi)
+        report["ubi"].push_back(DescribeUbi(partition));
     for (const Finding &finding : verdict.findings)
         report["findings"].push_back(DescribeFinding(finding));
     return report;
@@ -121,6 +150,10 @@ std::string VerdictText(const Verdict &verdict, const std::string &scriptName) {
                 Counted(*spare, "bad block") +
                 (line.badBlocks == 0 ? "" : " (" + std::to_string(line.badBlocks) + " present)") + "\n";
     }
+    for (const UbiPartition &partition : verdict.ubi) {
+        for (const std::string &line : UbiLines(partition))
+            text += scriptName + ":" + std::to_string(partition.line.number) + ": ubi: " + Shown(line) + "\n";
+    }
     for (const Finding &finding : verdict.findings) {
         const std::string about = finding.text.empty() ? "" : finding.text + ": ";
         text += scriptName + (finding.line == 0 ? "" : ":" + std::to_string(finding.line)) + ": " +
@@ -134,8 +167,13 @@ std::string VerdictLine(const Verdict &verdict) {
     std::ptrdiff_t counts[3] = {};
     for (const Finding &finding : verdict.findings)
         ++counts[static_cast<std::size_t>(finding.severity)];
-    const auto ran = std::count_if(verdict.lines.begin(), verdict.lines.end(),
-                                   [](const LineVerdict &line) { return line.result == LineResult::Clean; });
+    // A line with an error did something else than it says, whatever the updater makes of it.
+    const auto ran = std::count_if(verdict.lines.begin(), verdict.lines.end(), [&](const LineVerdict &line) {
+        return line.result == LineResult::Clean &&
+               std::none_of(verdict.findings.begin(), verdict.findings.end(), [&](const Finding &finding) {
+                   return finding.line == line.line.number && finding.severity == Severity::Error;
+               });
+    });
     std::string text = std::string("verdict: ") + (verdict.IsClean() ? "clean" : "NOT clean") + ": ";
     for (const Severity severity : {Severity::Error, Severity::Warning, Severity::Note}) {
         if (const std::ptrdiff_t count = counts[static_cast<std::size_t>(severity)])

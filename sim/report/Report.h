@@ -19,6 +19,9 @@
 ///   lines        lines with a command, in order, each: number, text; result: "clean", "skipped", "failed" or
 ///                "never-ran"; for write and writeoob also room, or null if unknown: rangeBlocks, imageBlocks,
 ///                badBlocks (in the range, on this chip), spareBlocks (bad blocks that the range tolerates)
+///   ubi          partitions that lines gave to UBI, each: device, line (its number), attached, reason (why not), pebs,
+///                badPebs, reservedForBad, wantedForBad, available; volumes, each: id, name, type, lebs (its size),
+///                mappedLebs, alignment, updateMarker, corrupted
 ///   findings     by line, each: line, or null for the run as a whole; text of that line; severity: "error", "warning"
 ///                or "note"; kind: an id of Findings.def; happens, change: for people
 ///   sweeps       in the order of the runs, each an object of DescribeSweep; empty here

@@ -5,7 +5,11 @@
 #include "sweep/SweepTable.h"
 
 #include <algorithm>
+#include <iterator>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <utility>
 
 using nlohmann::ordered_json;
 
@@ -19,62 +23,107 @@ std::string CountRuns(std::size_t count) { return Count(static_cast<std::int64_t
 struct Trouble {
     const SweepFailure *first;
     std::size_t runs;
+    std::vector<Extent> torn; ///< of power cuts
 };
 
 std::vector<Trouble> GatherTroubles(const std::vector<SweepFailure> &failures) {
     std::vector<Trouble> troubles;
     for (const SweepFailure &failure : failures) {
-        const auto same = std::find_if(troubles.begin(), troubles.end(), [&](const Trouble &trouble) {
+        auto same = std::find_if(troubles.begin(), troubles.end(), [&](const Trouble &trouble) {
             return trouble.first->line == failure.line && trouble.first->happens == failure.happens;
         });
         if (same == troubles.end())
-            troubles.push_back({&failure, 1});
-        else
-            ++same->runs;
+            same = troubles.insert(troubles.end(), {&failure, 0, {}});
+        ++same->runs;
+        const bool isNew = std::find(same->torn.begin(), same->torn.end(), failure.what.cutExtent) == same->torn.end();
+        if (failure.what.cutAtChange != 0 && isNew)
+            same->torn.push_back(failure.what.cutExtent);
     }
     return troubles;
 }
 
-/// The file in which a command keeps its chip.
-std::string KeptChip(const SweepFailure &failure) {
-    const std::uint64_t change = failure.what.cutAtChange;
-    return (change != 0 ? "cut" + std::to_string(change) : "run" + std::to_string(failure.number)) + ".nand";
+/// @return the file in which a command keeps its chip.
+std::string KeptChip(const SweepCase &what, std::size_t number) {
+    if (what.cutAtChange == 0)
+        return "run" + std::to_string(number) + ".nand";
+    if (number != 0 &&
+        (what.secondCutAtChange != 0 || what.badBlocks.size() + what.eraseFails.size() + what.programFails.size() != 0))
+        return "pair" + std::to_string(number) + ".nand";
+    const std::string state = what.cutExtent == Extent::FirstHalf ? "" : "-" + ExtentsText({what.cutExtent});
+    return "cut" + std::to_string(what.cutAtChange) + state + ".nand";
+}
+
+/// @return the command for the first run of a case; power cuts keep their chip in a file.
+std::string FirstCommand(const RerunWords &words, const SweepCase &what, const std::string &chip) {
+    std::string command = "flashsim" + words.options;
+    std::string copy;
+    if (words.flash.empty())
+        command += " --used";
+    else
+        copy = "cp " + words.flash + " " + chip + " && cp " + words.flash + ".chip " + chip + ".chip && ";
+    if (!words.flash.empty() || what.cutAtChange != 0)
+        command += " --flash " + chip;
+    std::vector<std::uint32_t> bad = words.bad;
+    bad.insert(bad.end(), what.badBlocks.begin(), what.badBlocks.end());
+    std::sort(bad.begin(), bad.end());
+    const std::pair<const char *, const std::vector<std::uint32_t> &> lists[] = {
+        {" --bad ", bad}, {" --erase-fails ", what.eraseFails}, {" --program-fails ", what.programFails}};
+    for (const auto &[option, blocks] : lists) {
+        if (!blocks.empty())
+            command += option + BlocksText(blocks);
+    }
+    for (const SimFault &fault : what.faults)
+        command += " --fault " + FaultText(fault);
+    if (what.cutAtChange != 0)
+        command += " --cut " + CutText({what.cutAtChange, what.cutExtent});
+    return copy + command + " " + words.update;
+}
+
+/// Adds a later shard's part of a sweep.
+void AddShard(ordered_json &whole, const ordered_json &part) {
+    for (const char *count : {"runs", "done", "held"})
+        whole[count] = whole[count].get<std::size_t>() + part.at(count).get<std::size_t>();
+    whole["interrupted"] = whole["interrupted"].get<bool>() || part.at("interrupted").get<bool>();
+    for (const ordered_json &failure : part.at("failures"))
+        whole["failures"].push_back(failure);
+    for (const char *list : {"unsealed", "unbootable"}) {
+        ordered_json &lines = whole[list];
+        for (const ordered_json &line : part.at(list)) {
+            const auto same = std::find_if(lines.begin(), lines.end(),
+                                           [&](const ordered_json &it) { return it["line"] == line["line"]; });
+            if (same == lines.end()) {
+                lines.push_back(line);
+                continue;
+            }
+            (*same)["runs"] = (*same)["runs"].get<std::size_t>() + line["runs"].get<std::size_t>();
+            if (line.contains("last"))
+                (*same)["last"] = line["last"];
+        }
+    }
 }
 
 } // namespace
 
 std::string RerunCommand(const RerunWords &words, const SweepFailure &failure) {
-    const SweepCase &what = failure.what;
-    const std::string chip = KeptChip(failure);
-    const std::string plain = "flashsim" + words.options;
-    std::string command;
-    std::string start = plain;
-    if (words.flash.empty())
-        start += " --used";
-    else
-        command = "cp " + words.flash + " " + chip + " && cp " + words.flash + ".chip " + chip + ".chip && ";
-    if (!words.flash.empty() || what.cutAtChange != 0)
-        start += " --flash " + chip;
-    std::vector<std::uint32_t> bad = words.bad;
-    bad.insert(bad.end(), what.badBlocks.begin(), what.badBlocks.end());
-    std::sort(bad.begin(), bad.end());
-    if (!bad.empty())
-        start += " --bad " + BlocksText(bad);
-    for (const SimFault &fault : what.faults)
-        start += " --fault " + FaultText(fault);
-    if (what.cutAtChange == 0)
-        return command + start + " " + words.update;
-    return command + start + " --cut " + std::to_string(what.cutAtChange) + " " + words.update + "; " + plain +
-           " --flash " + chip + " " + words.update;
+    const std::string chip = KeptChip(failure.what, failure.number);
+    std::string first = FirstCommand(words, failure.what, chip);
+    if (failure.what.cutAtChange == 0)
+        return first;
+    const std::string again = "; flashsim" + words.options + " --flash " + chip;
+    const PowerCut second = {failure.what.secondCutAtChange, failure.what.cutExtent};
+    return first + (second.change == 0 ? "" : again + " --cut " + CutText(second) + " " + words.update) + again + " " +
+           words.update;
 }
 
 std::string SweepText(const SweepResult &result, const RerunWords &words, const std::string &scriptName) {
     const std::string name = std::string("sweep ") + result.settings.kind->name;
     if (result.planned == 0)
         return name + ": " + (result.isInterrupted ? "interrupted before its first run" : "nothing to try") + "\n";
-    const auto describe = [&](std::size_t line, const std::string &text, const std::string &happens, std::size_t runs) {
+    const auto describe = [&](std::size_t line, const std::string &text, const std::string &happens, std::size_t runs,
+                              const std::vector<Extent> &torn) {
         return scriptName + (line == 0 ? "" : ":" + std::to_string(line)) + ": " + name + ": " +
-               (text.empty() ? "" : text + ": ") + happens + " [" + CountRuns(runs) + "]\n";
+               (text.empty() ? "" : text + ": ") + happens + " [" + CountRuns(runs) +
+               (torn.empty() ? "" : ": " + ExtentsText(torn)) + "]\n";
     };
     std::string all = name + ": " + result.settings.kind->heading(result) + ": " +
                       std::to_string(result.done - result.failures.size()) + " of " + CountRuns(result.done) +
@@ -82,10 +131,12 @@ std::string SweepText(const SweepResult &result, const RerunWords &words, const 
     if (result.isInterrupted)
         all += ", interrupted with " + CountRuns(result.planned - result.done) + " to go";
     all += '\n';
+    if (!result.whyExact.empty())
+        all += name + ": each run was a real one: " + result.whyExact + "\n";
     const std::vector<Trouble> troubles = GatherTroubles(result.failures);
     for (std::size_t i = 0; i < std::min(troubles.size(), kMostTroubles); ++i) {
         const SweepFailure &first = *troubles[i].first;
-        all += describe(first.line, first.text, first.happens, troubles[i].runs);
+        all += describe(first.line, first.text, first.happens, troubles[i].runs, troubles[i].torn);
         if (!first.advice.empty())
             all.append("    ").append(first.advice).append("\n");
         all.append("    ").append(RerunCommand(words, first)).append("\n");
@@ -97,7 +148,16 @@ std::string SweepText(const SweepResult &result, const RerunWords &words, const 
             unsealed.line, unsealed.text,
             "note: the cut leaves an environment with an invalid CRC; the boot loader finds none until a second run "
             "has finished",
-            unsealed.runs);
+            unsealed.runs, {});
+    for (const BootGap &gap : result.gaps) {
+        all += describe(gap.line, gap.text,
+                        "the device does not boot after a power cut at change " +
+                            CutText({gap.first.cutAtChange, gap.first.cutExtent}) +
+                            (gap.last == gap.first.cutAtChange ? "" : " and up to change " + std::to_string(gap.last)) +
+                            ": " + gap.why,
+                        gap.runs, {});
+        all += "    " + FirstCommand(words, gap.first, KeptChip(gap.first, 0)) + "\n";
+    }
     return all;
 }
 
@@ -111,10 +171,22 @@ ordered_json DescribeSweep(const SweepResult &result, const RerunWords &words) {
                           {"held", result.done - result.failures.size()},
                           {"interrupted", result.isInterrupted},
                           {"failures", ordered_json::array()},
-                          {"unsealed", ordered_json::array()}};
+                          {"unsealed", ordered_json::array()},
+                          {"unbootable", ordered_json::array()}};
+    if (settings.shards > 1)
+        sweep["shard"] = std::to_string(settings.shard) + "/" + std::to_string(settings.shards);
+    for (const BootGap &gap : result.gaps)
+        sweep["unbootable"].push_back({{"line", gap.line},
+                                       {"text", gap.text},
+                                       {"runs", gap.runs},
+                                       {"first", gap.first.cutAtChange},
+                                       {"torn", ExtentsText({gap.first.cutExtent})},
+                                       {"last", gap.last},
+                                       {"why", gap.why},
+                                       {"command", FirstCommand(words, gap.first, KeptChip(gap.first, 0))}});
     for (const UnsealedLine &unsealed : result.unsealed)
         sweep["unsealed"].push_back({{"line", unsealed.line}, {"text", unsealed.text}, {"runs", unsealed.runs}});
-    if (UsesOption(*settings.kind, "seed"))
+    if (UsesOption(*settings.kind, "sets"))
         sweep["seed"] = settings.seed;
     if (UsesOption(*settings.kind, "every"))
         sweep["every"] = settings.every;
@@ -122,19 +194,65 @@ ordered_json DescribeSweep(const SweepResult &result, const RerunWords &words) {
         ordered_json described = {{"run", failure.number},
                                   {"badBlocks", failure.what.badBlocks},
                                   {"cut", nullptr},
+                                  {"torn", nullptr},
+                                  {"secondCut", nullptr},
+                                  {"eraseFails", failure.what.eraseFails},
+                                  {"programFails", failure.what.programFails},
                                   {"fault", nullptr},
                                   {"line", nullptr},
                                   {"text", failure.text},
                                   {"happens", failure.happens},
                                   {"change", failure.advice},
                                   {"command", RerunCommand(words, failure)}};
-        if (failure.what.cutAtChange != 0)
+        if (failure.what.cutAtChange != 0) {
             described["cut"] = failure.what.cutAtChange;
-        if (!failure.what.faults.empty())
-            described["fault"] = FaultText(failure.what.faults.front());
+            described["torn"] = ExtentsText({failure.what.cutExtent});
+        }
+        if (failure.what.secondCutAtChange != 0)
+            described["secondCut"] = failure.what.secondCutAtChange;
+        std::string faults;
+        for (const SimFault &fault : failure.what.faults)
+            faults += (faults.empty() ? "" : " ") + FaultText(fault);
+        if (!faults.empty())
+            described["fault"] = faults;
         if (failure.line != 0)
             described["line"] = failure.line;
         sweep["failures"].push_back(described);
     }
     return sweep;
+}
+
+ordered_json MergeReports(std::vector<ordered_json> reports) {
+    if (reports.empty())
+        throw std::invalid_argument("no report to merge");
+    ordered_json merged = reports.front();
+    for (std::size_t i = 0; i < merged.at("sweeps").size(); ++i) {
+        // By shard, so that lists come in the order of one sweep.
+        std::map<std::size_t, ordered_json> parts;
+        std::size_t shards = 0;
+        for (const ordered_json &report : reports) {
+            const ordered_json part = report.at("sweeps").at(i);
+            const std::string shard = part.value("shard", "");
+            std::size_t at = 0;
+            const std::size_t number = shard.empty() ? 0 : std::stoul(shard, &at);
+            const std::size_t count = shard.empty() ? 0 : std::stoul(shard.substr(at + 1));
+            if (count == 0 || (shards != 0 && shards != count) || !parts.emplace(number, part).second)
+                throw std::invalid_argument("the reports are not the shards of one sweep");
+            shards = count;
+        }
+        if (parts.size() != shards)
+            throw std::invalid_argument(std::to_string(shards - parts.size()) + " of " + std::to_string(shards) +
+                                        " shards are missing");
+        ordered_json whole = parts.begin()->second;
+        whole.erase("shard");
+        for (auto part = std::next(parts.begin()); part != parts.end(); ++part)
+            AddShard(whole, part->second);
+        merged["sweeps"][i] = whole;
+    }
+    for (ordered_json &report : reports) {
+        report["sweeps"] = merged["sweeps"];
+        if (report != merged)
+            throw std::invalid_argument("the reports are of different updates or options");
+    }
+    return merged;
 }

@@ -36,4 +36,12 @@ std::string SweepText(const SweepResult &result, const RerunWords &words, const 
 ///                change: for people; command: for a shell, repeats the run
 ///   unsealed     lines whose cuts leave an environment with an invalid CRC until the second run, each: line, text,
 ///                runs: number of such cuts
+///   unbootable   lines with power cuts after which the device does not boot, each: line, text; runs: number of such
+///   cuts;
+///                first, torn: the first of them; last: change of the last; why; command: for a shell, makes the chip
+///   shard        "2/4" when only that part of the runs was made; else the key is missing
 nlohmann::ordered_json DescribeSweep(const SweepResult &result, const RerunWords &words);
+
+/// Combines the reports of all shards into the report that one run would have given.
+/// @throws std::invalid_argument with one line when they are not all shards of the same sweeps
+nlohmann::ordered_json MergeReports(std::vector<nlohmann::ordered_json> reports);

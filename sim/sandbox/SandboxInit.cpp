@@ -1,9 +1,14 @@
 #include "sandbox/SandboxInit.h"
 
+#include "base/Places.h"
 #include "base/ScopedFd.h"
+#include "base/SystemError.h"
+#include "sandbox/Confinement.h"
+#include "sandbox/UpdateReader.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -11,11 +16,13 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <iterator>
 #include <linux/close_range.h>
 #include <map>
 #include <set>
 #include <stdexcept>
+#include <string_view>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -24,47 +31,16 @@
 
 namespace {
 
-constexpr const char *kScriptName = "flashrig.script";
-/// What a command's message begins with; its words follow, each ended by a zero byte.
-constexpr char kRuns = 'r';
-constexpr char kTells = 't';
 constexpr std::size_t kCommandLimit = 65536;
+using Clock = std::chrono::steady_clock;
 
-/// A boot environment takes no more.
-constexpr off_t kMostShown = 0x40000;
+/// How often the limits are checked while a program runs.
+constexpr std::chrono::milliseconds kLookPeriod(100);
+constexpr timespec kLookWait = {0, 100'000'000};
 
 constexpr int kLookMicroseconds = 500;
 /// A command that never sleeps (a busy loop) is taken as up after so many looks.
 constexpr int kMostLooks = 4000;
-
-/// @return the words of a script, each once.
-std::set<std::string> Words(const std::string &script) {
-    constexpr const char *kBlanks = " \f\n\t\r\v";
-    std::set<std::string> words;
-    const std::size_t length = std::min(script.find('\0'), script.size());
-    for (std::size_t start = 0; (start = script.find_first_not_of(kBlanks, start)) < length;) {
-        const std::size_t end = std::min(script.find_first_of(kBlanks, start), length);
-        words.insert(script.substr(start, end - start));
-        start = end;
-    }
-    return words;
-}
-
-/// @return a file's size, and the bytes of a small one as hexadecimal digits behind it.
-std::string Told(const std::string &path, const struct stat &status) {
-    if (!S_ISREG(status.st_mode))
-        return std::to_string(kNoSize) + " -";
-    std::string told = std::to_string(status.st_size) + " ";
-    if (status.st_size == 0 || status.st_size > kMostShown)
-        return told + "-";
-    std::ifstream file(path, std::ios::binary);
-    constexpr const char *kDigits = "0123456789abcdef";
-    for (auto byte = std::istreambuf_iterator<char>(file); byte != std::istreambuf_iterator<char>(); ++byte) {
-        const auto value = static_cast<unsigned char>(*byte);
-        told.append({kDigits[value / 16], kDigits[value % 16]});
-    }
-    return told;
-}
 
 std::vector<char *> Pointers(const std::vector<std::string> &texts) {
     std::vector<char *> pointers;
@@ -75,19 +51,55 @@ std::vector<char *> Pointers(const std::vector<std::string> &texts) {
     return pointers;
 }
 
-/// Programs start with the signals as a device has them, not as this process or its caller (nohup) holds them.
-void FreeSignals() {
+/// The defaults, not what this process or its caller (nohup) ignores or holds.
+void ResetSignals(const sigset_t &held) {
     for (int number = 1; number < NSIG; ++number)
         signal(number, SIG_DFL);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
+    sigprocmask(SIG_SETMASK, &held, nullptr);
 }
 
-class Device {
+sigset_t SignalSet(std::initializer_list<int> signals) {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : signals)
+        sigaddset(&set, number);
+    return set;
+}
+
+/// Calls `visit` with the number of each process of the sandbox but this one.
+template <typename Visit> void VisitProcesses(Visit visit) {
+    for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename();
+        if (name.find_first_not_of("0123456789") == std::string::npos && name != "1")
+            visit(name);
+    }
+}
+
+/// @return what the sandbox's processes have too much of, or nullptr.
+const char *FindExcess() {
+    std::size_t processes = 0;
+    std::uint64_t pages = 0;
+    VisitProcesses([&](const std::string &process) {
+        ++processes;
+        std::uint64_t size = 0;
+        std::uint64_t resident = 0;
+        std::uint64_t shared = 0;
+        // The chip's pages are shared.
+        if (std::ifstream("/proc/" + process + "/statm") >> size >> resident >> shared)
+            pages += resident - std::min(shared, resident);
+    });
+    if (processes > kMostProcesses)
+        return "processes";
+    return pages > kMostMemory / static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)) ? "memory" : nullptr;
+}
+
+class Init {
 public:
-    Device(const SandboxJob &job, const DeviceStreams &streams)
+    Init(const SandboxJob &job, const SandboxStreams &streams)
         : m_job(job), m_nControl(streams.control), m_nReport(streams.report) {}
+
+    /// Before any program runs: what it finds then can't be changed any more.
+    void ReadGivenUpdate() { m_sGiven = DescribeUpdate(m_job.update); }
 
     void BringUpAll() {
         for (const std::string &command : m_job.starts)
@@ -101,7 +113,7 @@ public:
         const ssize_t length = recv(m_nControl, message.data(), message.size(), 0);
         if (length <= 0)
             return false;
-        command.tellsUpdate = message[0] == kTells;
+        command.describes = static_cast<Describes>(message[0]);
         command.program.clear();
         const char *end = message.data() + length;
         for (const char *word = message.data() + 1; word < end; word += command.program.back().size() + 1)
@@ -113,16 +125,27 @@ public:
         ClearReport();
         const pid_t program = Start(command.program);
         int status = 0;
-        while (Reap(program, status, 0) != program)
-            continue;
-        int ignored = 0;
-        pid_t ended = 0;
-        while ((ended = Reap(0, ignored, WNOHANG)) > 0)
-            continue;
-        const bool isAlone = ended < 0;
-        dprintf(m_nReport, "status %d%s\n", status, isAlone ? "" : " busy");
-        if (command.tellsUpdate)
-            TellUpdate();
+        const char *excess = nullptr;
+        const sigset_t child = SignalSet({SIGCHLD});
+        auto nextLook = Clock::now() + kLookPeriod;
+        for (pid_t ended = Reap(program, status); ended != program; ended = Reap(program, status)) {
+            if (ended == 0)
+                sigtimedwait(&child, nullptr, &kLookWait);
+            // By the clock: processes that end all the time must not keep it from looking.
+            if (excess != nullptr || Clock::now() < nextLook)
+                continue;
+            excess = FindExcess();
+            nextLook = Clock::now() + kLookPeriod;
+            if (excess != nullptr)
+                kill(-1, SIGKILL);
+        }
+        if (command.describes == Describes::AsLeft)
+            kill(-1, SIGKILL);
+        const bool isAlone = ReapAll(command.describes == Describes::AsLeft);
+        dprintf(m_nReport, "status %d%s%s%s\n", status, isAlone ? "" : " busy", excess != nullptr ? " limit " : "",
+                excess != nullptr ? excess : "");
+        if (command.describes != Describes::Nothing)
+            Report(command.describes == Describes::AsGiven ? m_sGiven : DescribeUpdate(m_job.update));
         Reply();
     }
 
@@ -139,22 +162,7 @@ private:
 
     void Reply() const { send(m_nControl, "", 1, MSG_NOSIGNAL); }
 
-    /// Writes what the update holds to the report.
-    void TellUpdate() const {
-        namespace fs = std::filesystem;
-        const bool isUsual = fs::exists(fs::path(m_job.update) / kScriptName);
-        const fs::path folder = isUsual ? fs::path(m_job.update) : "/";
-        std::ifstream file(folder / kScriptName, std::ios::binary);
-        const std::string script(std::istreambuf_iterator<char>(file), {});
-        std::string text;
-        // Found as the updater finds them: "./a" and links lead to files as well.
-        const std::string start = isUsual ? m_job.update + "/" : "/";
-        for (const std::string &word : Words(script)) {
-            struct stat status = {};
-            if (stat((start + word).c_str(), &status) == 0)
-                text += Told(start + word, status) + " " + word + "\n";
-        }
-        text += "\n" + script;
+    void Report(const std::string &text) const {
         for (std::size_t done = 0; done < text.size();) {
             const ssize_t written = write(m_nReport, text.data() + done, text.size() - done);
             if (written <= 0)
@@ -164,11 +172,9 @@ private:
     }
 
     pid_t Start(const std::vector<std::string> &command) {
-        const pid_t pid = fork();
-        if (pid < 0)
-            throw std::runtime_error(std::string("can't start a process: ") + strerror(errno));
+        const pid_t pid = Check(fork(), "can't start a process");
         if (pid == 0) {
-            FreeSignals();
+            ResetSignals(SignalSet({}));
             execve(command[0].c_str(), Pointers(command).data(), Pointers(m_job.environment).data());
             dprintf(m_nReport, "error can't run %s: %s\n", command[0].c_str(), strerror(errno));
             _exit(127);
@@ -176,14 +182,23 @@ private:
         return pid;
     }
 
-    /// Everything that loses its parent in the device becomes a child of this process.
-    /// @return what waitpid gives; `status` is set when it was the process asked for.
-    static pid_t Reap(pid_t wanted, int &status, int options) {
+    /// Everything that loses its parent in the sandbox becomes a child of this process.
+    /// @return a process that has ended, 0 when none has, -1 when none is left; `status` is set when it was `wanted`
+    static pid_t Reap(pid_t wanted, int &status) {
         int any = 0;
-        const pid_t ended = waitpid(-1, &any, options);
+        const pid_t ended = waitpid(-1, &any, WNOHANG);
         if (ended == wanted)
             status = any;
         return ended;
+    }
+
+    /// @param isPatient whether to wait for those that have not ended
+    /// @return whether no process is left.
+    static bool ReapAll(bool isPatient) {
+        pid_t ended = 0;
+        while ((ended = waitpid(-1, nullptr, isPatient ? 0 : WNOHANG)) > 0)
+            continue;
+        return ended < 0;
     }
 
     void BringUp(const std::string &command) {
@@ -193,7 +208,7 @@ private:
             usleep(kLookMicroseconds);
             int status = 0;
             pid_t ended = 0;
-            while ((ended = Reap(pid, status, WNOHANG)) > 0) {
+            while ((ended = Reap(pid, status)) > 0) {
                 if (ended == pid && status != 0)
                     throw std::runtime_error("a background command didn't come up: " + command);
             }
@@ -208,33 +223,31 @@ private:
     /// @return whether all of them sleep. Two looks that give the same say that nothing ran in between.
     static bool AllSleep(std::map<std::string, std::string> &switches) {
         bool allSleep = true;
-        for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
-            const std::string name = entry.path().filename();
-            if (name.find_first_not_of("0123456789") != std::string::npos || name == "1")
-                continue;
-            std::ifstream file(entry.path() / "status");
+        VisitProcesses([&](const std::string &process) {
+            std::ifstream file("/proc/" + process + "/status");
             std::string line;
             while (std::getline(file, line)) {
                 if (line.rfind("State:", 0) == 0 && line.find_first_of("RD") != std::string::npos)
                     allSleep = false;
                 if (line.find("ctxt_switches:") != std::string::npos)
-                    switches[name] += line;
+                    switches[process] += line;
             }
-        }
+        });
         return allSleep;
     }
 
     const SandboxJob &m_job;
     int m_nControl;
     int m_nReport;
+    std::string m_sGiven; ///< the update, described before any program ran
 };
 
-/// No descriptor of the host but these reaches the device, and only the first two its programs.
-void SetStreams(const DeviceStreams &streams) {
+/// No other descriptor reaches the sandbox, and only the first two its programs.
+void SetStreams(const SandboxStreams &streams) {
     const ScopedFd none(open("/dev/null", O_RDONLY | O_CLOEXEC));
     bool isDone = dup2(none.Get(), STDIN_FILENO) >= 0 && dup2(streams.out, STDOUT_FILENO) >= 0 &&
                   dup2(streams.err, STDERR_FILENO) >= 0;
-    // The host's own ends too: the device must see when they close.
+    // The tool's own ends are closed too: the sandbox must see when the tool closes them.
     unsigned from = STDERR_FILENO + 1;
     for (const int kept : {std::min(streams.control, streams.report), std::max(streams.control, streams.report)}) {
         const auto number = static_cast<unsigned>(kept);
@@ -243,30 +256,35 @@ void SetStreams(const DeviceStreams &streams) {
         from = number + 1;
     }
     if (!isDone || close_range(from, ~0U, 0) < 0)
-        throw std::runtime_error(std::string("can't set up the device's streams: ") + strerror(errno));
+        throw SystemError("can't set up the sandbox's streams");
 }
 
 } // namespace
 
-void RunSandbox(const SandboxJob &job, const DeviceStreams &streams) {
-    Device device(job, streams);
+void RunSandbox(const SandboxJob &job, const SandboxStreams &streams) {
+    Init init(job, streams);
     try {
-        // A signal to a whole process group must not leave the device, nor the terminal's enter it.
+        // A signal to a whole process group must not leave the sandbox, nor the terminal's enter it.
         setsid();
+        ResetSignals(SignalSet({SIGCHLD}));
         prctl(PR_SET_NAME, "init");
         EnterSandboxRoot(job.layout);
         SetStreams(streams);
-        device.BringUpAll();
-        for (SandboxCommand command; device.Receive(command);)
-            device.CarryOut(command);
+        init.ReadGivenUpdate();
+        ConfineProcess();
+        // What runs from here on has the same user: nothing of this process may be open to it.
+        Check(prctl(PR_SET_DUMPABLE, 0), "can't close /proc/1");
+        init.BringUpAll();
+        for (SandboxCommand command; init.Receive(command);)
+            init.CarryOut(command);
     } catch (const std::exception &failure) {
-        device.Refuse(failure.what());
+        init.Refuse(failure.what());
     }
     _exit(0);
 }
 
 bool SendCommand(int control, const SandboxCommand &command) {
-    std::string message(1, command.tellsUpdate ? kTells : kRuns);
+    std::string message(1, static_cast<char>(command.describes));
     for (const std::string &word : command.program)
         message.append(word).push_back('\0');
     if (message.size() > kCommandLimit)

@@ -6,41 +6,53 @@
 #include <string>
 #include <vector>
 
-/// Told of what is no regular file.
+/// Size of what isn't a regular file.
 constexpr std::int64_t kNoSize = -1;
 
-/// What a simulated device is made of.
+/// What a sandbox is made of.
 struct SandboxJob {
     SandboxLayout layout;
-    std::vector<std::string> environment; ///< NAME=VALUE, all that the device's programs get
+    std::vector<std::string> environment; ///< NAME=VALUE, all that the sandbox's programs get
     std::vector<std::string> starts;      ///< shell commands that run in the background, started in this order
-    std::string update;                   ///< folder in the device that holds the unpacked update
+    std::string update;                   ///< folder in the sandbox that holds the unpacked update
 };
 
-/// One program that runs in a device.
+/// Whether a reply describes the update, and in which state.
+enum class Describes : char {
+    Nothing = 'n',
+    AsGiven = 'g', ///< before any program ran in the sandbox
+    AsLeft = 'l'   ///< after the command, when all its processes have been killed
+};
+
+/// One program that runs in a sandbox.
 struct SandboxCommand {
-    std::vector<std::string> program; ///< path in the device and arguments
-    bool tellsUpdate;                 ///< the reply tells what the update holds in the end
+    std::vector<std::string> program; ///< path in the sandbox and arguments
+    Describes describes;
 };
 
-/// The descriptors through which a device and the host meet.
-struct DeviceStreams {
-    int out;     ///< what the device's programs print
+/// The descriptors that connect a sandbox and the tool.
+struct SandboxStreams {
+    int out;     ///< standard output of the sandbox's programs
     int err;     ///< their error output
     int control; ///< a socket of whole messages, from both sides
     int report;  ///< a file that holds the reply to the last command
 };
 
-/// The first process of a device, from its start to its end: enters the root, starts the background commands one by
-/// one and waits for each until it is up (all it started sleep, or it has ended well). Then it runs the commands that
-/// come on `control`, one at a time, and says with a byte there that the report holds the reply: a line "status N", N
-/// as waitpid gives it, with " busy" behind when other processes are left in the device; if it is to tell of the
-/// update, behind that a line "SIZE BYTES WORD" for each word of the script that leads to a file from the script's
-/// folder (kNoSize for one that isn't regular, hexadecimal digits for the bytes of one up to 256 KiB, "-" for others),
-/// an empty line and the bytes of the script, that in the root folder when the update has none. "error TEXT" is the
-/// reply of a device that couldn't do so, and its last. All programs read nothing. The device and all that runs in it
-/// end with `control`.
-[[noreturn]] void RunSandbox(const SandboxJob &job, const DeviceStreams &streams);
+/// The whole life of a sandbox's first process: enters the root, gives up what no updater needs, starts the background
+/// commands one by one and waits for each until it is up (all it started sleep, or it has ended well). Then it runs the
+/// commands from `control`, one at a time. A byte sent there says that the report holds the reply:
+///
+///   status N [busy] [limit WORD]    N as waitpid gives it; busy: other processes are left; WORD: "processes" or
+///                                   "memory", of which the sandbox took too much, so that all of them were killed
+///   SIZE COUNT WORD                 a line for each word of the script that leads to a file from the script's folder,
+///                                   and COUNT bytes after it: all of a regular file up to kMostContents; SIZE is
+///                                   kNoSize for one that isn't regular
+///   (an empty line, then the bytes of the script; that in the root folder when the update has none)
+///
+/// The lines after the first are there when the command asked for them. "error TEXT" is the reply of a sandbox that
+/// couldn't do so, and its last. Programs read nothing from standard input. The sandbox and all that runs in it end
+/// with `control`. Programs in the sandbox can't reach this process, its memory or its descriptors.
+[[noreturn]] void RunSandbox(const SandboxJob &job, const SandboxStreams &streams);
 
-/// Gives a device a command. @return false when the device has ended.
+/// Sends a command. @return false when the sandbox has ended.
 bool SendCommand(int control, const SandboxCommand &command);

@@ -1,19 +1,19 @@
 #include "sandbox/SandboxRoot.h"
 
+#include "base/Places.h"
 #include "base/ScopedFd.h"
+#include "base/SystemError.h"
 #include "preload/Interface.h"
+#include "sandbox/HostView.h"
+#include "sandbox/Namespaces.h"
 
-#include <cerrno>
-#include <csignal>
-#include <cstring>
+#include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <linux/capability.h>
-#include <sched.h>
+#include <iterator>
 #include <stdexcept>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -22,62 +22,23 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// Folders of the host whose programs the device has; links among them (merged /usr) stay links.
-constexpr const char *kSystemFolders[] = {"usr", "lib", "lib32", "lib64", "libx32", "sbin", "etc"};
+/// Nothing in memory grows beyond it; so many small files take no more either.
+constexpr const char *kInMemory = "mode=0755,size=2g,nr_inodes=200k";
 
-/// Device nodes that reach nothing but the process that opens them.
-constexpr const char *kNodes[] = {"null", "zero", "full", "random", "urandom", "tty"};
-
-constexpr struct {
-    const char *name;
-    const char *target;
-} kLinks[] = {{"/dev/fd", "/proc/self/fd"},
-              {"/dev/stdin", "/proc/self/fd/0"},
-              {"/dev/stdout", "/proc/self/fd/1"},
-              {"/dev/stderr", "/proc/self/fd/2"}};
-
-constexpr struct {
-    const char *path;
-    mode_t mode;
-} kFolders[] = {{"/dev", 0755}, {"/sys", 0755}, {"/tmp", 01777}, {"/run", 0755},       {"/app", 0755},
-                {"/opt", 0755}, {"/var", 0755}, {"/root", 0700}, {"/.flashsim", 0755}, {"/.flashsim/root", 0755}};
-
-constexpr const char *kRootCopy = "/.flashsim/root";
-
-/// Parts of /proc through which root would set up the host's kernel.
-constexpr const char *kKernelControls[] = {"/proc/sys", "/proc/sysrq-trigger"};
-
-/// Powers that no namespace of ours holds in.
-constexpr int kForbidden[] = {CAP_SYS_MODULE, CAP_SYS_RAWIO, CAP_SYS_TIME,  CAP_SYS_BOOT,
-                              CAP_NET_ADMIN,  CAP_MKNOD,     CAP_SYS_PACCT, CAP_SYSLOG};
-
-[[noreturn]] void Fail(const std::string &what) { throw std::runtime_error(what + ": " + strerror(errno)); }
-
-void Check(int result, const std::string &what) {
-    if (result < 0)
-        Fail(what);
-}
+const std::string kRootCopy = std::string(kOwnFolder) + "/root";
 
 void WriteText(const std::string &path, const std::string &text) {
     std::ofstream file(path);
     file << text << std::flush;
     if (!file)
-        Fail("can't write " + path);
+        throw SystemError("can't write " + path);
 }
 
-/// A user may map itself alone; its group only once it can't change its groups any more.
-void BecomeRootOfUserNamespace(uid_t user, gid_t group) {
-    WriteText("/proc/self/setgroups", "deny");
-    WriteText("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
-    WriteText("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
-}
-
-/// A mount of its own of a host path, not yet put anywhere. Mounts below it come along: leaving them out would
+/// A mount of its own of a path outside, not yet put anywhere. Mounts below it come along: leaving them out would
 /// uncover what they hide, which the kernel refuses to a user.
 ScopedFd TakeMount(const std::string &source) {
-    ScopedFd mount(open_tree(AT_FDCWD, source.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE));
-    Check(mount.Get(), "can't show " + source);
-    return mount;
+    return ScopedFd(Check(open_tree(AT_FDCWD, source.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE),
+                          "can't show " + source));
 }
 
 void MakeReadOnly(const ScopedFd &mount, const std::string &source) {
@@ -102,6 +63,9 @@ void MakePlace(const std::string &place, bool isFolder) {
         fs::create_directories(place);
         return;
     }
+    // An existing file may be somebody else's, and mounting on it takes no permission.
+    if (fs::exists(place))
+        return;
     fs::create_directories(fs::path(place).parent_path());
     const ScopedFd file(open(place.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     Check(file.Get(), "can't make " + place);
@@ -109,15 +73,15 @@ void MakePlace(const std::string &place, bool isFolder) {
 
 /// Folders in memory, each used once, for the layers of overlays.
 std::string MakeScratch() {
-    char path[] = "/.flashsim/layerXXXXXX";
-    if (mkdtemp(path) == nullptr)
-        Fail("can't make a folder in memory");
-    Check(chmod(path, 0755), path);
+    std::string path = std::string(kOwnFolder) + "/layerXXXXXX";
+    if (mkdtemp(path.data()) == nullptr)
+        throw SystemError("can't make a folder in memory");
+    Check(chmod(path.c_str(), 0755), path);
     return path;
 }
 
 /// Lays folders over each other, the first on top. The mount table shows the folders' names as they are given
-/// here, and the updater searches that table: none may come from a path of the host.
+/// here, and the updater searches that table: none may come from a path outside.
 void MountOverlay(const std::vector<std::string> &folders, bool isWritable, const std::string &place) {
     std::string options = "lowerdir=";
     for (const std::string &folder : folders)
@@ -127,9 +91,11 @@ void MountOverlay(const std::vector<std::string> &folders, bool isWritable, cons
         const std::string scratch = MakeScratch();
         fs::create_directory(scratch + "/upper");
         fs::create_directory(scratch + "/work");
-        options += ",upperdir=" + scratch + "/upper,workdir=" + scratch + "/work";
+        // A user's overlay keeps in user attributes which folders replace those below.
+        options += ",userxattr,upperdir=" + scratch + "/upper,workdir=" + scratch + "/work";
     }
-    Check(mount("overlay", place.c_str(), "overlay", MS_NOSUID, options.c_str()), "can't lay files over " + place);
+    Check(mount("overlay", place.c_str(), "overlay", MS_NOSUID | MS_NODEV, options.c_str()),
+          "can't lay files over " + place);
 }
 
 /// A mount put where only overlays look for it.
@@ -139,8 +105,8 @@ std::string PutAside(const ScopedFd &mount) {
     return folder;
 }
 
-void MountMemory(const std::string &place, const char *options) {
-    Check(mount("tmpfs", place.c_str(), "tmpfs", MS_NOSUID, options), "can't mount on " + place);
+void MountMemory(const std::string &place) {
+    Check(mount("tmpfs", place.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, kInMemory), "can't mount on " + place);
 }
 
 /// Marks a file for the preload library.
@@ -158,13 +124,24 @@ void MakeNode(const std::string &place, unsigned minor) {
     Stamp(place, kNodeStamp, static_cast<long>(minor));
 }
 
-void CopyTree(const fs::path &source, const fs::path &target) {
-    constexpr auto kHow =
-        fs::copy_options::recursive | fs::copy_options::copy_symlinks | fs::copy_options::overwrite_existing;
-    fs::copy(source, target, kHow);
+/// Copies one entry of a folder, over what is there.
+void CopyEntry(const fs::directory_entry &entry, const std::string &target) {
+    const fs::file_status status = entry.symlink_status();
+    if (fs::is_directory(status)) {
+        fs::create_directories(target);
+        CopyTree(entry.path(), target);
+        fs::permissions(target, status.permissions());
+    } else if (fs::is_symlink(status)) {
+        fs::remove_all(target);
+        fs::copy_symlink(entry.path(), target);
+    } else if (fs::is_regular_file(status)) {
+        fs::copy_file(entry.path(), target, fs::copy_options::overwrite_existing);
+    } else if (fs::is_fifo(status)) {
+        Check(mkfifo(target.c_str(), 0600), target);
+    }
 }
 
-/// A mount point missing in a read-only folder of the host comes in with a layer that holds nothing else.
+/// A mount point missing in a read-only folder comes in with a layer that holds nothing else.
 void MakeMountPoint(const std::string &place) {
     fs::path present = place;
     while (!fs::exists(present))
@@ -181,62 +158,109 @@ void MakeMountPoint(const std::string &place) {
     MountOverlay({layer, covered}, false, covered);
 }
 
-/// Everything of the host that the device shows, taken before the host's root goes out of sight.
+/// Shows nothing where a file or folder is.
+void Cover(const std::string &place, bool isFolder) {
+    static const std::string kNothing = MakeScratch();
+    static const std::string kEmptyFile = kNothing + "/file";
+    static const std::string kEmptyFolder = kNothing + "/folder";
+    MakePlace(kEmptyFile, false);
+    MakePlace(kEmptyFolder, true);
+    const std::string &source = isFolder ? kEmptyFolder : kEmptyFile;
+    const ScopedFd mount = TakeMount(source);
+    MakeReadOnly(mount, source);
+    PutMount(mount, place);
+}
+
+template <std::size_t N> bool IsListed(const char *const (&names)[N], const std::string &name) {
+    return std::any_of(std::begin(names), std::end(names), [&name](const char *it) { return name == it; });
+}
+
+/// What is shown of this machine, taken before its root goes out of sight.
 class RootBuilder {
 public:
     explicit RootBuilder(const SandboxLayout &layout) : m_layout(layout) {
-        for (const char *folder : kSystemFolders)
-            TakeSystemFolder(folder);
+        for (const char *folder : kProgramFolders)
+            TakeProgramFolder(folder);
         m_bin = TakeReadOnly("/bin");
         for (const char *node : kNodes)
             m_nodes.push_back(TakeMount(std::string("/dev/") + node));
+        for (const char *name : kEtcFolders) {
+            const std::string folder = std::string("/etc/") + name;
+            const bool isOwn = !layout.root.empty() && fs::exists(layout.root + folder);
+            if (!isOwn && fs::is_directory(folder))
+                m_etcFolders.emplace_back(folder, TakeReadOnly(folder));
+        }
+        for (const char *name : kEtcFiles) {
+            std::ifstream file(std::string("/etc/") + name, std::ios::binary);
+            if (file)
+                m_etcFiles.emplace_back(name, std::string(std::istreambuf_iterator<char>(file), {}));
+        }
         if (!layout.root.empty())
             m_root = TakeReadOnly(layout.root);
         for (const ShownFile &file : layout.shown)
             m_shown.push_back(file.showing == Showing::Shared ? TakeMount(file.source) : TakeReadOnly(file.source));
     }
 
-    /// To be called with the new, empty root in place.
-    void Build() {
+    /// Everything that is to be locked. To be called with the new, empty root in place.
+    void BuildLocked() {
         for (const auto &folder : kFolders) {
             fs::create_directory(folder.path);
             Check(chmod(folder.path, folder.mode), folder.path);
         }
-        if (m_root.Get() >= 0)
+        fs::create_directories(kRootCopy);
+        if (HasRoot())
             PutMount(m_root, kRootCopy);
-        BuildSystem();
+        BuildPrograms();
+        BuildEtc();
         BuildDev();
-        if (m_root.Get() >= 0)
-            LayOverSystem();
+        if (HasRoot())
+            LayOverPrograms();
         // All of them before the first mount: a layer would cover what is mounted below it.
         for (const std::string &place : m_layout.mounts)
             MakeMountPoint(place);
+        mount_attr attributes = {};
+        attributes.attr_set = MOUNT_ATTR_RDONLY;
+        Check(mount_setattr(AT_FDCWD, "/etc", 0, &attributes, sizeof attributes), "can't make read-only /etc");
+        for (std::size_t i = 0; i < m_shown.size(); ++i) {
+            const ShownFile &file = m_layout.shown[i];
+            const bool isFolder = IsFolder(m_shown[i]);
+            if (file.showing == Showing::Private) {
+                m_aside.push_back(MakeScratch() + "/source");
+                MakePlace(m_aside.back(), isFolder);
+                PutMount(m_shown[i], m_aside.back());
+            } else {
+                MakePlace(file.place, isFolder);
+                PutMount(m_shown[i], file.place);
+            }
+        }
+        CoverProc();
+    }
+
+    /// The rest: the sandbox's own mounts and files.
+    void BuildOwn() {
         for (const std::string &place : m_layout.mounts) {
             fs::create_directories(place);
-            MountMemory(place, "mode=0755");
+            MountMemory(place);
         }
-        if (m_root.Get() >= 0)
+        if (HasRoot())
             CopyRootFiles();
-        for (const auto &text : m_layout.texts) {
-            MakePlace(text.first, false);
-            WriteText(text.first, text.second);
+        for (const auto &[place, text] : m_layout.texts) {
+            MakePlace(place, false);
+            WriteText(place, text);
         }
         for (const auto &file : m_layout.live)
             Stamp(file.first, kSysfsStamp, file.second);
         for (const auto &node : m_layout.nodes)
             MakeNode(node.first, node.second);
-        for (size_t i = 0; i < m_shown.size(); ++i)
-            Show(m_layout.shown[i], m_shown[i]);
-        for (const char *control : kKernelControls) {
-            if (!fs::exists(control))
-                continue;
-            const ScopedFd mount = TakeReadOnly(control);
-            PutMount(mount, control);
+        auto aside = m_aside.begin();
+        for (const ShownFile &file : m_layout.shown) {
+            if (file.showing == Showing::Private)
+                ShowPrivate(*aside++, file.place);
         }
     }
 
 private:
-    struct SystemFolder {
+    struct ProgramFolder {
         std::string name;
         std::string link; ///< target of the link that it is; empty for a folder
         ScopedFd mount;
@@ -248,24 +272,18 @@ private:
         return mount;
     }
 
-    void TakeSystemFolder(const std::string &name) {
+    bool HasRoot() const { return !m_layout.root.empty(); }
+
+    void TakeProgramFolder(const std::string &name) {
         const fs::path path = "/" + name;
         if (fs::is_symlink(path))
-            m_system.push_back({name, fs::read_symlink(path), ScopedFd()});
+            m_programs.push_back({name, fs::read_symlink(path), ScopedFd()});
         else if (fs::is_directory(path))
-            m_system.push_back({name, "", TakeReadOnly(path)});
+            m_programs.push_back({name, "", TakeReadOnly(path)});
     }
 
-    bool IsSystemFolder(const std::string &name) const {
-        for (const SystemFolder &folder : m_system) {
-            if (folder.name == name)
-                return true;
-        }
-        return false;
-    }
-
-    void BuildSystem() {
-        for (const SystemFolder &folder : m_system) {
+    void BuildPrograms() {
+        for (const ProgramFolder &folder : m_programs) {
             const std::string place = "/" + folder.name;
             if (!folder.link.empty()) {
                 fs::create_symlink(folder.link, place);
@@ -276,14 +294,26 @@ private:
         }
         fs::create_directory("/bin");
         std::vector<std::string> folders = {PutAside(m_bin)};
-        const std::string own = std::string(kRootCopy) + "/bin";
-        if (fs::is_directory(own))
+        const std::string own = kRootCopy + "/bin";
+        if (HasRoot() && fs::is_directory(own))
             folders.insert(folders.begin(), own);
         MountOverlay(folders, true, "/bin");
     }
 
+    void BuildEtc() {
+        MountMemory("/etc");
+        for (const auto &[name, text] : m_etcFiles)
+            WriteText("/etc/" + name, text);
+        if (HasRoot() && fs::is_directory(kRootCopy + "/etc"))
+            CopyTree(kRootCopy + "/etc", "/etc");
+        for (const auto &[folder, mount] : m_etcFolders) {
+            fs::create_directory(folder);
+            PutMount(mount, folder);
+        }
+    }
+
     void BuildDev() {
-        for (size_t i = 0; i < m_nodes.size(); ++i) {
+        for (std::size_t i = 0; i < m_nodes.size(); ++i) {
             const std::string place = std::string("/dev/") + kNodes[i];
             MakePlace(place, false);
             PutMount(m_nodes[i], place);
@@ -292,9 +322,21 @@ private:
             fs::create_symlink(link.target, link.name);
     }
 
-    void LayOverSystem() {
-        for (const SystemFolder &folder : m_system) {
-            const std::string layer = std::string(kRootCopy).append("/").append(folder.name);
+    static void CoverProc() {
+        std::vector<fs::directory_entry> covered;
+        for (const auto &entry : fs::directory_iterator("/proc")) {
+            const std::string name = entry.path().filename();
+            const bool isProcess = name.find_first_not_of("0123456789") == std::string::npos;
+            if (!isProcess && !IsListed(kProcEntries, name) && !entry.is_symlink())
+                covered.push_back(entry);
+        }
+        for (const auto &entry : covered)
+            Cover(entry.path(), entry.is_directory());
+    }
+
+    void LayOverPrograms() {
+        for (const ProgramFolder &folder : m_programs) {
+            const std::string layer = kRootCopy + "/" + folder.name;
             if (!fs::is_directory(layer))
                 continue;
             const std::string covered = fs::canonical(fs::path("/") / folder.name);
@@ -303,47 +345,48 @@ private:
     }
 
     void CopyRootFiles() {
+        const auto isShown = [this](const std::string &name) {
+            return name == "bin" || name == "etc" ||
+                   std::any_of(m_programs.begin(), m_programs.end(),
+                               [&name](const ProgramFolder &folder) { return folder.name == name; });
+        };
         for (const auto &entry : fs::directory_iterator(kRootCopy)) {
             const std::string name = entry.path().filename();
-            if (!IsSystemFolder(name) && name != "bin")
-                CopyTree(entry.path(), "/" + name);
+            if (!isShown(name))
+                CopyEntry(entry, "/" + name);
         }
         // Those below read-only folders; the others have come with their parents.
         for (const std::string &place : m_layout.mounts) {
-            const fs::path source = std::string(kRootCopy).append(place);
-            if (fs::is_directory(source))
-                CopyTree(source, place);
+            if (fs::is_directory(kRootCopy + place))
+                CopyTree(kRootCopy + place, place);
         }
     }
 
-    static void Show(const ShownFile &file, const ScopedFd &mount) {
-        const bool isFolder = IsFolder(mount);
-        MakePlace(file.place, isFolder);
-        if (file.showing != Showing::Private) {
-            PutMount(mount, file.place);
-        } else if (isFolder) {
-            MountOverlay({PutAside(mount)}, true, file.place);
-        } else {
-            const std::string aside = MakeScratch() + "/file";
-            MakePlace(aside, false);
-            PutMount(mount, aside);
-            fs::copy_file(aside, file.place, fs::copy_options::overwrite_existing);
-        }
+    static void ShowPrivate(const std::string &aside, const std::string &place) {
+        const bool isFolder = fs::is_directory(aside);
+        MakePlace(place, isFolder);
+        if (isFolder)
+            MountOverlay({aside}, true, place);
+        else
+            fs::copy_file(aside, place, fs::copy_options::overwrite_existing);
     }
 
     const SandboxLayout &m_layout;
-    std::vector<SystemFolder> m_system;
+    std::vector<ProgramFolder> m_programs;
+    std::vector<std::pair<std::string, ScopedFd>> m_etcFolders;
+    std::vector<std::pair<std::string, std::string>> m_etcFiles;
     ScopedFd m_bin;
     ScopedFd m_root;
     std::vector<ScopedFd> m_nodes;
     std::vector<ScopedFd> m_shown;
+    std::vector<std::string> m_aside; ///< where the private ones of `shown` are kept
 };
 
-/// Makes an empty file system in memory the root and lets go of the host's.
+/// Makes an empty file system in memory the root and lets go of the old one.
 void EnterEmptyRoot() {
-    // Any folder does for a moment: the host doesn't see what is mounted here.
+    // Any folder does for a moment: nothing outside sees what is mounted here.
     constexpr const char *kFoothold = "/tmp";
-    MountMemory(kFoothold, "mode=0755");
+    MountMemory(kFoothold);
     Check(chdir(kFoothold), kFoothold);
     // A user may mount /proc only while another whole one is in sight.
     Check(mkdir("proc", 0755), "/proc");
@@ -356,23 +399,18 @@ void EnterEmptyRoot() {
 
 } // namespace
 
-pid_t ForkIntoNamespaces() {
-    const bool isRoot = geteuid() == 0;
-    const int kinds = CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWUTS | (isRoot ? 0 : CLONE_NEWUSER);
-    const auto pid = static_cast<pid_t>(syscall(SYS_clone, kinds | SIGCHLD, nullptr, nullptr, nullptr, nullptr));
-    Check(pid, isRoot ? "no namespaces to be had here" : "no namespaces to be had by a user here (root may get them)");
-    return pid;
-}
-
 void EnterSandboxRoot(const SandboxLayout &layout) {
-    if (layout.user != 0)
-        BecomeRootOfUserNamespace(layout.user, layout.group);
-    // Before anything else: what is mounted from here on must not spread to the host.
-    Check(mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "can't part from the host's mounts");
+    // Before anything else: what is mounted from here on must not spread.
+    Check(mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "can't part from the mounts outside");
     umask(022);
     RootBuilder builder(layout);
     EnterEmptyRoot();
-    builder.Build();
-    for (int power : kForbidden)
-        Check(prctl(PR_CAPBSET_DROP, power, 0, 0, 0), "can't give up a power");
+    builder.BuildLocked();
+    LockMounts();
+    builder.BuildOwn();
+}
+
+void CopyTree(const std::string &source, const std::string &target) {
+    for (const auto &entry : fs::directory_iterator(source))
+        CopyEntry(entry, target + "/" + entry.path().filename().string());
 }

@@ -1,7 +1,13 @@
 #include "sandbox/UpdateRun.h"
 
+#include "base/Number.h"
+#include "base/Places.h"
+#include "base/SystemError.h"
 #include "chip/ChipFile.h"
 #include "preload/Interface.h"
+#include "sandbox/Confinement.h"
+#include "sandbox/Namespaces.h"
+#include "sandbox/Reply.h"
 #include "sandbox/SandboxInit.h"
 
 #include <algorithm>
@@ -21,6 +27,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -30,13 +37,12 @@ namespace {
 
 /// Beside the cells, as ChipFile keeps it.
 constexpr const char *kChipStates = ".chip";
+constexpr const char *kChipSums = ".sums";
 
-/// The caller's variables that reach the device's programs.
+/// The caller's variables that reach the sandbox's programs.
 constexpr const char *kPassedOn[] = {"TERM", "LSAN_OPTIONS", "UBSAN_OPTIONS"};
 
-[[noreturn]] void Fail(const std::string &what) { throw std::runtime_error(what + ": " + strerror(errno)); }
-
-/// What one of the device's streams goes through.
+/// Both ends of one of the sandbox's streams.
 struct Channel {
     ScopedFd reader;
     ScopedFd writer;
@@ -44,22 +50,21 @@ struct Channel {
 
 Channel MakePipe() {
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) < 0)
-        Fail("can't make a pipe");
+    Check(pipe2(ends, O_CLOEXEC), "can't make a pipe");
     return {ScopedFd(ends[0]), ScopedFd(ends[1])};
 }
 
-/// A terminal that changes no byte, like a device's serial console without its line discipline.
+/// A terminal that changes no byte, like a serial console without its line discipline.
 Channel MakeConsole() {
     Channel console = {ScopedFd(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)), ScopedFd()};
     char name[64];
     if (console.reader.Get() < 0 || unlockpt(console.reader.Get()) < 0 ||
         ptsname_r(console.reader.Get(), name, sizeof name) != 0)
-        Fail("can't make a console");
+        throw SystemError("can't make a console");
     console.writer = ScopedFd(open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
     termios mode = {};
     if (console.writer.Get() < 0 || tcgetattr(console.writer.Get(), &mode) < 0)
-        Fail("can't make a console");
+        throw SystemError("can't make a console");
     cfmakeraw(&mode);
     tcsetattr(console.writer.Get(), TCSANOW, &mode);
     return console;
@@ -114,48 +119,40 @@ std::vector<std::string> Environment(const std::string &programName) {
 
 SandboxJob MakeJob(const RunSettings &settings, const std::string &chip, const std::string &state) {
     SandboxJob job;
-    job.layout.root = settings.root;
+    // The working folder of a foreign sandbox: its user may not come as far as that by a path from the root.
+    const std::string folder =
+        SandboxUser().IsForeign() ? std::filesystem::path(state).parent_path().string() + "/" : "";
+    const auto seen = [&folder](const std::string &path) {
+        return !folder.empty() && path.rfind(folder, 0) == 0 ? path.substr(folder.size()) : path;
+    };
+    job.layout.root = seen(settings.root);
     job.layout.mounts = settings.mounts;
     std::sort(job.layout.mounts.begin(), job.layout.mounts.end());
     AddMtdFiles(settings, ChipFile(chip).Chip(), job.layout);
     job.layout.shown = {
-        {settings.preload, kPreloadPlace, Showing::ReadOnly},
-        {chip, kChipPlace, Showing::Shared},
-        {chip + kChipStates, std::string(kChipPlace) + kChipStates, Showing::Shared},
-        {state, kStatePlace, Showing::Shared},
-        {settings.program, UpdaterPlace(settings), Showing::ReadOnly},
-        {settings.update, settings.place, Showing::Private},
+        {seen(settings.preload), kPreloadPlace, Showing::ReadOnly},
+        {seen(chip), kChipPlace, Showing::Shared},
+        {seen(chip + kChipStates), std::string(kChipPlace) + kChipStates, Showing::Shared},
+        {seen(state), kStatePlace, Showing::Shared},
+        {seen(settings.program), UpdaterPlace(settings), Showing::ReadOnly},
+        {seen(settings.update), settings.place, Showing::Private},
     };
+    if (ChipFile::HasSums(chip))
+        job.layout.shown.insert(job.layout.shown.begin(),
+                                {seen(chip + kChipSums), std::string(kChipPlace) + kChipSums, Showing::Shared});
     job.environment = Environment(std::filesystem::path(settings.program).filename());
     job.starts = settings.starts;
     job.update = IsImage(settings) ? kUnpackedUpdate : settings.place;
     return job;
 }
 
-/// Takes a device's reply to a command into an outcome.
-void TakeReport(const ScopedFd &report, RunOutcome &outcome) {
+/// The text of a reply. Only the sandbox's first process can write one.
+std::string ReplyText(const ScopedFd &report) {
     std::string text;
     char buffer[65536];
     for (ssize_t count = 0; (count = pread(report.Get(), buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0;)
         text.append(buffer, static_cast<size_t>(count));
-    std::istringstream lines(text);
-    std::string line;
-    std::getline(lines, line);
-    if (line.rfind("error ", 0) == 0)
-        throw std::runtime_error(line.substr(strlen("error ")));
-    if (sscanf(line.c_str(), "status %d", &outcome.status) != 1)
-        throw std::runtime_error("the simulated device ended without a word");
-    outcome.leavesProcesses = line.find(" busy") != std::string::npos;
-    while (std::getline(lines, line) && !line.empty()) {
-        std::istringstream words(line);
-        std::int64_t size = 0;
-        std::string digits, name;
-        words >> size >> digits >> name;
-        outcome.files[name] = size;
-        for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
-            outcome.contents[name] += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
-    }
-    outcome.script.assign(std::istreambuf_iterator<char>(lines), {});
+    return text;
 }
 
 using Clock = std::chrono::steady_clock;
@@ -168,11 +165,14 @@ int TimeLeft(Clock::time_point end) {
 
 } // namespace
 
-/// One of the device's streams on its way to its reader.
+/// One of the sandbox's streams on its way to its reader.
 struct Sandbox::Stream {
     ScopedFd source;
     int passTo;
+    bool isBounded; ///< whether what comes after kMostOutput is passed on
     std::string text;
+    bool isCut = false;
+    bool isLost = false;
 
     /// Takes what has come; closes the source at its end.
     void Take() {
@@ -183,13 +183,21 @@ struct Sandbox::Stream {
             return;
         }
         const auto length = static_cast<size_t>(count);
-        text.append(buffer, length);
-        // Whoever reads along may have gone: the run goes on to its end or to the held signal that tells of it.
+        const size_t kept = std::min(length, kMostOutput - text.size());
+        text.append(buffer, kept);
+        isCut = isCut || kept < length;
+        Pass(buffer, isBounded ? kept : length);
+    }
+
+    /// Whoever reads along may have gone: the run goes on to its end or to the held signal that tells of it.
+    void Pass(const char *bytes, size_t length) {
         for (size_t done = 0; passTo >= 0 && done < length;) {
-            const ssize_t written = write(passTo, buffer + done, length - done);
-            if (written < 0 && errno != EINTR)
+            const ssize_t written = write(passTo, bytes + done, length - done);
+            if (written < 0 && errno != EINTR) {
+                isLost = errno != EPIPE;
                 passTo = -1;
-            else if (written > 0)
+            }
+            if (written > 0)
                 done += static_cast<size_t>(written);
         }
     }
@@ -207,30 +215,92 @@ struct Sandbox::Stream {
     }
 };
 
+namespace {
+
+/// Opens a file of the run to the sandbox's user, where that is another one; the owner stays the same, so that nobody
+/// in there can change its mode.
+void OpenToSandbox(const std::string &path, mode_t mode) {
+    const OutsideUser &user = SandboxUser();
+    if (!user.IsForeign())
+        return;
+    Check(chown(path.c_str(), static_cast<uid_t>(-1), user.group), path);
+    Check(chmod(path.c_str(), mode), path);
+}
+
+} // namespace
+
+void StageForSandbox(RunSettings &settings, const std::string &folder) {
+    namespace fs = std::filesystem;
+    const OutsideUser &user = SandboxUser();
+    if (!user.IsForeign())
+        return;
+    const fs::path staged = fs::path(folder) / "staged";
+    const auto makeFolder = [](const fs::path &path) {
+        fs::create_directory(path);
+        fs::permissions(path, fs::perms(0755)); // whatever the umask
+    };
+    makeFolder(staged);
+    const auto stage = [&](std::string &path, const char *name) {
+        if (path.empty())
+            return;
+        const fs::path target = staged / name;
+        makeFolder(target);
+        // A program keeps its name.
+        const fs::path copy = fs::is_directory(path) ? target / "folder" : target / fs::path(path).filename();
+        if (fs::is_directory(path)) {
+            makeFolder(copy);
+            CopyTree(path, copy);
+        } else {
+            fs::copy_file(path, copy);
+        }
+        path = copy;
+    };
+    stage(settings.program, "program");
+    stage(settings.preload, "preload");
+    stage(settings.update, "update");
+    stage(settings.root, "root");
+    const auto give = [&user](const fs::path &path) { Check(lchown(path.c_str(), user.user, user.group), path); };
+    for (const auto &entry : fs::recursive_directory_iterator(staged))
+        give(entry.path());
+    give(staged);
+}
+
 Sandbox::Sandbox(const RunSettings &settings, const std::string &chip, const std::string &state)
-    // A reply may be more than a message holds.
-    : m_report(memfd_create("report", MFD_CLOEXEC)), m_bIsConsole(settings.isConsole) {
+    : m_settings(settings), m_sChip(chip), m_sState(state),
+      // A reply may be more than a message holds.
+      m_report(Check(memfd_create("report", MFD_CLOEXEC), "can't make the sandbox's streams")) {
+    constexpr mode_t kPassable = 0710;
+    constexpr mode_t kWritable = 0660;
+    const std::filesystem::path folder = std::filesystem::path(state).parent_path();
+    OpenToSandbox(folder, kPassable);
+    for (const std::string &path : {chip, chip + kChipStates, state})
+        OpenToSandbox(path, kWritable);
+    if (ChipFile::HasSums(chip))
+        OpenToSandbox(chip + kChipSums, kWritable);
     const SandboxJob job = MakeJob(settings, chip, state);
+    PrepareConfinement();
     Channel out = settings.isConsole ? MakeConsole() : MakePipe();
     Channel err = MakePipe();
     int ends[2];
-    if (m_report.Get() < 0 || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) < 0)
-        Fail("can't make the device's streams");
+    Check(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), "can't make the sandbox's streams");
     m_control = ScopedFd(ends[0]);
     const ScopedFd control(ends[1]);
-    m_nPid = ForkIntoNamespaces();
+    m_nPid = ForkIntoNamespaces(folder.c_str());
     if (m_nPid == 0) {
-        // Not even a killed simulator leaves its device running.
+        // Not even a killed simulator leaves its sandbox running.
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         RunSandbox(job, {out.writer.Get(), err.writer.Get(), control.Get(), m_report.Get()});
     }
-    m_out = std::make_unique<Stream>(Stream{std::move(out.reader), settings.passOut, ""});
-    m_err = std::make_unique<Stream>(Stream{std::move(err.reader), settings.passErr, ""});
+    const auto stream = [&settings](Channel &channel, int passTo) {
+        return std::make_unique<Stream>(Stream{std::move(channel.reader), passTo, settings.isConsole, ""});
+    };
+    m_out = stream(out, settings.passOut);
+    m_err = stream(err, settings.passErr);
 }
 
 Sandbox::~Sandbox() { End(); }
 
-/// Everything in the device ends with its first process.
+/// Everything in the sandbox ends with its first process.
 void Sandbox::End() {
     if (m_nPid <= 0)
         return;
@@ -238,14 +308,32 @@ void Sandbox::End() {
     waitpid(std::exchange(m_nPid, -1), nullptr, 0);
 }
 
-RunOutcome Sandbox::Run(const std::vector<std::string> &program, bool tellsUpdate, const HeldSignals &signals,
+RunOutcome Sandbox::Run(const std::vector<std::string> &program, bool describesUpdate, const HeldSignals &signals,
                         int milliseconds) {
+    // An image is a folder only after the prepare script: it is unpacked once more, where nothing of it runs.
+    const bool readsApart = describesUpdate && IsImage(m_settings);
+    RunOutcome read;
+    if (readsApart)
+        read = ReadUpdate(m_settings, m_sChip, m_sState, signals);
+    if (read.isInterrupted || read.isOverdue)
+        return read;
+    RunOutcome outcome = RunCommand({program, describesUpdate && !readsApart ? Describes::AsGiven : Describes::Nothing},
+                                    signals, milliseconds);
+    if (readsApart) {
+        outcome.script = std::move(read.script);
+        outcome.files = std::move(read.files);
+        outcome.contents = std::move(read.contents);
+    }
+    return outcome;
+}
+
+RunOutcome Sandbox::RunCommand(const SandboxCommand &command, const HeldSignals &signals, int milliseconds) {
     RunOutcome outcome;
-    // A device that has ended says in its report why.
-    SendCommand(m_control.Get(), {program, tellsUpdate});
+    // A sandbox that has ended says in its report why.
+    SendCommand(m_control.Get(), command);
     const bool isDone = Follow(outcome, signals, milliseconds);
     // What was printed on a console comes later than the reply; its end doesn't.
-    if (!isDone || m_bIsConsole)
+    if (!isDone || m_settings.isConsole)
         End();
     for (Stream *stream : {m_out.get(), m_err.get()}) {
         if (m_nPid > 0)
@@ -255,27 +343,32 @@ RunOutcome Sandbox::Run(const std::vector<std::string> &program, bool tellsUpdat
     }
     outcome.out.swap(m_out->text);
     outcome.err.swap(m_err->text);
+    outcome.isCut = m_out->isCut || m_err->isCut;
+    outcome.isOutputLost = m_out->isLost;
     if (isDone)
-        TakeReport(m_report, outcome);
+        ReadReply(ReplyText(m_report), outcome);
     return outcome;
 }
 
-/// Takes the streams as they come until the device replies.
+/// Takes the streams as they come until the sandbox replies.
 /// @return false when the run is to end before.
 bool Sandbox::Follow(RunOutcome &outcome, const HeldSignals &signals, int milliseconds) {
     m_out->text.clear();
     m_err->text.clear();
+    m_out->isCut = m_err->isCut = false;
     const Clock::time_point end = Clock::now() + std::chrono::milliseconds(milliseconds);
     while (true) {
         pollfd waits[] = {{signals.Descriptor(), POLLIN, 0},
                           {m_out->source.Get(), POLLIN, 0},
                           {m_err->source.Get(), POLLIN, 0},
                           {m_control.Get(), POLLIN, 0}};
-        const int count = poll(waits, std::size(waits), milliseconds == kNoLimit ? -1 : TimeLeft(end));
+        const int timeLeft = milliseconds == kNoLimit ? -1 : TimeLeft(end);
+        const int count = poll(waits, std::size(waits), timeLeft);
         if (count < 0 && errno != EINTR)
-            Fail("can't follow the updater");
+            throw SystemError("can't follow the updater");
         outcome.isInterrupted = waits[0].revents != 0;
-        outcome.isOverdue = count == 0;
+        // Output that never pauses must not keep the clock from being read.
+        outcome.isOverdue = waits[3].revents == 0 && timeLeft == 0;
         if (outcome.isInterrupted || outcome.isOverdue)
             return false;
         if (waits[1].revents != 0)
@@ -301,7 +394,7 @@ std::vector<std::string> UpdaterCommand(const RunSettings &settings) {
 RunOutcome RunUpdate(const RunSettings &settings, const std::string &chip, const std::string &state,
                      const HeldSignals &signals) {
     SimState::Create(state, settings.sim);
-    return Sandbox(settings, chip, state).Run(UpdaterCommand(settings), true, signals);
+    return Sandbox(settings, chip, state).Run(UpdaterCommand(settings), true, signals, settings.milliseconds);
 }
 
 RunOutcome ReadUpdate(const RunSettings &settings, const std::string &chip, const std::string &state,
@@ -310,7 +403,17 @@ RunOutcome ReadUpdate(const RunSettings &settings, const std::string &chip, cons
     quiet.starts.clear();
     quiet.passOut = quiet.passErr = -1;
     quiet.isConsole = false;
-    SimState::Create(state, quiet.sim);
-    const std::string command = IsImage(settings) ? "/app/prepare_flashrig.sh " + settings.place : ":";
-    return Sandbox(quiet, chip, state).Run({"/bin/sh", "-c", command}, true, signals);
+    quiet.sim.faults.clear();
+    quiet.sim.cutAtChange = quiet.sim.traceLimit = 0;
+    const std::string ownChip = chip + ".read";
+    const std::string ownState = state + ".read";
+    ChipFile::Copy(chip, ownChip);
+    SimState::Create(ownState, quiet.sim);
+    const std::string command = IsImage(settings) ? std::string(kPrepareScript) + " " + settings.place : ":";
+    RunOutcome outcome =
+        Sandbox(quiet, ownChip, ownState)
+            .RunCommand({{"/bin/sh", "-c", command}, Describes::AsLeft}, signals, settings.milliseconds);
+    for (const std::string &path : {ownChip, ownChip + kChipStates, ownState})
+        unlink(path.c_str());
+    return outcome;
 }

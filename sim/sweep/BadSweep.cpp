@@ -67,21 +67,21 @@ private:
 SweepPlan PlanBad(const ReferenceRun &reference, const SweepSettings &settings) {
     SweepPlan plan;
     for (const std::uint32_t block : reference.UsedBlocks())
-        plan.cases.push_back({{block}, 0, {}});
+        plan.cases.push_back({{block}});
     plan.places = plan.cases.size();
     SetDrawer drawer(reference, settings.seed);
     for (std::uint64_t i = 0; drawer.HasRoom() && i < settings.sets; ++i)
-        plan.cases.push_back({drawer.Draw(), 0, {}});
+        plan.cases.push_back({drawer.Draw()});
     return plan;
 }
 
-CaseResult TryBad(const SweepCase &, Rig &rig, const SweepJudge &judge) {
-    const RunOutcome run = RunWhole(rig, 0, {});
-    return {judge.JudgeBad(rig.Chip(), run)};
+CaseResult TryBad(const SweepCase &, const SweepTools &tools) {
+    const RunOutcome run = RunWhole(tools.rig);
+    return {tools.judge.JudgeBad(tools.rig.Chip(), run)};
 }
 
 std::string BadHeading(const SweepResult &result) {
     return "each of " + Count(static_cast<std::int64_t>(result.places), "block") + " bad in turn, then " +
-           Count(static_cast<std::int64_t>(result.planned - result.places), "set") + " of bad blocks (seed " +
+           Count(static_cast<std::int64_t>(result.whole - result.places), "set") + " of bad blocks (seed " +
            std::to_string(result.settings.seed) + ")";
 }

@@ -1,8 +1,19 @@
 #include "sweep/Rig.h"
 
+#include <stdexcept>
+#include <utility>
+
 namespace {
 
-std::string MakeState(const std::string &path, const SimSettings &settings) {
+/// Room for the record of a run that programs every page three times. Only used room takes memory.
+std::uint64_t RecordLimit(const NandGeometry &geometry) {
+    constexpr std::uint64_t kPasses = 3;
+    constexpr std::uint64_t kStepBytes = 256;
+    return kPasses * (geometry.RawSize() + geometry.Pages() * kStepBytes) + (std::uint64_t{1} << 24);
+}
+
+std::string MakeState(const std::string &path, SimSettings settings, const NandGeometry &geometry) {
+    settings.traceLimit = RecordLimit(geometry);
     SimState::Create(path, settings);
     return path;
 }
@@ -11,32 +22,64 @@ std::string MakeState(const std::string &path, const SimSettings &settings) {
 
 Rig::Rig(const RunSettings &settings, const ChipFile &start, const std::string &path, const HeldSignals &signals)
     : m_settings(settings), m_start(start.Chip()), m_signals(signals), m_sPath(path), m_chip(path),
-      m_state(MakeState(path + ".state", settings.sim)) {}
+      m_state(MakeState(path + ".state", settings.sim, start.Chip().Geometry())) {}
 
 void Rig::LayStart(const std::vector<std::uint32_t> &badBlocks) {
-    NandChip &chip = Chip();
-    for (std::uint32_t block = 0; block < chip.Geometry().Blocks(); ++block) {
-        if (chip.IsTouched(block) || chip.IsBad(block) != m_start.IsBad(block))
-            chip.CopyBlock(m_start, block);
-    }
+    Lay(m_start);
     for (const std::uint32_t block : badBlocks)
-        chip.MarkBad(block);
+        Chip().MarkBad(block);
 }
 
-RunOutcome Rig::Run(std::uint64_t cutAtChange, const std::vector<SimFault> &faults) {
-    SimSettings run = m_settings.sim;
-    run.cutAtChange = cutAtChange;
-    run.faults.insert(run.faults.end(), faults.begin(), faults.end());
-    m_state.Restart(run);
+void Rig::Lay(const NandChip &chip) {
+    NandChip &own = Chip();
+    for (std::uint32_t block = 0; block < own.Geometry().Blocks(); ++block) {
+        if (own.IsTouched(block) || chip.IsTouched(block) || own.BlockTraits(block) != chip.BlockTraits(block))
+            own.CopyBlock(chip, block);
+    }
+    for (const std::uint32_t block : m_worn)
+        own.CopyBlock(chip, block);
+    m_worn.clear();
+}
+
+void Rig::WearOut(const std::vector<std::uint32_t> &eraseFails, const std::vector<std::uint32_t> &programFails) {
+    for (const std::uint32_t block : eraseFails)
+        Chip().MakeWeakBlock(block);
+    for (const std::uint32_t block : programFails)
+        Chip().MakeWeakPages(block);
+    m_worn = programFails;
+}
+
+RunOutcome Rig::Run(const RigRun &run) { return RunIn(run, nullptr); }
+
+RunOutcome Rig::RunCommand(const std::vector<std::string> &command, SimSettings::Record record) {
+    RigRun run;
+    run.record = record;
+    return RunIn(run, &command);
+}
+
+/// @param command null for the update
+RunOutcome Rig::RunIn(const RigRun &run, const std::vector<std::string> *command) {
+    SimSettings settings = m_settings.sim;
+    settings.cutAtChange = run.cutAtChange;
+    settings.cutExtent = run.cutExtent;
+    settings.record = run.record;
+    settings.faults.insert(settings.faults.end(), run.faults.begin(), run.faults.end());
+    m_state.Restart(settings);
     // Each run is a start of the device: the kernel looks for bad-block markers again.
     Chip().ScanForBadBlocks();
     const bool isNew = !m_sandbox;
     if (isNew)
         m_sandbox = std::make_unique<Sandbox>(m_settings, m_sPath, m_sPath + ".state");
-    RunOutcome outcome =
-        m_sandbox->Run(isNew ? UpdaterCommand(m_settings) : m_habit.command, isNew, m_signals, m_habit.milliseconds);
+    const std::vector<std::string> update = isNew ? UpdaterCommand(m_settings) : m_habit.command;
+    const bool isUpdate = command == nullptr;
+    // What the update holds is the same in every sandbox.
+    const bool isFirst = isUpdate && isNew && std::exchange(m_bIsFirst, false);
+    RunOutcome outcome = m_sandbox->Run(isUpdate ? update : *command, isFirst, m_signals, m_habit.milliseconds);
+    if (!m_chip.IsWhole())
+        throw std::runtime_error("a program of the update cut or lengthened the files of the chip");
     const bool hasEnded = outcome.isInterrupted || outcome.isOverdue;
-    if (!m_habit.sharesSandbox || outcome.leavesProcesses || hasEnded)
+    // Only after the update a sandbox is ready for the habit's command.
+    if (!m_habit.sharesSandbox || outcome.leavesProcesses || hasEnded || (isNew && !isUpdate))
         m_sandbox.reset();
     return outcome;
 }

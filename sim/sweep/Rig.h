@@ -2,6 +2,7 @@
 
 #include "base/HeldSignals.h"
 #include "chip/ChipFile.h"
+#include "mtd/RunSteps.h"
 #include "mtd/SimState.h"
 #include "sandbox/UpdateRun.h"
 
@@ -17,6 +18,14 @@ struct RigHabit {
     int milliseconds = Sandbox::kNoLimit; ///< time limit of a run
 };
 
+/// The trouble and the record of one run.
+struct RigRun {
+    std::uint64_t cutAtChange = 0; ///< 0 for no cut
+    Extent cutExtent = Extent::FirstHalf;
+    std::vector<SimFault> faults = {};
+    SimSettings::Record record = SimSettings::Record::None;
+};
+
 /// A chip and a sandbox in which an update is run many times.
 class Rig {
 public:
@@ -30,13 +39,27 @@ public:
     /// Makes the chip what it was at the start, with further bad blocks.
     void LayStart(const std::vector<std::uint32_t> &badBlocks = {});
 
+    /// Wears out blocks, until the chip is laid the next time.
+    void WearOut(const std::vector<std::uint32_t> &eraseFails, const std::vector<std::uint32_t> &programFails);
+
+    /// Makes the chip equal to one that was made from the start, marks included.
+    void Lay(const NandChip &chip);
+
     /// Runs the update on the chip as it is.
-    RunOutcome Run(std::uint64_t cutAtChange = 0, const std::vector<SimFault> &faults = {});
+    RunOutcome Run(const RigRun &run = {});
+
+    /// Runs another program in the sandbox.
+    RunOutcome RunCommand(const std::vector<std::string> &command, SimSettings::Record record);
 
     NandChip &Chip() { return m_chip.Chip(); }
     const SimState &State() const { return m_state; }
 
+    /// @return the record of the last run, as ReadSteps takes it; valid until the next run. Empty when not whole.
+    const std::uint8_t *Record(std::size_t &length) const { return m_state.RecordBytes(length); }
+
 private:
+    RunOutcome RunIn(const RigRun &run, const std::vector<std::string> *command);
+
     const RunSettings &m_settings;
     const NandChip &m_start;
     const HeldSignals &m_signals;
@@ -45,4 +68,6 @@ private:
     SimState m_state;
     std::unique_ptr<Sandbox> m_sandbox;
     RigHabit m_habit;
+    bool m_bIsFirst = true;
+    std::vector<std::uint32_t> m_worn; ///< blocks with worn-out pages
 };

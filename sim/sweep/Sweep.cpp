@@ -1,5 +1,6 @@
 #include "sweep/Sweep.h"
 
+#include "base/Places.h"
 #include "base/Text.h"
 #include "base/Workers.h"
 #include "chip/ChipFile.h"
@@ -11,6 +12,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <map>
+#include <random>
+#include <stdexcept>
+#include <system_error>
 #include <utility>
 
 namespace {
@@ -25,31 +29,86 @@ constexpr std::int64_t kMostMilliseconds = 3600000;
 
 using Clock = std::chrono::steady_clock;
 
-CaseResult TryCase(const SweepKind &kind, const SweepCase &what, Rig &rig, const SweepJudge &judge) {
-    rig.LayStart(what.badBlocks);
-    return kind.tryCase(what, rig, judge);
+/// Cases that a worker takes at a time when runs are replayed: neighbours share what they learn.
+constexpr std::size_t kReplayedAtATime = 32;
+
+CaseResult TryForReal(const SweepCase &what, const SweepTools &tools) {
+    tools.rig.LayStart(what.badBlocks);
+    tools.rig.WearOut(what.eraseFails, what.programFails);
+    return tools.settings.kind->tryCase(what, tools);
 }
 
-/// A worker's message: the unsealed line and, of a failure, the line, what happens and the advice.
-std::string Pack(const CaseResult &result) {
-    std::string packed = std::to_string(result.unsealedLine);
-    if (result.complaint)
-        packed += " " + std::to_string(result.complaint->line) + " " + result.complaint->happens + '\0' +
-                  result.complaint->advice;
+/// @return the rules with the ranges of the lines that they name.
+/// @throws std::invalid_argument with one line for a range that is not whole blocks of the flash
+BootRules ResolveRules(BootRules rules, const ReferenceRun &reference) {
+    const WholeFlash flash(reference.chip, reference.devices);
+    for (const std::size_t number : rules.keptLines) {
+        const auto line = std::find_if(reference.lines.begin(), reference.lines.end(),
+                                       [number](const UpdateLine &it) { return it.number == number; });
+        const auto range = line == reference.lines.end() ? std::nullopt : flash.RangeOf(*line);
+        if (!range)
+            throw std::invalid_argument("line " + std::to_string(number) + " of the script has no range to keep");
+        rules.kept.push_back(*range);
+    }
+    std::vector<FlashRange> all = rules.kept;
+    all.insert(all.end(), rules.environments.begin(), rules.environments.end());
+    for (const BootSlot &slot : rules.slots)
+        all.push_back(slot.range);
+    for (const FlashRange &range : all) {
+        if (!flash.IsOnFlash(range))
+            throw std::invalid_argument("the range at " + Hex(range.begin) +
+                                        " that the device boots from is not whole "
+                                        "blocks of the flash");
+    }
+    return rules;
+}
+
+/// Texts as one message, and back.
+std::string PackTexts(const std::vector<std::string> &texts) {
+    std::string packed;
+    for (const std::string &text : texts)
+        packed += std::to_string(text.size()) + ":" + text;
     return packed;
 }
 
+std::vector<std::string> UnpackTexts(const std::string &packed) {
+    std::vector<std::string> texts;
+    for (std::size_t at = 0; at < packed.size();) {
+        const std::size_t colon = packed.find(':', at);
+        const std::size_t length = std::strtoul(packed.c_str() + at, nullptr, 10);
+        texts.push_back(packed.substr(colon + 1, length));
+        at = colon + 1 + length;
+    }
+    return texts;
+}
+
+std::string Pack(const CaseResult &result) {
+    std::vector<std::string> texts = {std::to_string(result.unsealedLine), result.noBoot};
+    if (result.complaint)
+        texts.insert(texts.end(),
+                     {std::to_string(result.complaint->line), result.complaint->happens, result.complaint->advice});
+    return PackTexts(texts);
+}
+
 CaseResult Unpack(const std::string &packed) {
+    const std::vector<std::string> texts = UnpackTexts(packed);
     CaseResult result;
-    char *rest = nullptr;
-    result.unsealedLine = std::strtoul(packed.c_str(), &rest, 10);
-    if (*rest == '\0')
-        return result;
-    result.complaint.emplace();
-    result.complaint->line = std::strtoul(rest, &rest, 10);
-    result.complaint->happens = rest + 1;
-    result.complaint->advice = packed.substr(std::min(packed.find('\0') + 1, packed.size()));
+    result.unsealedLine = std::stoul(texts.at(0));
+    result.noBoot = texts.at(1);
+    if (texts.size() > 2)
+        result.complaint = SweepComplaint{std::stoul(texts[2]), texts.at(3), texts.at(4)};
     return result;
+}
+
+/// @return the numbers of the cases that are also tried for real, ascending.
+std::vector<std::size_t> DrawSample(const SweepSettings &settings, std::size_t begin, std::size_t end) {
+    std::mt19937_64 random(settings.seed);
+    std::vector<std::size_t> sample;
+    for (std::uint64_t i = 0; i < std::min<std::uint64_t>(settings.sample, end - begin); ++i)
+        sample.push_back(begin + static_cast<std::size_t>(random() % (end - begin)));
+    std::sort(sample.begin(), sample.end());
+    sample.erase(std::unique(sample.begin(), sample.end()), sample.end());
+    return sample;
 }
 
 RunSettings ForSweeps(RunSettings settings) {
@@ -121,38 +180,85 @@ std::vector<std::string> CommandAgain(const RunSettings &settings, const std::st
 /// serves all runs.
 bool IsSame(const ReferenceRun &first, Rig &rig, const RunOutcome &second) {
     return CountRequests(rig.State()) == first.requests && rig.State().Changes() == first.changes &&
-           !SweepJudge(first).JudgeCut(rig.Chip(), second, second);
+           !SweepJudge(first).JudgeCut(rig.Chip(), 0, second);
+}
+
+/// Takes the record of the first run as the reference's steps, unless a replay of these might differ from a real run.
+/// @param rig with the record of the second run
+void TakeRecord(ReferenceRun &reference, const Rig &rig, bool leavesProcesses) {
+    std::size_t length = 0;
+    const std::uint8_t *record = rig.Record(length);
+    std::vector<RunStep> first;
+    std::vector<RunStep> second;
+    const bool isWhole = ReadSteps(reference.record.data(), reference.record.size(), first) &&
+                         ReadSteps(record, length, second) && !first.empty();
+    const auto changes = std::count_if(first.begin(), first.end(), [](const RunStep &step) { return step.IsChange(); });
+    if (leavesProcesses)
+        reference.whyNoSteps = "the update leaves processes running";
+    else if (!isWhole || static_cast<std::uint64_t>(changes) != reference.changes)
+        reference.whyNoSteps = "the record of the update is not complete";
+    else if (first != second)
+        reference.whyNoSteps = "two runs of the update access flash differently";
+    else
+        reference.TakeSteps(std::move(first));
 }
 
 } // namespace
 
 Sweeper::Sweeper(const RunSettings &settings, const std::string &start, const HeldSignals &signals) {
     auto base = std::make_unique<Base>(settings, start, signals);
-    const std::string path = base->CopyStart("0"); // the first worker's, later
-    Rig rig(base->settings, base->start, path, signals);
-    base->habit.sharesSandbox = settings.starts.empty();
-    rig.Adopt(base->habit);
+    try {
+        MakeReference(*base);
+    } catch (const std::system_error &failure) {
+        // A signal ends the copying of a chip too: the sweeps are interrupted like those of which a run was ended.
+        if (failure.code() != std::errc::interrupted || !signals.HasCome())
+            throw;
+    }
+    m_base = std::move(base);
+}
+
+void Sweeper::MakeReference(Base &base) {
+    const std::string path = base.CopyStart("0"); // the first worker's, later
+    Rig rig(base.settings, base.start, path, base.signals);
+    base.habit.sharesSandbox = base.settings.starts.empty();
+    rig.Adopt(base.habit);
+    RigRun run;
+    run.record = SimSettings::Record::StepsWithBytes;
     const Clock::time_point begin = Clock::now();
-    const RunOutcome first = rig.Run();
+    const RunOutcome first = rig.Run(run);
     const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count();
-    ChipFile::Copy(path, start + ".end");
-    base->end = std::make_unique<ChipFile>(start + ".end");
+    ChipFile::Copy(path, base.startPath + ".end");
+    base.end = std::make_unique<ChipFile>(base.startPath + ".end");
     const std::vector<UpdateLine> lines = ReadUpdateLines(VisibleScript(first.script));
-    auto reference = std::make_unique<ReferenceRun>(ReferenceRun{
-        base->settings.sim.devices, lines, first.files, first, FollowRun(lines, first.out, first.err, false),
-        CountRequests(rig.State()), rig.State().Changes(), base->end->Chip()});
-    base->habit.command = CommandAgain(base->settings, reference->story.handOver);
-    base->habit.milliseconds =
+    auto reference = std::make_unique<ReferenceRun>(ReferenceRun{base.settings.sim.devices,
+                                                                 lines,
+                                                                 first.files,
+                                                                 first,
+                                                                 FollowRun(lines, first.out, first.err, false),
+                                                                 CountRequests(rig.State()),
+                                                                 rig.State().Changes(),
+                                                                 base.end->Chip(),
+                                                                 {},
+                                                                 {},
+                                                                 {},
+                                                                 {},
+                                                                 {}});
+    std::size_t length = 0;
+    const std::uint8_t *record = rig.Record(length);
+    reference->record.assign(record, record + length);
+    base.habit.command = CommandAgain(base.settings, reference->story.handOver);
+    base.habit.milliseconds =
         static_cast<int>(std::min<std::int64_t>(took, kMostMilliseconds)) * kPatience + kLeastPatienceMilliseconds;
 
-    rig.Adopt(base->habit);
+    rig.Adopt(base.habit);
     rig.LayStart();
-    const RunOutcome second = rig.Run();
-    base->habit.sharesSandbox = base->habit.sharesSandbox && !first.leavesProcesses && !second.leavesProcesses &&
-                                IsSame(*reference, rig, second);
+    run.record = SimSettings::Record::Steps;
+    const RunOutcome second = rig.Run(run);
+    base.habit.sharesSandbox = base.habit.sharesSandbox && !first.leavesProcesses && !second.leavesProcesses &&
+                               IsSame(*reference, rig, second);
+    TakeRecord(*reference, rig, first.leavesProcesses || second.leavesProcesses);
     if (!first.isInterrupted && !second.isInterrupted)
-        base->reference = std::move(reference);
-    m_base = std::move(base);
+        base.reference = std::move(reference);
 }
 
 Sweeper::~Sweeper() = default;
@@ -163,39 +269,101 @@ std::size_t Sweeper::Places(const SweepKind &kind) const {
     return m_base->reference ? kind.plan(*m_base->reference, all).places : 0;
 }
 
-SweepResult Sweeper::Run(const SweepSettings &settings,
+SweepResult Sweeper::Run(const SweepSettings &asked,
                          const std::function<void(const SweepResult &result)> &progress) const {
     SweepResult result;
-    result.settings = settings;
+    result.settings = asked;
     result.isInterrupted = true;
     if (!m_base->reference)
         return result;
+    SweepSettings &settings = result.settings;
+    settings.boot = ResolveRules(asked.boot, *m_base->reference);
     const Base &base = *m_base;
+    const SweepKind &kind = *settings.kind;
     const SweepJudge judge(*base.reference);
-    const SweepPlan plan = settings.kind->plan(*base.reference, settings);
+    const SweepPlan plan = kind.plan(*base.reference, settings);
+    const std::size_t begin = plan.cases.size() * (settings.shard - 1) / settings.shards;
+    const std::size_t end = plan.cases.size() * settings.shard / settings.shards;
     result.places = plan.places;
-    result.planned = plan.cases.size();
-    const auto setUp = [&](unsigned worker) -> WorkerJob {
-        const auto rig =
-            std::make_shared<Rig>(base.settings, base.start, base.CopyStart(std::to_string(worker)), base.signals);
+    result.planned = end - begin;
+    result.whole = plan.cases.size();
+    const bool wantsReplay = kind.replay != nullptr && !settings.isExact;
+    const bool isReplayed = wantsReplay && !base.reference->steps.empty();
+    if (wantsReplay)
+        result.whyExact = base.reference->whyNoSteps;
+
+    const auto makeRig = [&](unsigned worker) {
+        const std::string path = base.CopyStart(std::to_string(worker));
+        auto rig = std::make_shared<Rig>(base.settings, base.start, path, base.signals);
         rig->Adopt(base.habit);
-        return [&, rig](std::size_t number) { return Pack(TryCase(*settings.kind, plan.cases[number], *rig, judge)); };
+        return rig;
     };
+    const std::size_t atATime = isReplayed ? kReplayedAtATime : 1;
+    const auto setUp = [&](unsigned worker) -> WorkerJob {
+        const std::shared_ptr<Rig> rig = makeRig(worker);
+        const auto tools =
+            std::make_shared<const SweepTools>(SweepTools{base.start, base.startPath, *rig, judge, settings});
+        const std::shared_ptr<CaseReplay> replay = isReplayed ? kind.replay(*tools) : std::unique_ptr<CaseReplay>();
+        return [&, rig, tools, replay](std::size_t job) {
+            std::vector<std::string> results;
+            const std::size_t first = begin + job * atATime;
+            for (std::size_t i = first; i < std::min(first + atATime, end); ++i)
+                results.push_back(Pack(replay ? replay->Try(plan.cases[i]) : TryForReal(plan.cases[i], *tools)));
+            return PackTexts(results);
+        };
+    };
+    const std::vector<std::size_t> sample = DrawSample(isReplayed ? settings : SweepSettings(), begin, end);
+    std::map<std::size_t, CaseResult> replayed; // of the sample
     std::map<std::size_t, std::size_t> unsealed;
-    const auto take = [&](std::size_t number, const std::string &packed) {
-        const CaseResult tried = Unpack(packed);
-        ++result.done;
-        if (tried.unsealedLine != 0)
-            ++unsealed[tried.unsealedLine];
-        if (tried.complaint)
-            result.failures.push_back({number + 1, plan.cases[number], tried.complaint->line,
-                                       base.reference->TextOf(tried.complaint->line), tried.complaint->happens,
-                                       tried.complaint->advice});
+    std::map<std::size_t, std::string> gaps;
+    const auto take = [&](std::size_t job, const std::string &message) {
+        std::size_t number = begin + job * atATime;
+        for (const std::string &packed : UnpackTexts(message)) {
+            const CaseResult tried = Unpack(packed);
+            if (std::binary_search(sample.begin(), sample.end(), number))
+                replayed[number] = tried;
+            ++result.done;
+            if (tried.unsealedLine != 0)
+                ++unsealed[tried.unsealedLine];
+            if (!tried.noBoot.empty())
+                gaps[number] = tried.noBoot;
+            if (tried.complaint)
+                result.failures.push_back({number + 1, plan.cases[number], tried.complaint->line,
+                                           base.reference->TextOf(tried.complaint->line), tried.complaint->happens,
+                                           tried.complaint->advice});
+            ++number;
+        }
         progress(result);
     };
-    result.isInterrupted = !DoInWorkers(plan.cases.size(), settings.workers, base.signals, setUp, take);
+    const std::size_t jobs = (result.planned + atATime - 1) / atATime;
+    result.isInterrupted = !DoInWorkers(jobs, settings.workers, base.signals, setUp, take);
+
+    const auto setUpSample = [&](unsigned worker) -> WorkerJob {
+        const std::shared_ptr<Rig> rig = makeRig(worker);
+        return [&, rig](std::size_t job) {
+            return Pack(TryForReal(plan.cases[sample[job]], {base.start, base.startPath, *rig, judge, settings}));
+        };
+    };
+    const auto compare = [&](std::size_t job, const std::string &message) {
+        if (!(Unpack(message) == replayed[sample[job]]))
+            throw std::runtime_error(std::string("sweep ") + kind.name + ": run " + std::to_string(sample[job] + 1) +
+                                     " differs from its replay; repeat the sweep with --exact");
+    };
+    if (!result.isInterrupted)
+        result.isInterrupted = !DoInWorkers(sample.size(), settings.workers, base.signals, setUpSample, compare);
+
     for (const auto &[line, runs] : unsealed)
         result.unsealed.push_back({line, base.reference->TextOf(line), runs});
+    for (const auto &[number, why] : gaps) {
+        const SweepCase &what = plan.cases[number];
+        const std::size_t line = base.reference->LineOfChange(what.cutAtChange);
+        auto gap =
+            std::find_if(result.gaps.begin(), result.gaps.end(), [line](const BootGap &it) { return it.line == line; });
+        if (gap == result.gaps.end())
+            gap = result.gaps.insert(gap, {line, base.reference->TextOf(line), 0, what, 0, why});
+        ++gap->runs;
+        gap->last = what.cutAtChange;
+    }
     std::sort(result.failures.begin(), result.failures.end(),
               [](const SweepFailure &a, const SweepFailure &b) { return a.number < b.number; });
     return result;

@@ -1,8 +1,10 @@
 #pragma once
 
 #include "base/HeldSignals.h"
+#include "chip/NandChip.h"
 #include "mtd/SimState.h"
 #include "sandbox/UpdateRun.h"
+#include "verdict/FlashRanges.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -22,19 +24,45 @@ std::vector<std::string> SweepNames();
 /// @return whether a kind uses an option of the command line, such as "every".
 bool UsesOption(const SweepKind &kind, const std::string &option);
 
+/// A part of the flash from which a device boots when a variable of its environment has a value.
+struct BootSlot {
+    std::string name;
+    std::string value;
+    FlashRange range; ///< whole blocks
+};
+
+/// What a device needs to boot. A range may be as before or as after the update, but nothing in between.
+struct BootRules {
+    std::string command;                  ///< for a shell in the sandbox; exit status 0: the device boots. May be empty
+    std::vector<FlashRange> kept;         ///< whole blocks
+    std::vector<std::size_t> keptLines;   ///< numbers of script lines whose ranges are kept too
+    std::vector<FlashRange> environments; ///< the first one with a valid CRC is used; one must have it
+    std::vector<BootSlot> slots;
+};
+
 struct SweepSettings {
     const SweepKind *kind = nullptr; ///< a row of the table
     std::uint64_t every = 1;         ///< 1 to try each place, 10 for each tenth
     std::uint64_t sets = 0;          ///< sets of bad blocks, drawn after the single blocks
     std::uint64_t seed = 1;          ///< random seed
-    unsigned workers = 1;            ///< processes
+    std::vector<Extent> torn = {Extent::FirstHalf, Extent::Complete}; ///< what each power cut leaves
+    BootRules boot;           ///< checked after each power cut, before the update is run again
+    bool isExact = false;     ///< every run is a real one; else runs are replayed where this gives the same
+    std::uint64_t sample = 0; ///< runs that a replaying sweep also makes for real, and compares
+    unsigned workers = 1;     ///< processes
+    std::size_t shard = 1;    ///< only the n-th of `shards` parts of all runs is made, from 1
+    std::size_t shards = 1;
 };
 
 /// The difference between one run of a sweep and the reference run.
 struct SweepCase {
     std::vector<std::uint32_t> badBlocks; ///< besides those of the start
     std::uint64_t cutAtChange = 0;        ///< power is lost there, then the update is run again; 0 for no cut
-    std::vector<SimFault> faults;
+    Extent cutExtent = Extent::FirstHalf; ///< how far the change gets
+    std::uint64_t secondCutAtChange = 0;  ///< power is lost again there in the run after the first cut; 0 for no cut
+    std::vector<SimFault> faults = {};
+    std::vector<std::uint32_t> eraseFails = {};   ///< worn-out blocks: erases fail
+    std::vector<std::uint32_t> programFails = {}; ///< worn-out blocks: programs of all pages fail
 };
 
 /// A run that failed.
@@ -54,16 +82,29 @@ struct UnsealedLine {
     std::size_t runs = 0; ///< number of such cuts
 };
 
+/// A line with power cuts after which the device does not boot.
+struct BootGap {
+    std::size_t line = 0; ///< number in the script; 0 when unknown
+    std::string text;
+    std::size_t runs = 0;   ///< number of such cuts
+    SweepCase first;        ///< the first of them
+    std::uint64_t last = 0; ///< change of the last of them
+    std::string why;        ///< of the first
+};
+
 struct SweepResult {
     SweepSettings settings;
     std::size_t places = 0;  ///< blocks, changes or requests that the sweep walks
     std::size_t planned = 0; ///< runs
+    std::size_t whole = 0;   ///< runs of all shards together
     std::size_t done = 0;    ///< fewer when a signal ended the sweep
     bool isInterrupted = false;
+    std::string whyExact;               ///< why runs were not replayed though this was wanted; else empty
     std::vector<SweepFailure> failures; ///< by number
     std::vector<UnsealedLine> unsealed; ///< by line; of cuts only
+    std::vector<BootGap> gaps;          ///< by line; of cuts only
 
-    bool Passed() const { return failures.empty() && !isInterrupted; }
+    bool Passed() const { return failures.empty() && gaps.empty() && !isInterrupted; }
 };
 
 /// Runs an update over and over from the same start, each time with other trouble. The updater gets a second argument
@@ -75,7 +116,9 @@ struct SweepResult {
 ///           flash was changed; a set has up to as many blocks of each image's range as that range has to spare.
 ///   cut     power was lost at a change of flash, then the update was run again from its start, as if the device still
 ///           booted: every line succeeded and the chip is page by page what it is after an uncut run.
-///   faults  one request failed: a line reported a failure, or the chip is what it is without the fault.
+///   pairs   two of these: power cut after power cut, a bad or worn-out block and a power cut.
+///   faults  a request failed: a line reported a failure, or the chip is what it is without the fault.
+///   wear    erases or programs of a block failed: as faults.
 class Sweeper {
 public:
     /// Makes the reference run, twice.
@@ -89,11 +132,14 @@ public:
     /// @return how many blocks, changes or requests a whole sweep of a kind walks; 0 when interrupted.
     std::size_t Places(const SweepKind &kind) const;
 
-    /// @param progress is called with the result so far after each run
+    /// @param progress is called with the result so far, now and then
+    /// @throws std::runtime_error with one line also when a replayed run differs from the real one
     SweepResult Run(const SweepSettings &settings,
                     const std::function<void(const SweepResult &result)> &progress) const;
 
 private:
     struct Base;
+    static void MakeReference(Base &base);
+
     std::unique_ptr<const Base> m_base;
 };

@@ -68,7 +68,8 @@ std::string Trouble(const LineStory &story) {
 
 SweepJudge::SweepJudge(const ReferenceRun &reference)
     : m_reference(reference), m_flash(reference.chip, reference.devices),
-      m_mayChange(reference.chip.Geometry().Blocks(), false) {
+      m_mayChange(reference.chip.Geometry().Blocks(), false),
+      m_isEnvironment(reference.chip.Geometry().Blocks(), false) {
     bool startsPrograms = false;
     for (const UpdateLine &line : reference.lines) {
         startsPrograms = startsPrograms || line.kind == LineKind::HandEnv || line.kind == LineKind::Ubiformat;
@@ -79,10 +80,16 @@ SweepJudge::SweepJudge(const ReferenceRun &reference)
     // Only the device's own tools know where they store what they are given.
     for (std::uint32_t block = 0; startsPrograms && block < m_mayChange.size(); ++block)
         m_mayChange[block] = m_mayChange[block] || reference.chip.IsTouched(block);
+    for (std::size_t i = 0; i < reference.lines.size(); ++i) {
+        const std::optional<FlashRange> range = reference.DoneRange(i);
+        const bool isEnvironment = reference.lines[i].kind == LineKind::SetEnv && range;
+        for (const std::uint32_t block : isEnvironment ? m_flash.Blocks(*range) : std::vector<std::uint32_t>())
+            m_isEnvironment[block] = true;
+    }
 }
 
 std::optional<SweepComplaint> SweepJudge::JudgeBad(const NandChip &chip, const RunOutcome &run) const {
-    for (const auto &complaint : {JudgeEnd(run), JudgeOutside(chip), JudgeLines(run)}) {
+    for (const auto &complaint : {JudgeEnd(run), JudgeOutside(FirstOutside(chip)), JudgeLines(run)}) {
         if (complaint)
             return complaint;
     }
@@ -94,8 +101,9 @@ std::optional<SweepComplaint> SweepJudge::JudgeBad(const NandChip &chip, const R
     return std::nullopt;
 }
 
-std::optional<SweepComplaint> SweepJudge::JudgeFault(const NandChip &chip, const RunOutcome &run) const {
-    for (const auto &complaint : {JudgeEnd(run), JudgeOutside(chip)}) {
+std::optional<SweepComplaint> SweepJudge::JudgeFault(const NandChip &chip, const RunOutcome &run,
+                                                     std::size_t line) const {
+    for (const auto &complaint : {JudgeEnd(run), JudgeOutside(FirstOutside(chip))}) {
         if (complaint)
             return complaint;
     }
@@ -104,7 +112,22 @@ std::optional<SweepComplaint> SweepJudge::JudgeFault(const NandChip &chip, const
     const auto block = FirstDifference(chip);
     if (!block)
         return std::nullopt;
-    return SweepComplaint{LineOf(*block), "no failure is reported, but flash differs from a run without the fault"};
+    // An older request in place of a raw write lets the kernel add its ECC, which is no loss.
+    if (HasAllData(chip))
+        return std::nullopt;
+    return SweepComplaint{line != 0 ? line : LineOf(*block),
+                          "no failure is reported, but flash differs from a run without the fault",
+                          "let the program that makes the failing request check and report the failure"};
+}
+
+/// @return whether all pages that either run touched hold what the reference holds or that with its ECC, and no page is
+/// unstable.
+bool SweepJudge::HasAllData(const NandChip &chip) const {
+    for (std::uint32_t block = 0; block < chip.Geometry().Blocks(); ++block) {
+        if (Differs(chip, block) && (chip.IsUnstable(block) || !chip.HasDataOf(m_reference.chip, block)))
+            return false;
+    }
+    return true;
 }
 
 /// @return whether the messages of a line differ from the reference.
@@ -119,21 +142,27 @@ bool SweepJudge::IsReported(const RunOutcome &run) const {
     return false;
 }
 
-std::optional<SweepComplaint> SweepJudge::JudgeCut(const NandChip &chip, const RunOutcome &cut,
+std::optional<SweepComplaint> SweepJudge::JudgeCut(const NandChip &chip, std::size_t line,
                                                    const RunOutcome &again) const {
-    if (cut.isOverdue)
-        return JudgeEnd(cut);
-    for (const auto &complaint : {JudgeEnd(again), JudgeOutside(chip), JudgeLines(again)}) {
+    for (const auto &complaint : {JudgeEnd(again), JudgeOutside(FirstOutside(chip)), JudgeLines(again)}) {
         if (complaint)
             return complaint;
     }
     const auto block = FirstDifference(chip);
     if (!block)
         return std::nullopt;
-    return SweepComplaint{LineInProgress(cut), LossIn(chip, *block)};
+    return JudgeLoss(chip, line, *block);
 }
 
-std::size_t SweepJudge::FindUnsealed(const NandChip &chip, const RunOutcome &cut) const {
+SweepComplaint SweepJudge::JudgeLoss(const NandChip &chip, std::size_t line, std::uint32_t block) const {
+    return {line, LossIn(chip, block),
+            m_isEnvironment[block]
+                ? "keep a second copy of the environment that survives a power cut, or do not let the "
+                  "device boot from the only one while the line rewrites it"
+                : "let the update write the range again whenever it runs"};
+}
+
+bool SweepJudge::HasUnsealed(const NandChip &chip) const {
     const WholeFlash flash(chip, m_reference.devices);
     for (std::size_t i = 0; i < m_reference.lines.size(); ++i) {
         const std::optional<FlashRange> range = m_reference.DoneRange(i);
@@ -143,9 +172,9 @@ std::size_t SweepJudge::FindUnsealed(const NandChip &chip, const RunOutcome &cut
         const bool isTouched =
             std::any_of(blocks.begin(), blocks.end(), [&](std::uint32_t block) { return chip.IsTouched(block); });
         if (isTouched && HasValidCrc(m_flash.Read(*range)) && !HasValidCrc(flash.Read(*range)))
-            return LineInProgress(cut);
+            return true;
     }
-    return 0;
+    return false;
 }
 
 /// @return the number of the first line with another result than in an uncut run; 0 for none.
@@ -171,12 +200,18 @@ std::optional<SweepComplaint> SweepJudge::JudgeEnd(const RunOutcome &run) const 
     return std::nullopt;
 }
 
-std::optional<SweepComplaint> SweepJudge::JudgeOutside(const NandChip &chip) const {
+std::optional<SweepComplaint> SweepJudge::JudgeOutside(std::optional<std::uint32_t> block) const {
+    if (!block)
+        return std::nullopt;
+    return SweepComplaint{0, "block " + std::to_string(*block) + " at " +
+                                 Hex(m_flash.FromChip(std::uint64_t{*block} * m_reference.chip.Geometry().eraseSize)) +
+                                 ", outside the ranges of the script, was changed"};
+}
+
+std::optional<std::uint32_t> SweepJudge::FirstOutside(const NandChip &chip) const {
     for (std::uint32_t block = 0; block < m_mayChange.size(); ++block) {
-        if (chip.IsTouched(block) && !m_mayChange[block])
-            return SweepComplaint{0, "block " + std::to_string(block) + " at " +
-                                         Hex(m_flash.FromChip(std::uint64_t{block} * chip.Geometry().eraseSize)) +
-                                         ", outside the ranges of the script, was changed"};
+        if (IsOutside(chip, block))
+            return block;
     }
     return std::nullopt;
 }
@@ -223,6 +258,9 @@ std::string SweepJudge::LossIn(const NandChip &chip, std::uint32_t block) const 
                EnvironmentLoss(m_flash.Read(*range), flash.Read(*range));
     }
     const std::size_t line = LineOf(block);
+    if (chip.HasCellsOf(m_reference.chip, block, block))
+        return "the cut leaves unstable pages in block " + std::to_string(block) +
+               ", and the second run does not erase them";
     return (line == 0 ? "flash outside all ranges" : "the range of line " + std::to_string(line)) +
            " differs from an uncut run";
 }
@@ -241,9 +279,13 @@ std::size_t SweepJudge::LineOf(std::uint32_t block) const {
 /// @return the first block that differs from the reference; only blocks that either run touched can.
 std::optional<std::uint32_t> SweepJudge::FirstDifference(const NandChip &chip) const {
     for (std::uint32_t block = 0; block < chip.Geometry().Blocks(); ++block) {
-        const bool isTouched = chip.IsTouched(block) || m_reference.chip.IsTouched(block);
-        if (isTouched && !chip.HasCellsOf(m_reference.chip, block, block))
+        if (Differs(chip, block))
             return block;
     }
     return std::nullopt;
+}
+
+bool SweepJudge::Differs(const NandChip &chip, std::uint32_t block) const {
+    const bool isTouched = chip.IsTouched(block) || m_reference.chip.IsTouched(block);
+    return isTouched && (!chip.HasCellsOf(m_reference.chip, block, block) || chip.IsUnstable(block));
 }

@@ -4,11 +4,22 @@
 
 #include <stdexcept>
 
-RunOutcome RunWhole(Rig &rig, std::uint64_t cutAtChange, const std::vector<SimFault> &faults) {
-    RunOutcome run = rig.Run(cutAtChange, faults);
-    if (run.isInterrupted)
+RunOutcome RunWhole(Rig &rig, const RigRun &run) {
+    RunOutcome outcome = rig.Run(run);
+    if (outcome.isInterrupted)
         throw std::runtime_error("a worker process was interrupted");
-    return run;
+    return outcome;
+}
+
+std::string RunBootCommand(Rig &rig, const std::string &command, SimSettings::Record record) {
+    const RunOutcome outcome = rig.RunCommand({"/bin/sh", "-c", command}, record);
+    if (outcome.isInterrupted)
+        throw std::runtime_error("a worker process was interrupted");
+    if (rig.State().Changes() != 0)
+        throw std::runtime_error("the command that --boots names changes flash");
+    if (outcome.isOverdue)
+        return "the boot command timed out";
+    return outcome.status == 0 ? "" : "the boot command fails";
 }
 
 std::string WalkedPlaces(const SweepResult &result, const char *noun) {

@@ -40,7 +40,7 @@ protected:
 /// An image file on a partition without bad blocks, where nothing else is.
 class ImagePebs final : public PebReader {
 public:
-    /// @param bytes outlive the reader; a part of a PEB at their end counts for nothing
+    /// @param bytes outlive the reader; a part of a PEB at their end is one whose rest is erased, as a write leaves it
     /// @param pebs size of the partition; one that is smaller than the image has no effect
     ImagePebs(const std::uint8_t *bytes, std::uint64_t length, std::uint32_t pebSize, std::uint32_t pebs = 0);
 
@@ -51,7 +51,7 @@ public:
 
 private:
     const std::uint8_t *m_bytes;
-    std::uint32_t m_imagePebs;
+    std::uint64_t m_length;
     std::uint32_t m_pebs;
     std::uint32_t m_pebSize;
 };
@@ -72,7 +72,7 @@ public:
     bool IsProgrammed(std::uint32_t peb, std::uint32_t offset) const;
 
 private:
-    const NandChip &m_chip;
+    const NandChip *m_chip;
     std::uint32_t m_firstBlock;
     std::uint32_t m_pebs;
 };

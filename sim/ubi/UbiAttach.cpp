@@ -233,7 +233,8 @@ private:
     /// Takes the free PEB that a new copy of the volume table needs.
     Step WriteTableCopy() {
         m_out.isTableRepaired = !m_out.wasEmpty;
-        if (m_out.pebs.free + m_out.pebs.erase == 0)
+        // A read-only device erases nothing.
+        if (m_out.pebs.free + (m_out.isReadOnly ? 0 : m_out.pebs.erase) == 0)
             return Refusal{ENOSPC, "no PEB is free for a copy of the volume table"};
         if (m_out.isReadOnly)
             return Refusal{EROFS, "the volume table needs repair, and an internal volume forbids to write"};
@@ -254,7 +255,7 @@ private:
             return {};
         }
         const auto &lebs = found->second.lebs;
-        // The kernel would write past its two buffers if another number came.
+        // With another number the kernel writes past its two buffers and panics.
         if (lebs.size() > kUbiLayoutLebs || lebs.rbegin()->first >= kUbiLayoutLebs)
             return Refusal{EINVAL, "the volume table has a LEB that isn't 0 or 1"};
 

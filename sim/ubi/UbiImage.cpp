@@ -78,6 +78,28 @@ std::vector<std::uint32_t> UnreadableLebs(const UbiVolume &volume, const PebRead
     return unreadable;
 }
 
+std::string AttachmentLoss(const UbiAttachment &wanted, const UbiAttachment &found) {
+    if (!wanted.IsAttached())
+        return {};
+    if (!found.IsAttached())
+        return "the kernel does not attach it: " + found.reason;
+    for (const UbiVolume &volume : wanted.volumes) {
+        const auto isSame = [&](const UbiVolume &other) {
+            return other.id == volume.id && other.name == volume.name && other.isStatic == volume.isStatic &&
+                   other.tablePebs == volume.tablePebs && other.alignment == volume.alignment;
+        };
+        const auto other = std::find_if(found.volumes.begin(), found.volumes.end(), isSame);
+        if (other == found.volumes.end())
+            return "volume \"" + volume.name + "\" is lost";
+        const auto isSameLeb = [](const auto &a, const auto &b) { return a.first == b.first; };
+        if (!std::equal(volume.lebs.begin(), volume.lebs.end(), other->lebs.begin(), other->lebs.end(), isSameLeb))
+            return "volume \"" + volume.name + "\" has other LEBs";
+        if (other->hasUpdateMarker && !volume.hasUpdateMarker)
+            return "an update of volume \"" + volume.name + "\" was interrupted";
+    }
+    return found.volumes.size() == wanted.volumes.size() ? "" : "there are other volumes";
+}
+
 std::string UbifsSuperblock::Problem(const UbiVolume &volume, const UbiGeometry &geometry) const {
     const auto differs = [](const char *option, std::uint32_t found, std::uint32_t wanted) {
         return "it is made with " + std::string(option) + " " + std::to_string(found) + " and needs " +

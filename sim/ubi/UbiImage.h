@@ -39,6 +39,11 @@ std::vector<std::uint32_t> DamagedLebs(const UbiVolume &volume, const PebReader 
 /// @return LEBs of a volume that can't be read without uncorrectable ECC errors.
 std::vector<std::uint32_t> UnreadableLebs(const UbiVolume &volume, const PebReader &pebs, const UbiGeometry &geometry);
 
+/// Compares a partition with what it has to be, such as the one that an undisturbed run leaves. Erase counters, the
+/// image sequence number and the places of LEBs don't count, nor does a volume's growth at attaching.
+/// @return what is wrong, without a full stop; empty when both attach with the same volumes and mapped LEBs.
+std::string AttachmentLoss(const UbiAttachment &wanted, const UbiAttachment &found);
+
 /// What the superblock of a UBIFS file system says.
 struct UbifsSuperblock {
     std::uint32_t minIoSize = 0;   ///< bytes

@@ -15,3 +15,14 @@ std::string JoinNumbers(const std::vector<std::size_t> &numbers) {
         text += (text.empty() ? "" : ", ") + std::to_string(number);
     return text;
 }
+
+std::string LinesText(const std::vector<std::size_t> &numbers) {
+    return (numbers.size() == 1 ? "line " : "lines ") + JoinNumbers(numbers);
+}
+
+std::string PlaceAdvice(const std::string &folder, const std::string &name) {
+    if (folder == "/tmp/update/")
+        return "";
+    return "run the update from /tmp/update: the device looks for " + name + " there, not in " +
+           (folder == "/" ? folder : folder.substr(0, folder.size() - 1));
+}

@@ -1,6 +1,6 @@
 #include "verdict/FlashRanges.h"
 
-#include "UEnvTool.h"
+#include "verdict/BlockContent.h"
 
 #include <algorithm>
 #include <string>
@@ -76,7 +76,5 @@ std::vector<char> WholeFlash::Read(const FlashRange &range) const {
 }
 
 bool HasValidCrc(const std::vector<char> &environment) {
-    UEnvTool updated(environment.data(), static_cast<int>(environment.size()));
-    updated.UpdateCRC();
-    return std::equal(environment.begin(), environment.end(), updated.m_pBlock);
+    return LookAtBlock({environment.data(), environment.size()}).kind == BlockContent::Kind::Environment;
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <sys/wait.h>
+#include <utility>
 
 namespace {
 
@@ -42,9 +43,13 @@ RunFacts::RunFacts(const RunRecord &record, const NandChip &chip)
     const std::string text = VisibleScript(record.script);
     isScriptCut = text.size() < record.script.size();
     const std::vector<UpdateLine> updateLines = ReadUpdateLines(text);
-    story = FollowRun(updateLines, record.out, record.err, wasCut);
+    // Other programs may print anything; without a record, such as that of a script for a stand-in, all output must do.
+    const bool isKnown = !record.updater.out.empty() || !record.updater.err.empty();
+    story = FollowRun(updateLines, isKnown ? record.updater.out : record.out, isKnown ? record.updater.err : record.err,
+                      wasCut);
     for (std::size_t i = 0; i < updateLines.size(); ++i)
         lines.push_back(TakeLine(updateLines[i], story.lines[i].result, *this));
+    ubi = FindUbiPartitions(*this);
 }
 
 std::optional<std::int64_t> RunFacts::ImageSize(const UpdateLine &line) const {
@@ -85,6 +90,29 @@ std::vector<std::int64_t> RunFacts::NotedPages(const std::string &text) const {
             offsets.push_back(flash.FromChip(note.offset));
     }
     return offsets;
+}
+
+bool RunFacts::IsPassedOver(const LineVerdict &line) const {
+    const bool isMissing = !line.line.image.empty() && record.files.count(line.line.image) == 0;
+    return line.result == LineResult::Skipped || (line.result == LineResult::NeverRan && isMissing);
+}
+
+std::vector<std::vector<char>> RunFacts::WholeReads(const FlashRange &range) const {
+    const auto size = static_cast<std::size_t>(range.end - range.begin);
+    std::vector<std::vector<char>> blocks;
+    std::vector<char> bytes;
+    for (const FlashLook &read : record.updater.reads) {
+        if (read.offset == flash.OnChip(range.begin))
+            bytes.clear();
+        else if (bytes.empty() || read.offset != flash.OnChip(range.begin) + bytes.size()) {
+            bytes.clear();
+            continue;
+        }
+        bytes.insert(bytes.end(), read.bytes.begin(), read.bytes.end());
+        if (bytes.size() == size)
+            blocks.push_back(std::exchange(bytes, {}));
+    }
+    return blocks;
 }
 
 std::vector<NotifyCall> RunFacts::NotifyCalls() const {

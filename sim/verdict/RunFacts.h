@@ -3,8 +3,10 @@
 #include "chip/NandChip.h"
 #include "mtd/SimState.h"
 #include "mtd/Trace.h"
+#include "mtd/UpdaterRecord.h"
 #include "verdict/FlashRanges.h"
 #include "verdict/RunStory.h"
+#include "verdict/UbiFacts.h"
 #include "verdict/UpdateLines.h"
 
 #include <cstdint>
@@ -17,11 +19,15 @@
 struct RunRecord {
     std::string script;                          ///< bytes of the script file
     std::map<std::string, std::int64_t> files;   ///< sizes of the files that words of the script name; -1: not regular
-    std::map<std::string, std::string> contents; ///< bytes of the small ones among those files
+    std::map<std::string, std::string> contents; ///< bytes of the regular ones among those files
     std::vector<SimDevice> devices;              ///< as "/proc/mtd" lists them
     int status = 0;                              ///< of the updater, as waitpid gives it
-    std::string out;                             ///< all standard output
+    std::string out;                             ///< all standard output, of all programs
     std::string err;                             ///< all standard error
+    bool isOverdue = false;                      ///< the run timed out and was killed
+    bool isOutputCut = false;                    ///< `out` or `err` lacks what came after a limit
+    std::string excess;                          ///< "processes" or "memory" when the run took too much and was killed
+    UpdaterRecord updater;                       ///< what the updater itself printed and read; may be empty
     std::string trace;                           ///< SimState::TraceText
     std::string cutPlace;                        ///< SimState::CutPlace
     std::vector<ProgramNote> programs;           ///< SimState::ProgramNotes
@@ -91,6 +97,12 @@ struct RunFacts {
     /// @return the offsets of the pages that have a note of this text in the trace, in order.
     std::vector<std::int64_t> NotedPages(const std::string &text) const;
 
+    /// @return whether the updater passed over a line, or would have if the run had come so far.
+    bool IsPassedOver(const LineVerdict &line) const;
+
+    /// @return the bytes of a range each time that the updater read it whole, in order.
+    std::vector<std::vector<char>> WholeReads(const FlashRange &range) const;
+
     /// @return the calls of the notify script, in order.
     std::vector<NotifyCall> NotifyCalls() const;
 
@@ -102,6 +114,7 @@ struct RunFacts {
     bool isScriptCut; ///< the updater doesn't see the script's end
     RunStory story;   ///< its lines are those of `lines`
     std::vector<LineVerdict> lines;
+    std::vector<UbiPartition> ubi; ///< FindUbiPartitions
 };
 
 /// @return those of the requested cut and faults that the run never reached: "cut 100: there were 65 changes".

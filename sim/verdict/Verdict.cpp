@@ -22,6 +22,7 @@ bool Verdict::IsClean() const {
 Verdict Judge(const RunFacts &facts) {
     Verdict verdict;
     verdict.lines = facts.lines;
+    verdict.ubi = facts.ubi;
     for (const NotifyCall &call : facts.NotifyCalls())
         verdict.percentages.push_back(call.percent);
     for (const Check check : kChecks) {

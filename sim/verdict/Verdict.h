@@ -8,6 +8,7 @@
 struct Verdict {
     std::vector<LineVerdict> lines;
     std::vector<int> percentages;  ///< as passed to the notify script
+    std::vector<UbiPartition> ubi; ///< as RunFacts has them; they refer to the chip
     std::vector<Finding> findings; ///< by line, those about the run first
 
     /// @return whether there is neither a warning nor an error.

@@ -41,8 +41,8 @@ void CheckImage(const RunFacts &facts, const UpdateLine &line, const LineStory &
     const std::int64_t room = static_cast<std::int64_t>(blocks.size()) * pagesPerBlock * record;
     if (*size > room)
         findings.push_back(ForLine(line, FindingId::CutAtEnd,
-                                   "the flash ends before the image: the last " + Count(*size - room, "byte") +
-                                       " of the image are lost, silently"));
+                                   "the flash ends before the image, which silently loses " +
+                                       Count(*size - room, "byte") + " at its end"));
     std::int64_t left = 0;
     const bool isKnown = facts.record.contents.count(line.image) != 0;
     const std::int64_t pages = (std::min(*size, room) + record - 1) / record;

@@ -18,7 +18,7 @@ void CheckStopped(const RunFacts &facts, std::vector<Finding> &findings) {
     if (unreached.empty())
         return;
     const std::string happens = std::string("the run ends here") + (facts.wasCut ? "" : ", but the exit status is 0") +
-                                "; never ran: line " + JoinNumbers(unreached);
+                                "; never ran: " + LinesText(unreached);
     findings.push_back(last != nullptr ? ForLine(*last, FindingId::Stopped, happens)
                                        : ForRun(FindingId::Stopped, happens, "see how the updater ended"));
 }

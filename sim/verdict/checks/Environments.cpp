@@ -1,5 +1,7 @@
 #include "UEnvTool.h"
 #include "base/Text.h"
+#include "verdict/BlockContent.h"
+#include "verdict/CheckText.h"
 #include "verdict/Checks.h"
 
 #include <algorithm>
@@ -64,6 +66,15 @@ void CheckWrittenEnvironment(const RunFacts &facts, const FlashRange &range, std
     }
 }
 
+/// @return whether the updater found an environment, or a blank block, each time that it read a range.
+bool FindsEnvironments(const RunFacts &facts, const FlashRange &range) {
+    const std::vector<std::vector<char>> reads = facts.WholeReads(range);
+    return std::all_of(reads.begin(), reads.end(), [](const std::vector<char> &block) {
+        const BlockContent::Kind kind = LookAtBlock({block.data(), block.size()}).kind;
+        return kind == BlockContent::Kind::Environment || kind == BlockContent::Kind::Blank;
+    });
+}
+
 bool IsVariable(const std::string &entry) {
     const std::size_t length = std::min(entry.find('='), entry.size());
     return length > 0 && length < entry.size() &&
@@ -71,43 +82,67 @@ bool IsVariable(const std::string &entry) {
                        [](char character) { return character > ' ' && character <= '~'; });
 }
 
+/// Of a block whose CRC is invalid at the end of the update.
+Finding InvalidFinding(const RunFacts &facts, const FlashRange &range, const UpdateLine &last) {
+    std::vector<std::size_t> later;
+    for (const LineVerdict &verdict : facts.lines) {
+        const std::optional<FlashRange> other = facts.RangeOf(verdict);
+        if (verdict.line.number > last.number && verdict.HasRun() && other && other->Overlaps(range))
+            later.push_back(verdict.line.number);
+    }
+    const std::string happens = "the block has an invalid CRC when the update ends";
+    if (later.empty())
+        return ForLine(last, FindingId::EnvironmentLost, happens);
+    return ForLine(last, FindingId::EnvironmentLost, happens + ": changed later by " + LinesText(later),
+                   "keep the range of " + LinesText(later) + " off the environment");
+}
+
 /// An environment as a boot loader reads it after the update.
 /// @param setters the lines that changed it, by variable, the last one for each
+/// @param isSound the updater found an environment there, as far as is known
 void CheckFinalEnvironment(const RunFacts &facts, const FlashRange &range, const UpdateLine &last,
-                           const std::map<std::string, const UpdateLine *> &setters, std::vector<Finding> &findings) {
+                           const std::map<std::string, const UpdateLine *> &setters, bool isSound,
+                           std::vector<Finding> &findings) {
     const std::vector<char> bytes = facts.flash.Read(range);
     const UEnvTool block(bytes.data(), static_cast<int>(bytes.size()));
     const auto bad = static_cast<std::int64_t>(facts.flash.BadBlocks(range).size());
     const std::size_t excess = ExcessOf(bytes);
-    if (!HasValidCrc(bytes) && bad > 0) {
+    // The updater reads and rewrites the range as if it had no bad blocks, a boot loader skips them.
+    if (bad > 0) {
         findings.push_back(ForLine(last, FindingId::EnvironmentLost,
                                    "its range holds " + Count(bad, "bad block") + ": the last " +
                                        std::to_string(bad * facts.flash.EraseSize()) +
                                        " bytes of the environment are lost",
                                    "nothing in the update: this device's environment needs good blocks"));
     } else if (!HasValidCrc(bytes)) {
-        findings.push_back(
-            ForLine(last, FindingId::EnvironmentLost, "the block has an invalid CRC when the update ends"));
+        findings.push_back(InvalidFinding(facts, range, last));
     } else if (excess > 0) {
         findings.push_back(ForLine(last, FindingId::EnvironmentLost,
                                    "the variables take " + std::to_string(bytes.size() + excess - kUnreadBytes) +
                                        " of " + std::to_string(bytes.size()) +
                                        " bytes: the next change loses the last one",
                                    ShorteningAdvice(excess)));
-    } else {
+    } else if (isSound) {
+        const BootVariables variables(std::string_view(bytes.data(), bytes.size()).substr(kCrcBytes));
         for (const auto &[name, line] : setters) {
-            if (block.HasEnv(name.c_str()) == 0 || block.GetEnv(name.c_str()) != line->Value())
+            const auto found = variables.values.find(name);
+            const bool isSet = found != variables.values.end() && found->second == line->Value();
+            if (!isSet && variables.duplicates.count(name) == 0)
                 findings.push_back(ForLine(*line, FindingId::EnvironmentLost,
-                                           name + " is no longer in the block when the update ends"));
+                                           name + " no longer has this value when the update ends",
+                                           "keep other lines and programs off the block"));
         }
     }
+    // Blocks that the updater was seen to find are another check's.
+    if (!facts.WholeReads(range).empty())
+        return;
     const auto strange = std::count_if(block.m_vEntry.begin(), block.m_vEntry.end(),
                                        [](const std::string &entry) { return !IsVariable(entry); });
     if (strange > 0)
         findings.push_back(ForLine(last, FindingId::EnvironmentDamaged,
-                                   std::to_string(strange) + " of the " + std::to_string(block.m_vEntry.size()) +
-                                       " entries in the block are not variables: the block held no environment "
-                                       "before, or a damaged one",
+                                   "the block holds " + Count(strange, "text") +
+                                       (strange == 1 ? " that is no variable" : " that are no variables") +
+                                       ": the block held no environment before, or a damaged one",
                                    "use the range of an environment, and write a whole environment there first"));
 }
 
@@ -131,8 +166,10 @@ std::vector<Finding> CheckEnvironments(const RunFacts &facts) {
             last = &other.line;
             setters[last->Name()] = last;
         }
-        CheckFinalEnvironment(facts, *range, *last, setters, findings);
-        CheckWrittenEnvironment(facts, *range, findings);
+        const bool isSound = FindsEnvironments(facts, *range);
+        CheckFinalEnvironment(facts, *range, *last, setters, isSound, findings);
+        if (isSound)
+            CheckWrittenEnvironment(facts, *range, findings);
     }
     return findings;
 }

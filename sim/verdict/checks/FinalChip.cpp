@@ -87,8 +87,10 @@ bool HoldsIntent(const RunFacts &facts, const Intent &intent, std::uint32_t page
     const std::size_t length = std::min(record, image.size() - begin);
     if (std::memcmp(cells, image.data() + begin, length) != 0)
         return false;
-    // The rest of a short record is whatever the updater's buffer held; that is reported as such.
-    return intent.line->line.kind == LineKind::WriteOob || IsErased(cells + length, rawSize - length);
+    // The rest of a short record is whatever the updater's buffer held; that is reported as such. On a kernel without
+    // MEMWRITE an image without OOB gets ECC.
+    return intent.line->line.kind == LineKind::WriteOob ||
+           (IsErased(cells + length, record - length) && facts.chip.HasPlainOob(page));
 }
 
 struct Difference {

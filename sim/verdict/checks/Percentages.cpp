@@ -40,12 +40,10 @@ std::string ExplanationOf(const RunFacts &facts, const std::vector<int> &percent
     }
     std::string text;
     if (!more.empty() && *std::max_element(percentages.begin(), percentages.end()) > kWholePercent)
-        text +=
-            "; more blocks than counted in line " + JoinNumbers(more) + " (a write of whole blocks and any writeoob)";
+        text += "; more blocks than counted in " + LinesText(more) + " (a write of whole blocks and any writeoob)";
     if (!fewer.empty() &&
         (percentages.back() < kWholePercent || !std::is_sorted(percentages.begin(), percentages.end())))
-        text +=
-            "; fewer blocks than counted in line " + JoinNumbers(fewer) + " (a ubiformat, a setenv around a bad block)";
+        text += "; fewer blocks than counted in " + LinesText(fewer) + " (a ubiformat, a setenv around a bad block)";
     return text;
 }
 

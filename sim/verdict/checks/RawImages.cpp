@@ -1,3 +1,4 @@
+#include "base/Text.h"
 #include "verdict/Checks.h"
 
 #include <algorithm>
@@ -38,7 +39,7 @@ std::vector<Finding> CheckRawImages(const RunFacts &facts) {
         }
         if (const std::int64_t rest = PartialRecord(facts, line, facts.story.lines[i]))
             findings.push_back(ForLine(line, FindingId::RawLength,
-                                       "the image ends with " + std::to_string(rest) + " bytes of a record of " +
+                                       "the image ends with " + Count(rest, "byte") + " of a record of " +
                                            std::to_string(facts.RecordSize(line)) +
                                            ": the rest of that page is filled from the page before",
                                        "use an image of whole pages of " + std::to_string(geometry.pageSize) +

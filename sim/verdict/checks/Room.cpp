@@ -12,12 +12,15 @@ std::vector<Finding> CheckRoom(const RunFacts &facts) {
         if (*verdict.imageBlocks == 0)
             findings.push_back(ForLine(line, FindingId::EmptyImage,
                                        line.image + " is empty: the range is erased and nothing is written"));
-        if (*spare == 0)
+        // Makers guarantee that the first block is good.
+        const FlashRange range = *facts.RangeOf(verdict);
+        const bool isFirstBlock =
+            facts.flash.OnChip(range.begin) == 0 && range.end - range.begin == facts.flash.EraseSize();
+        if (*spare == 0 && !isFirstBlock)
             findings.push_back(ForLine(line, FindingId::NoSpare,
                                        std::string("the image fills its range: on a device with a bad block there, ") +
-                                           (facts.RangeOf(verdict)->end == facts.flash.Size()
-                                                ? "the end of the image is lost, silently"
-                                                : "the run ends here")));
+                                           (range.end == facts.flash.Size() ? "the end of the image is lost, silently"
+                                                                            : "the run ends here")));
         else if (*spare < 0 && verdict.result == LineResult::NeverRan)
             findings.push_back(
                 ForLine(line, FindingId::OutrunsRange,

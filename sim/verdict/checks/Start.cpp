@@ -33,6 +33,19 @@ std::string PrepareAdvice(const ShellCall &call) {
     return "";
 }
 
+/// Of a run that didn't get to a script.
+/// @param isExplained other findings tell why
+Finding NotStartedFinding(const RunFacts &facts, bool isExplained) {
+    const std::string happens = "the updater doesn't reach a script: " + LastMessage(facts);
+    std::string change = isExplained ? "see the other findings about the start of the update" : "";
+    for (const auto &file : facts.record.files) {
+        if (file.first.find('/') != std::string::npos)
+            change = "the script is in " + file.first.substr(0, file.first.rfind('/')) +
+                     " of the update: put it and its files at the top";
+    }
+    return ForRun(FindingId::NotStarted, happens, change);
+}
+
 /// Of a refusal "script line 3 of 300 characters, the limit is 255" or "script of ...".
 Finding RefusalFinding(const RunFacts &facts) {
     constexpr const char *kOfLine = "script line ";
@@ -57,11 +70,7 @@ std::vector<Finding> CheckStart(const RunFacts &facts) {
     if (facts.isScriptCut)
         findings.push_back(
             ForRun(FindingId::ScriptCut, "the updater reads the script up to its first zero byte, and at most 1 MiB"));
-    if (!facts.story.hasStarted)
-        findings.push_back(
-            ForRun(FindingId::NotStarted, "the updater doesn't reach a script: " + LastMessage(facts),
-                   facts.calls.shellCalls.empty() ? "" : "see the other findings about the update's start"));
-    else if (facts.lines.empty())
+    if (facts.story.hasStarted && facts.lines.empty())
         findings.push_back(
             ForRun(FindingId::NotStarted, "the script has no command: nothing is done", "add commands to the script"));
     if (!facts.story.refusal.empty())
@@ -69,9 +78,11 @@ std::vector<Finding> CheckStart(const RunFacts &facts) {
     if (!facts.flash.HasDevice())
         findings.push_back(
             ForRun(FindingId::NoWholeFlash, "no MTD device has all in its name, and there is no mtd0 to use instead"));
+    bool hasFailedStart = false;
     for (const ShellCall &call : facts.calls.shellCalls) {
         if (call.status <= 0)
             continue;
+        const std::size_t count = findings.size();
         if (BeginsWith(call.command, kPrepareCommand))
             findings.push_back(ForRun(FindingId::PrepareFailed,
                                       "the prepare script ends with " + EndingText(call.status) +
@@ -81,6 +92,9 @@ std::vector<Finding> CheckStart(const RunFacts &facts) {
             findings.push_back(
                 ForRun(FindingId::HandoverFailed,
                        "the copy of the updater in the update ends silently with " + EndingText(call.status)));
+        hasFailedStart = hasFailedStart || findings.size() > count;
     }
+    if (!facts.story.hasStarted)
+        findings.insert(findings.begin() + (facts.isScriptCut ? 1 : 0), NotStartedFinding(facts, hasFailedStart));
     return findings;
 }

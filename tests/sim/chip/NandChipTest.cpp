@@ -1,7 +1,9 @@
 #include "chip/NandChip.h"
 
 #include <algorithm>
+#include <functional>
 #include <gtest/gtest.h>
+#include <iterator>
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -17,7 +19,8 @@ constexpr NandGeometry kGeometry = {0x80000, 0x20000, 2048, 64};
 struct Bench {
     explicit Bench(Ecc ecc = Ecc::Host, const NandGeometry &geometry = kGeometry)
         : cells(geometry.RawSize()), pages(geometry.Pages()), blocks(geometry.Blocks()),
-          chip(geometry, ecc, {cells.data(), pages.data(), blocks.data()}) {
+          sums(geometry.Pages() + geometry.Blocks()),
+          chip(geometry, ecc, {cells.data(), pages.data(), blocks.data(), sums.data()}) {
         chip.Format();
     }
 
@@ -38,6 +41,7 @@ struct Bench {
     }
 
     Bytes cells, pages, blocks;
+    std::vector<std::uint64_t> sums;
     NandChip chip;
 };
 
@@ -173,4 +177,61 @@ TEST(NandChip, WornPartsDoTheirWorkAndReportAFailure) {
     EXPECT_EQ(bench.Read(1).second, Page({}));
     EXPECT_FALSE(bench.Program(1, Page({}), false).done);
     EXPECT_TRUE(bench.Program(2, Page({}), false).done);
+}
+
+TEST(NandChip, ChecksumsFitAfterEveryChangeOfItsOwnAndNotAfterOthers) {
+    const std::uint32_t pages = kGeometry.PagesPerBlock();
+    Bench bench;
+    Bench other;
+    other.Program(pages, Page({{3, 0x21}}), true);
+    NandChip::BlockImage image;
+    other.chip.SaveBlock(1, image);
+    bench.chip.LetReadsAge();
+    const std::function<void()> changes[] = {
+        [&] {
+            bench.Program(2, Page({{9, 1}}), true, Extent::Unstable);
+        },
+        [&] { bench.Read(2); }, // the bit errors come
+        [&] { bench.chip.Erase(0, Extent::Unstable); },
+        [&] { bench.Read(0); },
+        [&] { bench.chip.CopyBlock(other.chip, 1); },
+        [&] { bench.chip.Erase(1, Extent::FirstHalf); },
+        [&] { bench.chip.RestoreBlock(1, image); },
+        [&] { bench.chip.MakeWeakBlock(1); },
+        [&] { bench.chip.MakeWeakPages(2); },
+        [&] { bench.chip.MarkBad(3); },
+        [&] { bench.chip.ForgetMarks(); },
+    };
+    for (std::size_t i = 0; i < std::size(changes); ++i) {
+        const std::vector<std::uint64_t> before = bench.sums;
+        changes[i]();
+        EXPECT_NE(bench.sums, before) << i;
+        EXPECT_EQ(bench.chip.MisfitPages(), std::vector<std::uint32_t>()) << i;
+    }
+    bench.cells[std::size_t{5} * kGeometry.RawPageSize()] ^= 1;
+    EXPECT_EQ(bench.chip.MisfitPages(), std::vector<std::uint32_t>{5});
+    bench.chip.Format();
+    EXPECT_EQ(bench.chip.MisfitPages(), std::vector<std::uint32_t>());
+}
+
+TEST(NandChip, TakesTheKernelsEccAndNothingElseInTheOobForPlain) {
+    Bench bench;
+    Bench other;
+    for (std::uint32_t page = 0; page < 4; ++page)
+        other.Program(page, Page({{3, 0x21}}), true);
+    bench.Program(0, Page({{3, 0x21}}), true);
+    bench.Program(1, Page({{3, 0x21}}), false);
+    EXPECT_TRUE(bench.chip.HasPlainOob(0));
+    EXPECT_TRUE(bench.chip.HasPlainOob(1));
+    EXPECT_FALSE(bench.chip.HasDataOf(other.chip, 0)) << "two pages are missing";
+    bench.Program(2, Page({{3, 0x21}}), false);
+    bench.Program(3, Page({{3, 0x21}}), false);
+    EXPECT_TRUE(bench.chip.HasDataOf(other.chip, 0));
+    const std::size_t oob = std::size_t{1} * kGeometry.RawPageSize() + kGeometry.pageSize;
+    bench.cells[oob + 2] = 0x7F; // no place of the ECC
+    EXPECT_FALSE(bench.chip.HasPlainOob(1));
+    EXPECT_FALSE(bench.chip.HasDataOf(other.chip, 0));
+    bench.cells[oob + 2] = 0xFF;
+    bench.cells[oob + 63] = 0x7F; // one of the ECC alone
+    EXPECT_FALSE(bench.chip.HasPlainOob(1));
 }

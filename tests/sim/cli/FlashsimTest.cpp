@@ -76,7 +76,9 @@ TEST_F(Flashsim, WrongUseGetsOneLineAndStatusTwo) {
     std::istringstream rows(
         "--frob|--chip 8M,128K,2K|--chip 8M,128K,2Q,64|--chip 8M,100K,2K,64|--ecc none|--bad 3-1|"
         "--bad 256|--fault MEMWRITE|--fault read=EFROG|--mtd 3|--mtd 3:part:1,128K|--mount opt|"
-        "--as update|--root /nowhere|--program /nowhere|--start false|--cut x|--cut -1|--cut 0|"
+        "--as update|--root /nowhere|--program /nowhere|--start false|--cut x|--cut -1|--cut 0|--cut 0x1|--cut 1:frog|"
+        "--sweep cut --torn frog|--sweep cut --shard 5/4|--sweep cut --shard 0/4|--sweep cut --keep x|"
+        "--sweep cut --slot a:0,16K|--erase-fails 256|"
         "--sweep bad --sets -1|--sweep bad --seed 010|--sweep cut --every 0|--every 2|--sweep bad --every 2|"
         "--trace /nowhere/t|--report /|--flash F --map ./F|--flash F --trace F.chip|"
         "--trace F --report F|--root /|--no-sysfs bogus|--mtd 1:a --mtd 1:b|--mtd 1234567:a|"
@@ -87,6 +89,9 @@ TEST_F(Flashsim, WrongUseGetsOneLineAndStatusTwo) {
         EXPECT_EQ(m_err.rfind("flashsim: ", 0), 0U) << options;
         EXPECT_EQ(m_err.find('\n'), m_err.size() - 1) << options << m_err;
     }
+    const std::string dump = Save("dump", "cells").string();
+    EXPECT_EQ(Run("--flash " + dump), 2);
+    EXPECT_EQ(m_err.rfind("flashsim: " + dump + ".chip is missing: ", 0), 0U) << m_err;
     for (const char *update : {"/nowhere", "/dev/null", ""})
         EXPECT_EQ(RunBare(update), 2) << update;
 }
@@ -170,12 +175,12 @@ TEST_F(Flashsim, FindingsAreToldOneALineWithStatusOne) {
         const char *options;
         const char *found;
     } rows[] = {
-        {"--fault MEMWRITE:2=EIO", "\nflashrig.script:2: error: write 20000 40000 image: write page return -1: "},
-        {"--cut 99", "\nflashrig.script: warning: cut 99: there were 5 changes; "},
-        {"--fault read:99=EIO", "\nflashrig.script: warning: fault read:99=EIO: there were 0 such requests; "},
-        {"--cut 4", "\nflashrig.script: error: power is lost during MEMWRITE at 0x20000; "},
+        {"--fault MEMWRITE:2=EIO", "/update/flashrig.script:2: error: write 20000 40000 image: write page return -1: "},
+        {"--cut 99", "/update/flashrig.script: warning: cut 99: there were 5 changes; "},
+        {"--fault read:99=EIO", "/update/flashrig.script: warning: fault read:99=EIO: there were 0 such requests; "},
+        {"--cut 4", "/update/flashrig.script: error: power is lost during MEMWRITE at 0x20000; "},
         {"--mtd 3:all:0,128K",
-         "\nflashrig.script:2: error: write 20000 40000 image: fail to check bad block at 20000: "},
+         "/update/flashrig.script:2: error: write 20000 40000 image: fail to check bad block at 20000: "},
     };
     for (const auto &row : rows) {
         EXPECT_EQ(Run(row.options), 1) << row.options;

@@ -42,24 +42,34 @@ using Words = std::vector<std::string>;
 TEST(Options, EachOneReachesItsFieldAndTheRestKeepTheirDefaults) {
     const Options none = Read({}).options;
     EXPECT_EQ(none.chip + none.bad + none.ecc + none.flash + none.missingSysfs + none.root + none.place + none.program +
-                  none.trace + none.report + none.map,
+                  none.trace + none.report + none.map + none.cut + none.eraseFails + none.programFails + none.boots +
+                  none.shard,
               "");
-    EXPECT_FALSE(none.isUsed || none.isRaw);
+    EXPECT_FALSE(none.isUsed || none.isRaw || none.isExact);
     EXPECT_EQ(none.devices.size() + none.mounts.size() + none.starts.size() + none.faults.size() + none.sweeps.size(),
               0U);
-    EXPECT_EQ(Words({std::to_string(none.cut), std::to_string(none.every), std::to_string(none.sets),
-                     std::to_string(none.seed)}),
-              Words({"0", "1", "100", "1"}));
+    EXPECT_EQ(Words({std::to_string(none.every), std::to_string(none.sets), std::to_string(none.seed),
+                     std::to_string(none.sample), none.torn}),
+              Words({"1", "100", "1", "4", "half,done"}));
 
     const struct {
         const char *name, *value;
         std::string Options::*field;
-    } texts[] = {{"--chip", "c", &Options::chip},      {"--bad", "1", &Options::bad},
-                 {"--ecc", "e", &Options::ecc},        {"--flash", "f", &Options::flash},
-                 {"--root", EXAMPLES, &Options::root}, {"--no-sysfs", "size,type", &Options::missingSysfs},
-                 {"--as", "/tmp/x", &Options::place},  {"--program", "/dev/null", &Options::program},
-                 {"--trace", "t", &Options::trace},    {"--report", "r", &Options::report},
-                 {"--map", "m", &Options::map}};
+    } texts[] = {{"--chip", "c", &Options::chip},
+                 {"--bad", "1", &Options::bad},
+                 {"--ecc", "e", &Options::ecc},
+                 {"--flash", "f", &Options::flash},
+                 {"--root", EXAMPLES, &Options::root},
+                 {"--no-sysfs", "size,type", &Options::missingSysfs},
+                 {"--as", "/tmp/x", &Options::place},
+                 {"--program", "/dev/null", &Options::program},
+                 {"--trace", "t", &Options::trace},
+                 {"--report", "r", &Options::report},
+                 {"--map", "m", &Options::map},
+                 {"--cut", "9:done", &Options::cut},
+                 {"--erase-fails", "1", &Options::eraseFails},
+                 {"--program-fails", "2", &Options::programFails},
+                 {"--boots", "true", &Options::boots}};
     for (const auto &row : texts)
         EXPECT_EQ(Read({row.name, row.value}).options.*row.field, row.value) << row.name;
 
@@ -71,6 +81,10 @@ TEST(Options, EachOneReachesItsFieldAndTheRestKeepTheirDefaults) {
                  {"--mount", {"/opt", "/usr/local"}, &Options::mounts},
                  {"--start", {"sleep 1", "true"}, &Options::starts},
                  {"--fault", {"read=EIO", "read=5"}, &Options::faults},
+                 {"--after", {EXAMPLES "/clean", EXAMPLES "/ab"}, &Options::after},
+                 {"--keep", {"1", "0,16K"}, &Options::keeps},
+                 {"--boot-env", {"0,16K", "16K,16K"}, &Options::bootEnvironments},
+                 {"--slot", {"a=b:0,16K", "a=c:16K,16K"}, &Options::slots},
                  {"--sweep", {"cut", "bad", "faults"}, &Options::sweeps}};
     for (const auto &row : lists) {
         Words words;
@@ -84,7 +98,14 @@ TEST(Options, EachOneReachesItsFieldAndTheRestKeepTheirDefaults) {
     EXPECT_EQ(Words({std::to_string(numbers.every), std::to_string(numbers.sets), std::to_string(numbers.seed),
                      std::to_string(numbers.jobs)}),
               Words({"2", "3", "4", "5"}));
-    EXPECT_EQ(Read({"--cut", "1000000000"}).options.cut, 1'000'000'000U);
+    // A subcommand is another way to write sweeps; the command line overrides a device's file.
+    EXPECT_EQ(ReadCommandLine({"sweep", "cut", "bad", "--exact", std::string(EXAMPLES) + "/clean"}).options.sweeps,
+              Words({"cut", "bad"}));
+    EXPECT_THROW(ReadCommandLine({"sweep", EXAMPLES "/clean"}), std::exception);
+    const Options device = Read({"--device", EXAMPLES "/devices/ab.toml", "--keep", "16K,16K"}).options;
+    EXPECT_EQ(device.chip, "1M,16K,512,16");
+    EXPECT_EQ(device.bootEnvironments, Words({"0x4000,16K", "0x8000,16K"}));
+    EXPECT_EQ(device.keeps, Words({"16K,16K"}));
     EXPECT_TRUE(Read({"--used"}).options.isUsed);
     EXPECT_TRUE(Read({"--raw"}).options.isRaw);
     const Options update = ReadCommandLine({EXAMPLES "/clean", "notify", "more"}).options;
@@ -103,8 +124,7 @@ TEST(Options, NumbersHaveBoundsAndNoSpellingThatIsReadOtherwise) {
     const struct {
         Words before;
         const char *name, *least, *most;
-    } rows[] = {{{}, "--cut", "1", "1000000000"},
-                {{"--sweep", "cut"}, "--every", "1", "1000000000"},
+    } rows[] = {{{"--sweep", "cut"}, "--every", "1", "1000000000"},
                 {{"--sweep", "bad"}, "--sets", "0", "1000000"},
                 {{"--sweep", "bad"}, "--seed", "0", "999999999999999999"},
                 {{"--sweep", "bad"}, "--jobs", "1", "1024"}};
@@ -133,6 +153,7 @@ TEST(Options, CombinationsWithoutAMeaningAreRefused) {
         {{"--sweep", "bad", "--cut", "1"}, "--sweep goes with neither --raw nor --cut"},
         {{"--sweep", "cut", "--sets", "1"}, "no sweep here uses --sets"},
         {{"--sweep", "faults", "--seed", "1"}, "no sweep here uses --seed"},
+        {{"--sweep", "wear", "--torn", "half"}, "no sweep here uses --torn"},
         {{"--sweep", "bad", "--every", "1"}, "no sweep here uses --every"},
         {{"--sweep", "bad", "--sweep", "faults", "--every", "1", "--seed", "1"}, ""},
         {{"--jobs", "1"}, "--jobs requires --sweep"},
@@ -146,13 +167,17 @@ TEST(Options, CombinationsWithoutAMeaningAreRefused) {
 }
 
 TEST(Options, RerunRepeatsWhatShapesARunAndNothingThatTheSweepReplaces) {
-    const CommandLine line = ReadCommandLine(
-        {"--start", "a 'b'",    "--flash",  "my flash", "--bad",      "7,3-4",      "--every", "2",
-         "--sweep", "cut",      "--jobs",   "1",        "--fault",    "read:2=EIO", "--fault", "open=EIO",
-         "--trace", "t",        "--report", "r",        "--map",      "m",          "--chip",  "1M,16K,512,16",
-         "--ecc",   "chip",     "--mtd",    "12:all",   "--no-sysfs", "size",       "--root",  EXAMPLES,
-         "--mount", "/opt",     "--as",     "/tmp/x",   "--program",  "/dev/null",  "--",      EXAMPLES "/clean",
-         "-n",      "two words"});
+    const CommandLine line = ReadCommandLine({"--start",    "a 'b'",      "--flash",  "my flash",
+                                              "--bad",      "7,3-4",      "--every",  "2",
+                                              "--sweep",    "cut",        "--jobs",   "1",
+                                              "--fault",    "read:2=EIO", "--fault",  "open=EIO",
+                                              "--trace",    "t",          "--report", "r",
+                                              "--map",      "m",          "--chip",   "1M,16K,512,16",
+                                              "--ecc",      "chip",       "--mtd",    "12:all",
+                                              "--no-sysfs", "size",       "--root",   EXAMPLES,
+                                              "--mount",    "/opt",       "--as",     "/tmp/x",
+                                              "--program",  "/dev/null",  "--",       std::string(EXAMPLES) + "/clean",
+                                              "-n",         "two words"});
     EXPECT_EQ(line.rerun.options, " --chip 1M,16K,512,16 --ecc chip --mtd 12:all --no-sysfs size --root " EXAMPLES
                                   " --mount /opt --start 'a '\\''b'\\''' --as /tmp/x --program /dev/null"
                                   " --fault read:2=EIO --fault open=EIO");

@@ -125,12 +125,14 @@ TEST_F(SimStateTest, FaultsAreReadAndHitTheirRequests) {
 
 TEST_F(SimStateTest, TraceKeepsWholeLinesUpToItsLimit) {
     SimSettings settings;
-    settings.traceLimit = 10;
+    settings.traceLimit = 15;
     Begin(settings);
     SimState state(statePath());
     SimState(statePath()).Trace("one");
+    state.Record("two");
     state.Trace("three");
     EXPECT_EQ(state.TraceText(), "one\nthree\n");
+    EXPECT_EQ(state.RecordText(), "two\n") << "kept beside the trace";
     EXPECT_FALSE(state.TraceOverflowed());
     state.Trace("more");
     EXPECT_EQ(state.TraceText(), "one\nthree\n");

@@ -59,10 +59,13 @@ SweepResult Swept(const char *kind) {
     result.planned = 4;
     result.done = 3;
     result.isInterrupted = true;
-    result.failures = {{2, {{6}, 0, {}}, 1, "erase 0 400", "it is so", ""},
-                       {3, {{}, 31, {}}, 0, "", "otherwise", "change it"},
-                       {4, {{}, 0, {{RequestKind::Read, 7, EIO}}}, 1, "erase 0 400", "it is so", ""}};
+    SweepCase fault;
+    fault.faults = {{RequestKind::Read, 7, EIO}, {RequestKind::Open, 0, ENODEV}};
+    result.failures = {{2, {{6}}, 1, "erase 0 400", "it is so", ""},
+                       {3, {{}, 31, Extent::Complete}, 0, "", "otherwise", "change it"},
+                       {4, fault, 1, "erase 0 400", "it is so", ""}};
     result.unsealed = {{1, "erase 0 400", 2}};
+    result.gaps = {{1, "erase 0 400", 3, {{}, 31, Extent::Complete}, 33, "why"}};
     return result;
 }
 
@@ -123,6 +126,7 @@ TEST(Report, HasTheseKeysAndNoOthers) {
                                            "lines.room.imageBlocks",
                                            "lines.room.badBlocks",
                                            "lines.room.spareBlocks",
+                                           "ubi",
                                            "findings",
                                            "findings.line",
                                            "findings.text",
@@ -142,6 +146,10 @@ TEST(Report, HasTheseKeysAndNoOthers) {
                                            "sweeps.failures.run",
                                            "sweeps.failures.badBlocks",
                                            "sweeps.failures.cut",
+                                           "sweeps.failures.torn",
+                                           "sweeps.failures.secondCut",
+                                           "sweeps.failures.eraseFails",
+                                           "sweeps.failures.programFails",
                                            "sweeps.failures.fault",
                                            "sweeps.failures.line",
                                            "sweeps.failures.text",
@@ -151,7 +159,16 @@ TEST(Report, HasTheseKeysAndNoOthers) {
                                            "sweeps.unsealed",
                                            "sweeps.unsealed.line",
                                            "sweeps.unsealed.text",
-                                           "sweeps.unsealed.runs"}));
+                                           "sweeps.unsealed.runs",
+                                           "sweeps.unbootable",
+                                           "sweeps.unbootable.line",
+                                           "sweeps.unbootable.text",
+                                           "sweeps.unbootable.runs",
+                                           "sweeps.unbootable.first",
+                                           "sweeps.unbootable.torn",
+                                           "sweeps.unbootable.last",
+                                           "sweeps.unbootable.why",
+                                           "sweeps.unbootable.command"}));
 }
 
 TEST(Report, DescribesChipDevicesLinesAndFindings) {
@@ -202,12 +219,14 @@ TEST(SweepReport, DescribesFailuresAndTheOptionsThatTheSweepUses) {
     EXPECT_EQ(cut["done"], 3);
     EXPECT_EQ(cut["held"], 0);
     EXPECT_EQ(cut["interrupted"], true);
-    EXPECT_EQ(cut["failures"][0].dump(), R"({"run":2,"badBlocks":[6],"cut":null,"fault":null,"line":1,)"
+    EXPECT_EQ(cut["failures"][0].dump(), R"({"run":2,"badBlocks":[6],"cut":null,"torn":null,"secondCut":null,)"
+                                         R"("eraseFails":[],"programFails":[],"fault":null,"line":1,)"
                                          R"("text":"erase 0 400","happens":"it is so","change":"",)"
                                          R"("command":"flashsim --chip c --used --bad 6,9 update"})");
     EXPECT_EQ(cut["failures"][1]["cut"], 31);
+    EXPECT_EQ(cut["failures"][1]["torn"], "done");
     EXPECT_TRUE(cut["failures"][1]["line"].is_null());
-    EXPECT_EQ(cut["failures"][2]["fault"], "read:7=EIO");
+    EXPECT_EQ(cut["failures"][2]["fault"], "read:7=EIO open=ENODEV");
     EXPECT_EQ(cut["unsealed"].dump(), R"([{"line":1,"text":"erase 0 400","runs":2}])");
     const ordered_json bad = DescribeSweep(Swept("bad"), words);
     EXPECT_TRUE(bad["every"].is_null());
@@ -216,14 +235,15 @@ TEST(SweepReport, DescribesFailuresAndTheOptionsThatTheSweepUses) {
 
 TEST(SweepReport, GathersEqualFailuresForPeople) {
     const std::string text = SweepText(Swept("faults"), {" --ecc chip", "update", "kept", {}}, "script");
-    EXPECT_EQ(text.rfind("sweep faults: one in 10 of 40 requests failing once: 0 of 3 runs passed, interrupted with "
+    EXPECT_EQ(text.rfind("sweep faults: one in 10 of 40 requests failing once, then kinds of requests failing always: "
+                         "0 of 3 runs passed, interrupted with "
                          "1 run to go\n"
                          "script:1: sweep faults: erase 0 400: it is so [2 runs]\n"
                          "    cp kept run2.nand && cp kept.chip run2.nand.chip && flashsim --ecc chip --flash "
                          "run2.nand --bad 6 update\n"
-                         "script: sweep faults: otherwise [1 run]\n"
+                         "script: sweep faults: otherwise [1 run: done]\n"
                          "    change it\n"
-                         "    cp kept cut31.nand && ",
+                         "    cp kept cut31-done.nand && ",
                          0),
               0U)
         << text;

@@ -54,15 +54,15 @@ TEST_F(Sweep, PassesEverywhereForAnUpdateWithRoom) {
     ASSERT_EQ(Shell("tar -cf image.tar -C update .").status, 0);
     const auto sweeps = Run("--root root --sets 8 --sweep bad --sweep cut --sweep faults");
     EXPECT_EQ(m_outcome.status, 0) << m_outcome.out << m_outcome.err;
-    // Four blocks and one; five erases and 65 pages.
-    const int planned[] = {5 + 8, 5 + 65, m_requests};
+    // Four blocks and one; five erases and 65 pages, each in two states; two kinds of requests with a fallback.
+    const int planned[] = {5 + 8, 2 * (5 + 65), m_requests + 2 * 3};
     for (std::size_t i = 0; i < 3; ++i) {
         EXPECT_EQ(sweeps[i]["runs"], planned[i]) << sweeps[i];
         EXPECT_EQ(sweeps[i]["held"], planned[i]) << sweeps[i];
     }
-    EXPECT_EQ(Run("--root root --sweep cut --every 7", "image.tar")[0]["held"], 10);
-    EXPECT_NE(m_outcome.out.find("\nsweep cut: power cut at one in 7 of 70 changes, then the update run again: "
-                                 "10 of 10 runs passed\n"),
+    EXPECT_EQ(Run("--root root --sweep cut --every 7", "image.tar")[0]["held"], 20);
+    EXPECT_NE(m_outcome.out.find("\nsweep cut: power cut at one in 7 of 70 changes (half,done), then the update run "
+                                 "again: 20 of 20 runs passed\n"),
               std::string::npos)
         << m_outcome.out;
 }
@@ -71,14 +71,15 @@ TEST_F(Sweep, NamesTheVariablesThatACutDestroys) {
     File("update/flashrig.script", "setenv 4000 4000 bootslot b\n");
     const auto sweep = Run("--sweep cut")[0];
     EXPECT_EQ(m_outcome.status, 1);
-    EXPECT_EQ(sweep["done"], 33);
-    ASSERT_EQ(sweep["failures"].size(), 1U) << sweep;
+    EXPECT_EQ(sweep["done"], 2 * 33);
+    ASSERT_EQ(sweep["failures"].size(), 2U) << sweep;
+    EXPECT_EQ(sweep["failures"][1]["torn"], "done");
     const auto failure = sweep["failures"][0];
     EXPECT_EQ(failure["cut"], 1);
     EXPECT_EQ(failure["line"], 1);
     EXPECT_NE(std::string(failure["happens"]).find(" not restore bootcmd, bootdelay, ethaddr, serial"),
               std::string::npos);
-    EXPECT_EQ(sweep["unsealed"][0]["runs"], 33);
+    EXPECT_EQ(sweep["unsealed"][0]["runs"], 33 + 32);
 
     // The command shows it, and without the cut nothing is lost.
     Shell(failure["command"]);
@@ -88,7 +89,7 @@ TEST_F(Sweep, NamesTheVariablesThatACutDestroys) {
     Shell("flashsim" + std::string(kChip) + "--used --flash whole.nand update");
     EXPECT_NE(ReadAll(m_folder / "whole.nand").find("bootdelay=3"), std::string::npos);
     // A kept chip is where the runs start, and stays as it is.
-    const auto kept = Run("--flash cut1.nand --sweep cut --every 2")[0]["failures"];
+    const auto kept = Run("--flash cut1.nand --sweep cut --torn half --every 2")[0]["failures"];
     EXPECT_EQ(kept.size(), 8U);
     EXPECT_EQ(kept[0]["command"].get<std::string>().rfind("cp cut1.nand cut3.nand && ", 0), 0U) << kept;
     EXPECT_EQ(ReadAll(m_folder / "cut1.nand"), cut);
@@ -129,12 +130,141 @@ TEST_F(Sweep, CatchesAnUpdaterThatHidesAFailureOrWritesElsewhere) {
     EXPECT_EQ(astray["failures"][0]["happens"], "block 8 at 0x20000, outside the ranges of the script, was changed");
 }
 
+TEST_F(Sweep, ReplaysPowerCutsWithTheResultsOfRealRuns) {
+    // Overlapping ranges, two changes of one environment, a program that reads what it overwrites, one that writes
+    // without an erase.
+    File("update/flashrig.script", "write 8000 8000 image\nsetenv 4000 4000 bootslot b\nsetenv 4000 4000 version 2\n"
+                                   "write c000 8000 image\nsetenv name value\nerase 20000 4000\n");
+    File("update/image", Pattern(Device::kBlock + 1, 1));
+    File("root/bin/bootvars", "#!/bin/sh\ndd if=/dev/mtd12 bs=512 count=1 skip=288 status=none | cmp -s - /dev/null\n"
+                              "printf %512s x | dd of=/dev/mtd12 bs=512 seek=289 conv=notrunc status=none\n");
+    const std::string options = "--root root --sweep cut --every 3 --torn none,half,most,bare,done,unstable ";
+    const auto replayed = Run(options + "--sample 0")[0];
+    EXPECT_EQ(m_outcome.out.find("each run was a real one"), std::string::npos) << m_outcome.out;
+    EXPECT_EQ(replayed, Run(options + "--exact")[0]);
+    EXPECT_GT(replayed["failures"].size(), 0U);
+}
+
+TEST_F(Sweep, RunsForRealWhatIsNotReproducible) {
+    File("update/flashrig.script", "erase 8000 4000\n");
+    File("odd", "#!/bin/sh\nhead -c 512 /dev/urandom | dd of=/dev/mtd12 bs=512 conv=notrunc status=none seek=64\n");
+    Run("--program ./odd --sweep cut");
+    EXPECT_NE(m_outcome.out.find("each run was a real one: two runs of the update access flash differently\n"),
+              std::string::npos)
+        << m_outcome.out;
+}
+
+TEST_F(Sweep, WearsOutBlocksAndBlamesTheLineThatHidesAFailure) {
+    File("update/flashrig.script", "write 8000 10000 image\nsetenv name value\n");
+    File("update/image", Pattern(Device::kBlock, 1));
+    File("root/bin/bootvars",
+         "#!/bin/sh\ndd if=/bin/sh of=/dev/mtd12 bs=512 count=1 seek=66 conv=notrunc 2>/dev/null; true\n");
+    const auto sweeps = Run("--root root --sweep wear --sweep faults");
+    EXPECT_EQ(sweeps[0]["runs"], 2 * 4);
+    EXPECT_EQ(sweeps[0]["held"], 2 * 4) << sweeps[0];
+    int hidden = 0;
+    for (const auto &failure : sweeps[1]["failures"])
+        hidden += failure["line"] == 2 && failure["fault"] == "write:1=EIO" ? 1 : 0;
+    EXPECT_EQ(hidden, 1) << sweeps[1];
+}
+
+TEST_F(Sweep, MakesAKeptChipThatIsMissing) {
+    File("update/flashrig.script", "setenv 4000 4000 bootslot b\n");
+    const auto failures = Run("--flash new.nand --sweep cut --torn half")[0]["failures"];
+    ASSERT_EQ(failures.size(), 1U) << m_outcome.err;
+    EXPECT_NE(ReadAll(m_folder / "new.nand").find("bootdelay=3"), std::string::npos);
+    Shell(failures[0]["command"]);
+    EXPECT_EQ(ReadAll(m_folder / "cut1.nand").find("bootdelay=3"), std::string::npos);
+}
+
+TEST_F(Sweep, FindsTheWindowsInWhichADeviceDoesNotBoot) {
+    ASSERT_EQ(Shell(EXAMPLES "/make examples").status, 0);
+    // A block is one erase and 32 pages; system.img is 96 pages in a range of four blocks.
+    const struct {
+        const char *update, *device;
+        int line, first, last;
+    } rows[] = {
+        {"boots-always", "ab", 0, 0, 0},
+        {"early-selector", "ab", 4, 67, 166},
+        {"environment-in-place", "ab-one-environment", 3, 101, 133},
+        {"loader-in-place", "ab", 2, 1, 33},
+    };
+    for (const auto &row : rows) {
+        const std::string update = std::string("examples/ab/") + row.update;
+        const std::string device = std::string("--device examples/devices/") + row.device + ".toml ";
+        Shell("flashsim " + device + "--sweep cut --report report.json " + update);
+        const auto gaps = nlohmann::json::parse(ReadAll(m_folder / "report.json"))["sweeps"][0]["unbootable"];
+        ASSERT_EQ(gaps.size(), row.line == 0 ? 0U : 1U) << gaps;
+        if (row.line == 0)
+            continue;
+        EXPECT_EQ(gaps[0]["line"], row.line) << gaps;
+        EXPECT_EQ(gaps[0]["first"], row.first) << gaps;
+        EXPECT_EQ(gaps[0]["last"], row.last) << gaps;
+        // Each torn change and each finished one but the last.
+        EXPECT_EQ(gaps[0]["runs"], 2 * (row.last - row.first + 1) - 1) << gaps;
+    }
+}
+
+TEST_F(Sweep, AsksACommandWhetherTheDeviceBoots) {
+    File("update/flashrig.script", "write 8000 8000 image\n");
+    File("update/image", Pattern(Device::kBlock, 1));
+    // A normal read of a raw write gives the data only with an ECC of the chip's own.
+    const std::string boots =
+        "--ecc chip --sweep cut --boots 'dd if=/dev/mtd12 bs=512 skip=64 count=1 2>/dev/null | cmp -s -n 512 - "
+        "/tmp/update/image' ";
+    const auto replayed = Run(boots)[0];
+    // From the erase until the first page is whole.
+    const auto gap = replayed["unbootable"][0];
+    EXPECT_EQ(gap["first"], 1) << replayed;
+    EXPECT_EQ(gap["last"], 3) << replayed;
+    EXPECT_EQ(replayed, Run(boots + "--exact")[0]);
+}
+
+TEST_F(Sweep, MergesShardsIntoTheWholeReport) {
+    File("update/flashrig.script", "write 8000 8000 image\nsetenv 4000 4000 bootslot b\n");
+    File("update/image", Pattern(Device::kBlock, 1));
+    const std::string command = std::string("flashsim") + kChip + "--keep 1 --sweep cut --sweep bad --sets 3 ";
+    ASSERT_EQ(Shell(command + "--report whole.json update").status, 1);
+    // The last shard holds none of the failures and no cut in the kept range.
+    EXPECT_EQ(
+        Shell("for i in 1 2 3 4; do " + command + "--shard $i/4 --report $i.json update >$i.log 2>&1; printf $?; done")
+            .out,
+        "1110");
+    EXPECT_NE(ReadAll(m_folder / "4.log").find("each of 3 blocks bad in turn, then 3 sets of bad blocks"),
+              std::string::npos);
+    ASSERT_EQ(Shell("flashsim merge 3.json 1.json 4.json 2.json >merged.json").status, 1);
+    EXPECT_EQ(ReadAll(m_folder / "merged.json"), ReadAll(m_folder / "whole.json"));
+    EXPECT_EQ(Shell("flashsim merge 1.json 2.json 4.json").status, 2);
+    EXPECT_EQ(Shell("flashsim merge 1.json 1.json 2.json 3.json 4.json").status, 2);
+    EXPECT_EQ(Shell("GTEST_TOTAL_SHARDS=4 GTEST_SHARD_INDEX=1 " + command + "--report ci.json update").status, 1);
+    EXPECT_EQ(ReadAll(m_folder / "ci.json"), ReadAll(m_folder / "2.json"));
+}
+
+TEST_F(Sweep, PairsTroublesAndStartsFromEarlierReleases) {
+    File("old/flashrig.script", "setenv 4000 4000 version 1\n");
+    File("update/flashrig.script", "setenv 4000 4000 version 2\n");
+    const auto sweep = Run("--sweep pairs --sets 60 --torn half")[0];
+    EXPECT_EQ(sweep["done"], 60);
+    ASSERT_GT(sweep["failures"].size(), 0U);
+    for (const auto &failure : sweep["failures"]) {
+        if (failure["secondCut"].is_null())
+            continue;
+        Shell(failure["command"]);
+        EXPECT_EQ(
+            ReadAll(m_folder / ("pair" + std::to_string(failure["run"].get<int>()) + ".nand")).find("bootdelay=3"),
+            std::string::npos);
+        break;
+    }
+    Shell(std::string("flashsim") + kChip + "--flash new.nand --after old --raw old");
+    EXPECT_NE(ReadAll(m_folder / "new.nand").find("version=1"), std::string::npos);
+}
+
 TEST_F(Sweep, EndsAtASignalWithTheResultSoFar) {
     File("update/flashrig.script", "erase 8000 4000\n");
     File("update/image", Pattern(std::size_t{8} * Device::kBlock, 1));
     File("slow", "#!/bin/sh\nsleep 0.1; dd if=$1/image of=/dev/mtd12 bs=512 conv=notrunc status=none\n");
     const Outcome outcome = Shell("export TMPDIR=$PWD/tmp; flashsim" + std::string(kChip) +
-                                  "--program ./slow --sweep cut update >out 2>&1 & "
+                                  "--program ./slow --sweep cut --exact update >out 2>&1 & "
                                   "until grep -q ^verdict out; do sleep 0.01; done; kill -TERM $!; wait $!; ls tmp");
     EXPECT_EQ(outcome.out, "");
     EXPECT_NE(ReadAll(m_folder / "out").find(" interrupted "), std::string::npos);

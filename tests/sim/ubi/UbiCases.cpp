@@ -34,7 +34,7 @@ UbiCase Sealed(const std::string &name, UbiPlace place, std::uint32_t peb, std::
 
 } // namespace
 
-const std::vector<UbiPartition> kUbiPartitions = {{128, {}}, {48, {2, 3, 17}}, {16, {}}, {200, {0, 100}}};
+const std::vector<PartitionCase> kUbiPartitions = {{128, {}}, {48, {2, 3, 17}}, {16, {}}, {200, {0, 100}}};
 
 // Volume 0 of "two" is dynamic and has LEBs in PEBs 2 to 4, volume 1 is static and has them in PEBs 5 and 6.
 const std::vector<UbiCase> kUbiCases = {
@@ -175,9 +175,8 @@ const std::vector<UbiCase> kUbiCases = {
      {{kVid, 1, 10, 0x10, kSealed}, {kVid, 1, 7, 0x07, kSealed}},
      0,
      false,
-     EROFS,
-     "needs repair"},
-    Sealed("layout-lnum", kVid, 1, 15, 0x02, EINVAL, "a LEB that isn't 0 or 1"),
+     ENOSPC,
+     "no PEB is free for a copy"},
 
     // A byte of each field of the volume table's first record, in both copies.
     {"sealed-reserved-pebs", "two", BothRecords(3, 0x02, kSealed), 0, false, 0, ""},

@@ -33,11 +33,11 @@ struct UbiCase {
 };
 
 /// A partition of a chip with 2048 blocks.
-struct UbiPartition {
+struct PartitionCase {
     std::uint32_t pebs;
     std::vector<std::uint32_t> badPebs;
 };
-extern const std::vector<UbiPartition> kUbiPartitions;
+extern const std::vector<PartitionCase> kUbiPartitions;
 
 extern const std::vector<UbiCase> kUbiCases;
 

@@ -1,8 +1,10 @@
+#include "MemoryChip.h"
 #include "UbiCases.h"
 
 #include "base/TempFolder.h"
 #include "ubi/UbiAttach.h"
 #include "ubi/UbiImage.h"
+#include "verdict/Verdict.h"
 
 #include <gtest/gtest.h>
 
@@ -20,7 +22,7 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-constexpr UbiGeometry kGeometry{128 * 1024, 2048, 512};
+constexpr UbiGeometry kGeometry = kUbiChip;
 
 /// The images of make-images, made once.
 const Bytes &Image(const std::string &name) {
@@ -36,50 +38,6 @@ const Bytes &Image(const std::string &name) {
     return image;
 }
 
-/// A chip in memory that is one partition.
-struct MemoryChip {
-    NandGeometry geometry;
-    Bytes cells;
-    Bytes pages;
-    Bytes blocks;
-    NandChip chip;
-
-    explicit MemoryChip(std::uint32_t count, Ecc ecc = Ecc::Host)
-        : geometry{std::uint64_t{count} * kGeometry.pebSize, kGeometry.pebSize, kGeometry.pageSize, 64},
-          cells(geometry.RawSize()), pages(geometry.Pages()), blocks(count),
-          chip(geometry, ecc, {cells.data(), pages.data(), blocks.data()}) {
-        chip.Format();
-    }
-
-    /// Writes an image to the good blocks, as `nandwrite` does.
-    void Write(const Bytes &image, bool withEcc = true) {
-        std::uint32_t block = 0;
-        for (std::size_t place = 0; place < image.size(); place += geometry.pageSize) {
-            while (place % geometry.eraseSize == 0 && chip.IsBad(block))
-                ++block;
-            Bytes page(geometry.pageSize, 0xFF);
-            std::copy_n(&image[place], std::min<std::size_t>(page.size(), image.size() - place), page.begin());
-            NandChip::PageProgram program;
-            program.data = page.data();
-            program.length = geometry.pageSize;
-            program.withEcc = withEcc;
-            const auto pageInBlock = static_cast<std::uint32_t>(place % geometry.eraseSize / geometry.pageSize);
-            chip.Program(block * geometry.PagesPerBlock() + pageInBlock, program);
-            block += pageInBlock + 1 == geometry.PagesPerBlock() ? 1 : 0;
-        }
-    }
-
-    void Erase() {
-        for (std::uint32_t block = 0; block < geometry.Blocks(); ++block) {
-            if (!chip.IsBad(block))
-                chip.Erase(block);
-        }
-    }
-
-    PartitionPebs Pebs() const { return PartitionPebs(chip, 0, geometry.size); }
-    UbiAttachment Attach() const { return AttachUbi(Pebs(), kGeometry, {2048, 20}); }
-};
-
 std::uint32_t Sum(const UbiPebs &pebs) {
     return pebs.bad + pebs.used + pebs.free + pebs.erase + pebs.corrupted + pebs.alien;
 }
@@ -89,7 +47,7 @@ TEST(Ubi, EachCaseIsAttachedOrRefusedAsByTheKernel) {
     std::map<std::pair<int, Ecc>, std::unique_ptr<MemoryChip>> chips;
     for (const UbiCase &ubiCase : kUbiCases) {
         SCOPED_TRACE(ubiCase.name);
-        const UbiPartition &partition = kUbiPartitions.at(static_cast<std::size_t>(ubiCase.partition));
+        const PartitionCase &partition = kUbiPartitions.at(static_cast<std::size_t>(ubiCase.partition));
         const Ecc ecc = ubiCase.isRaw ? Ecc::Host : Ecc::Chip;
         auto &chip = chips[{ubiCase.partition, ecc}];
         if (chip == nullptr) {
@@ -237,12 +195,115 @@ TEST(Ubi, LooksAtAnImageByItself) {
     EXPECT_EQ(ReadUbiImage(torn.data(), torn.size(), kGeometry).damagedPebs, (std::vector<std::uint32_t>{4}));
 }
 
+TEST(Ubi, RefusesTheVolumeTableThatPanicsTheKernel) {
+    const UbiPatch third{UbiPlace::VidHeader, 1, 15, 0x03, true};
+    const Bytes image = Patched(Image("two"), {"", "", {third}, 0, false, 0, ""});
+    const UbiAttachment ubi =
+        AttachUbi(ImagePebs(image.data(), image.size(), kGeometry.pebSize, 128), kGeometry, {2048, 20});
+    EXPECT_EQ(ubi.reason, "the volume table has a LEB that isn't 0 or 1");
+}
+
 TEST(Ubi, FindsGapsBetweenTheLebsOfAVolume) {
     UbiVolume volume;
     EXPECT_TRUE(MissingLebs(volume).empty());
     for (const std::uint32_t number : {1U, 2U, 5U})
         volume.lebs[number];
     EXPECT_EQ(MissingLebs(volume), (std::vector<std::uint32_t>{0, 3, 4}));
+}
+
+/// The kinds of findings about one script line that left `written` on the partition of /dev/mtd9, 128 of 160 blocks,
+/// and touched no other block; none at all when `written` is empty.
+std::string Told(const std::string &line, const Bytes &image, const Bytes &written, Ecc ecc = Ecc::Host,
+                 bool withEcc = true) {
+    constexpr std::uint32_t kFirstBlock = 32;
+    MemoryChip memory(160, ecc);
+    memory.Erase();
+    memory.chip.ForgetMarks();
+    for (std::uint32_t block = kFirstBlock; !written.empty() && block < memory.geometry.Blocks(); ++block)
+        memory.chip.Erase(block);
+    memory.Write(written, withEcc, kFirstBlock);
+    RunRecord record;
+    record.script = line + "\n";
+    record.devices = {{0, "all", 0, memory.geometry.size},
+                      {8, "tiny", 0, 3UL * kGeometry.pebSize},
+                      {9, "opt", std::uint64_t{kFirstBlock} * kGeometry.pebSize, 128UL * kGeometry.pebSize}};
+    record.files = {{"one", static_cast<std::int64_t>(image.size())}};
+    record.contents["one"].assign(image.begin(), image.end());
+    record.out = "prepare ubi ...\nexecute /bin/sh status 0\nexecute /tmp/update/ubiformat status 0\n"
+                 "running update script /u/flashrig.script\n";
+    const std::string device = line.substr(line.find(' ') + 1, 9);
+    record.err = line[0] == 'u' ? "ubiformat /u/one to <MTD> " + device + "\n"
+                                : "write /u/one to flash address 400000\nerase complete\n offset=400000 size=1000000\n"
+                                  "write file complete\n read size = 1\n";
+    std::string kinds;
+    for (const Finding &finding : Judge(RunFacts(record, memory.chip)).findings)
+        kinds += finding.severity == Severity::Note ? "" : finding.kind + " ";
+    return kinds;
+}
+
+TEST(Ubi, IsJudgedBeforeAndAfterTheRun) {
+    const std::string format = "ubiformat /dev/mtd9 one";
+    const std::string write = "write 400000 1000000 one";
+    const Bytes two = Image("two");
+    const auto damaged = [&](UbiPatch patch) {
+        UbiCase damage{"", "", {patch}, 0, false, 0, ""};
+        return Patched(two, damage);
+    };
+    const Bytes twins = damaged({UbiPlace::VidHeader, 3, 15, 0x01, true});
+    const Bytes marked = Patched(damaged({UbiPlace::Record, 0, 13, 0x01, true}),
+                                 {"", "", {{UbiPlace::Record, 1, 13, 0x01, true}}, 0, false, 0, ""});
+    Bytes gap = two;
+    std::fill_n(gap.begin() + 3L * kGeometry.pebSize + 512, 64, 0xFF);
+    const Bytes torn(two.begin(), two.end() - 2048);
+    const Bytes tornInHeader(two.begin(), two.end() - kGeometry.pebSize + 512);
+    Bytes wrongData = two;
+    wrongData[5UL * kGeometry.pebSize + 2048] ^= 0x01;
+    const Bytes noise = Image("noise");
+    EXPECT_EQ(Told(format, two, two), "");
+    EXPECT_EQ(Told(format, two, {}), "ubi-untouched ");
+    EXPECT_EQ(Told(format, two, noise), "ubi-refused ");
+    EXPECT_EQ(Told(format, noise, noise), "not-ubi ");
+    EXPECT_EQ(Told("ubiformat /dev/mtd5 one", two, {}), "not-mtd ");
+    EXPECT_EQ(Told("ubiformat /dev/mtd5 one", twins, {}), "not-mtd ubi-damaged-image ");
+    EXPECT_EQ(Told("ubiformat /dev/mtd8 one", two, two), "other-device ubi-too-large ubi-damaged-image ubi-untouched ");
+    EXPECT_EQ(Told(format, Image("page-headers"), two), "ubi-geometry ");
+    EXPECT_EQ(Told(format, Image("small-blocks"), two), "ubi-geometry ");
+    EXPECT_EQ(Told(format, torn, two), "ubi-length ");
+    EXPECT_EQ(Told(format, tornInHeader, two), "ubi-length ubi-missing-lebs ");
+    EXPECT_EQ(Told(format, twins, twins), "ubi-damaged-image ubi-refused ");
+    EXPECT_EQ(Told(format, gap, two), "ubi-missing-lebs ");
+    EXPECT_EQ(Told(format, Image("subless"), two), "ubifs-mismatch ");
+    EXPECT_EQ(Told(format, two, marked), "ubi-update-marker ");
+    EXPECT_EQ(Told(format, two, wrongData), "ubi-damaged-volume ");
+    EXPECT_EQ(Told(format, Image("big"), Image("big")), "ubi-reserve ");
+    EXPECT_EQ(Told(format, two, damaged({UbiPlace::VidHeader, 3, 63, 0x01, false})), "ubi-corrupted ");
+    // A raw write leaves ECC only on a chip that computes it.
+    EXPECT_EQ(Told(write, Image("page-headers"), Image("page-headers"), Ecc::Chip), "");
+    EXPECT_EQ(Told(write, two, two, Ecc::Host, false), "ubi-refused missing-ecc ");
+    EXPECT_EQ(Told(write, two, two), "missing-ecc ") << "a kernel without MEMWRITE adds the ECC";
+    EXPECT_EQ(Told(write, Image("page-files"), Image("page-files"), Ecc::Chip), "ubifs-free-space ");
+    EXPECT_EQ(Told(write, noise, noise, Ecc::Host, false), "") << "other images are not UBI's";
+}
+
+TEST(Ubi, TellsWhatAPartitionLostAgainstAnother) {
+    const auto attach = [](const std::string &image, const std::vector<UbiPatch> &patches) {
+        const Bytes bytes = Patched(Image(image), {"", "", patches, 0, false, 0, ""});
+        return AttachUbi(ImagePebs(bytes.data(), bytes.size(), kGeometry.pebSize, 128), kGeometry, {2048, 20});
+    };
+    const UbiAttachment two = attach("two", {});
+    const auto inBoth = [](std::uint32_t offset, std::uint8_t flipped) {
+        return std::vector<UbiPatch>{{UbiPlace::Record, 0, offset, flipped, true},
+                                     {UbiPlace::Record, 1, offset, flipped, true}};
+    };
+    EXPECT_EQ(AttachmentLoss(two, two), "");
+    EXPECT_EQ(AttachmentLoss(two, attach("two", {{UbiPlace::EcHeader, 3, 15, 0xFF, true}})), "");
+    EXPECT_EQ(AttachmentLoss(two, attach("noise", {})), "the kernel does not attach it: there is no volume table");
+    EXPECT_EQ(AttachmentLoss(attach("noise", {}), two), "") << "nothing was there to lose";
+    EXPECT_EQ(AttachmentLoss(two, attach("two", inBoth(16, 0x20))), "volume \"rootfs\" is lost");
+    EXPECT_EQ(AttachmentLoss(two, attach("two", inBoth(13, 0x01))), "an update of volume \"rootfs\" was interrupted");
+    EXPECT_EQ(AttachmentLoss(two, attach("two", {{UbiPlace::VidHeader, 4, 63, 1, false}})),
+              "volume \"rootfs\" has other LEBs");
+    EXPECT_EQ(AttachmentLoss(attach("erased", {}), two), "there are other volumes");
 }
 
 TEST(Ubi, TakesAnyBytes) {

@@ -66,7 +66,7 @@ struct Rehearsed {
     std::vector<std::uint8_t> cells = std::vector<std::uint8_t>(kGeometry.RawSize());
     std::vector<std::uint8_t> pageStates = std::vector<std::uint8_t>(kGeometry.Pages());
     std::vector<std::uint8_t> blockStates = std::vector<std::uint8_t>(kGeometry.Blocks());
-    NandChip chip{kGeometry, Ecc::Host, {cells.data(), pageStates.data(), blockStates.data()}};
+    NandChip chip{kGeometry, Ecc::Chip, {cells.data(), pageStates.data(), blockStates.data()}};
 };
 
 /// What the updater says of an erase, and of a write up to where its image is read.
@@ -121,8 +121,9 @@ TEST(Verdict, FollowsTheUpdatersMessagesToItsLines) {
          "The switch to root user failed!/u/none doesn't exist\nincomplete script command writeoob 0 8000\n",
          "SS 1:missing-file 2:incomplete"},
         {"ubiformat /dev/mtd3 one\nerase 0 4000\n",
-         "ubiformat /u/one to <MTD> /dev/mtd3\ngrep: noise\ndev /dev/mtd3 is not exist\n", "FN 1:no-device 1:stopped"},
-        {"ubiformat /dev/mtd9 one\n", "ubiformat /u/one to <MTD> /dev/mtd9\n", "F 1:no-prepare"},
+         "ubiformat /u/one to <MTD> /dev/mtd3\ngrep: noise\ndev /dev/mtd3 is not exist\n",
+         "FN 1:no-device 1:not-ubi 1:stopped"},
+        {"ubiformat /dev/mtd9 one\n", "ubiformat /u/one to <MTD> /dev/mtd9\n", "F 1:no-prepare 1:not-ubi"},
         // Other programs' words in front of a message, and ones that only look like it.
         {"write 0 c000 two\nburn\n",
          "Unknown script command burn\nerror : no such tool\n 7%" + Begun("two", "0", "c000") + "\r50%" + kDone +
@@ -215,8 +216,8 @@ TEST(Verdict, ReadsTheScriptForWhatARunCannotShow) {
         {"setenv 4000 4000 a b\rerase 0 8000", " 2:overlap"},
         {"write 0 8000 one\rsetenv 0 8000 a b\rerase 8000 4000", ""},
         {"setenv 4000 4000 a b\rsetenv 4000 8000 a b", " 2:overlap"},
-        {"write 80000 8000 one\rubiformat /dev/mtd9 one", " 2:overlap"},
-        {"ubiformat /dev/mtd9 one\rsetenv 80000 4000 a b", " 2:overlap"},
+        {"write 80000 8000 one\rubiformat /dev/mtd9 one", " 2:not-ubi 2:overlap"},
+        {"ubiformat /dev/mtd9 one\rsetenv 80000 4000 a b", " 1:not-ubi 2:overlap"},
     };
     for (const auto &row : rows) {
         Rehearsed run(row.line, "error : script line 9 of 300 characters, the limit is 255\n");
@@ -303,25 +304,26 @@ TEST(Verdict, TellsWhatWasProgrammedUnerased) {
                   Begun("one", "0", "8000") + kDone + "ubiformat /u/one to <MTD> /dev/mtd9\n");
     run.record.out =
         "prepare ubi ...\nexecute /bin/sh status 0\nexecute /tmp/update/ubiformat status 0\n" + run.record.out;
-    EXPECT_EQ(run.Told(), "CC");
+    EXPECT_EQ(run.Told(), "CC 2:not-ubi 2:ubi-untouched");
     const std::uint8_t byte = 0;
     NandChip::PageProgram program;
     program.data = &byte;
     program.length = 1;
     run.chip.Program(0x80000 / 512, program);
-    EXPECT_EQ(run.Told(), "CC 2:unerased");
+    EXPECT_EQ(run.Told(), "CC 2:not-ubi 2:unerased");
     run.record.trace = "note: page at 0x200 something else\n";
-    EXPECT_EQ(run.Told(), "CC 2:unerased");
+    EXPECT_EQ(run.Told(), "CC 2:not-ubi 2:unerased");
     run.record.trace = "note: page at 0x200 programmed over unerased bits\n";
-    EXPECT_EQ(run.Told(), "CC 1:unerased 2:unerased");
+    EXPECT_EQ(run.Told(), "CC 1:unerased 2:not-ubi 2:unerased");
     run.record.trace += "note: page at 0x80000 programmed over unerased bits\n";
-    EXPECT_EQ(run.Told(), "CC 1:unerased 2:unerased") << "blocks of a line with noted pages are not named again";
+    EXPECT_EQ(run.Told(), "CC 1:unerased 2:not-ubi 2:unerased")
+        << "blocks of a line with noted pages are not named again";
     run.record.trace += "note: page at 0xfc400 read without valid ECC\nnote: page at 0xfc000 read without valid ECC\n";
     EXPECT_EQ(run.Texts("unsound-read"), "2 pages read normally without valid ECC, first at 0xfc000; read raw what was "
                                          "written raw, or write it with its ECC\n");
     run.record.trace = "note: page at 0x200 programmed over unerased bits\n";
     run.record.out.replace(run.record.out.find("ubiformat status 0"), 18, "ubiformat status 1");
-    EXPECT_EQ(run.Told(), "CC 1:unerased 2:format-failed 2:unerased");
+    EXPECT_EQ(run.Told(), "CC 1:unerased 2:format-failed 2:not-ubi 2:unerased");
 }
 
 TEST(Verdict, TakesPercentagesForANoteUntilALineFails) {
@@ -382,7 +384,9 @@ TEST(Verdict, LooksAtTheChipForWhatTheUpdaterTakesForDone) {
     Rehearsed killed("erase 0 4000\n", Erased("0", "4000"));
     killed.record.status = SIGKILL;
     EXPECT_EQ(killed.Texts("crashed"), "the updater ends with signal 9; see the last message\n");
-    Rehearsed warned("write 0 4000 one\n", Begun("one", "0", "4000") + kDone);
+    EXPECT_EQ(Rehearsed("write 0 4000 one\n", Begun("one", "0", "4000") + kDone).Told(), "C")
+        << "makers guarantee the first block";
+    Rehearsed warned("write 4000 4000 one\n", Begun("one", "4000", "4000") + kDone);
     EXPECT_EQ(warned.Told(), "C 1:no-spare");
     EXPECT_FALSE(warned.Judged().IsClean());
 }
@@ -527,7 +531,8 @@ TEST(Examples, GetTheVerdictsBesideThem) {
         std::string judged, line;
         while (std::getline(out, line)) {
             // The map and the requests come first.
-            if (!judged.empty() || line.rfind("flashrig.script", 0) == 0 || line.rfind("verdict: ", 0) == 0)
+            const bool isFinding = line.find("flashrig.script:") < line.find(' ');
+            if (!judged.empty() || isFinding || line.rfind("verdict: ", 0) == 0)
                 judged += line + "\n";
         }
         EXPECT_EQ(judged, told) << command;

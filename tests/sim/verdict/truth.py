@@ -123,8 +123,9 @@ ROWS = [
     ("a number sign hides a command", update("erase#old 0 4000\nerase 0 4000\n"), "1:hidden-command",
      update("#erase old 0 4000\nerase 0 4000\n"), ""),
     ("a mount stays busy while the partition is formatted",
-     update("ubiformat /dev/mtd9 a\n", a=ONE, options=BUSY, **FORMATS), "1:still-mounted",
-     update("ubiformat /dev/mtd9 a\n", a=ONE, options=("--mount", "/opt"), **FORMATS), ""),
+     update("ubiformat /dev/mtd9 a\n", a=ONE, options=BUSY, **FORMATS), 
+     "1:not-ubi 1:ubi-untouched 1:still-mounted",
+     update("ubiformat /dev/mtd9 a\n", a=ONE, options=("--mount", "/opt"), **FORMATS), "1:not-ubi 1:ubi-untouched"),
 ]
 
 
