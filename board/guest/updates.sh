@@ -4,7 +4,8 @@
 # each_update COMMAND...: runs the command for each update, with the update's folder, the chip's bad blocks and the
 # expected verdict.
 each_update() {
-    "$@" clean 1,130 clean
+    # A new chip has no environment for the setenv of this update, which is a warning.
+    "$@" clean 1,130 findings
     "$@" traps/lines 29,510 findings
     "$@" traps/long-line "" findings
     "$@" traps/long-script "" findings
