@@ -95,9 +95,9 @@ std::string CheckSweep(const std::string &name) {
     return isSweep(name);
 }
 
-/// Whether the command that reruns one case of a sweep repeats an option. That command makes the chip by itself, and
-/// writes no reports.
-enum class Rerun { Omitted, Repeated };
+/// Which commands that repeat runs repeat an option. The command for one case of a sweep makes the chip by itself; none
+/// writes reports.
+enum class Rerun { Omitted, OfTheRun, Repeated };
 
 using Field = std::variant<bool Options::*, std::uint64_t Options::*, std::string Options::*,
                            std::vector<std::string> Options::*>; ///< a list: the option may be repeated
@@ -134,10 +134,10 @@ constexpr std::size_t kColumns = 110;
 constexpr OptionRow kOptions[] = {
     {kChip, "--chip", "SIZE,ERASE,PAGE,OOB", &Options::chip, Rerun::Repeated,
      "sizes in bytes, with K, M or G [32M,128K,2K,64]"},
-    {kChip, "--bad", "LIST", &Options::bad, Rerun::Omitted, "bad blocks: numbers and ranges such as 7,64-66"},
+    {kChip, "--bad", "LIST", &Options::bad, Rerun::OfTheRun, "bad blocks: numbers and ranges such as 7,64-66"},
     {kChip, "--ecc", "host|chip", &Options::ecc, Rerun::Repeated,
      "who computes the ECC; host: raw writes leave none, so later reads see bit errors [host]"},
-    {kChip, "--flash", "FILE", &Options::flash, Rerun::Omitted,
+    {kChip, "--flash", "FILE", &Options::flash, Rerun::OfTheRun,
      "keep the chip in FILE and FILE.chip; created if missing"},
     {kChip, "--used", "", &Options::isUsed, Rerun::Omitted,
      "a new chip like that of a device in use: full of old data, variables in environments"},
@@ -161,7 +161,7 @@ constexpr OptionRow kOptions[] = {
      CheckPresent},
     {kRun, "--fault", "KIND[:N]=ERRNO", &Options::faults, Rerun::Repeated,
      "each request of the kind fails, or only the N-th"},
-    {kRun, "--cut", "N[:STATE]", &Options::cut, Rerun::Omitted,
+    {kRun, "--cut", "N[:STATE]", &Options::cut, Rerun::OfTheRun,
      "power is lost at the N-th page program or block erase, which gets as far as STATE: none, half, most, bare "
      "(without OOB), done or unstable [half]"},
     {kRun, "--erase-fails", "LIST", &Options::eraseFails, Rerun::Repeated, "worn-out blocks: erases fail"},
@@ -170,6 +170,11 @@ constexpr OptionRow kOptions[] = {
      CheckNumber<1, kMostSeconds>},
     {kRun, "--trace", "FILE", &Options::trace, Rerun::Omitted, "write a line for each request"},
     {kRun, "--report", "FILE.json", &Options::report, Rerun::Omitted, "write the verdict and its evidence, as JSON"},
+    {kRun, "--sarif", "FILE", &Options::sarif, Rerun::Omitted, "write findings for code scanning, as SARIF 2.1.0"},
+    {kRun, "--junit", "FILE.xml", &Options::junit, Rerun::Omitted,
+     "write script lines and sweeps as test cases, for GitLab and Jenkins"},
+    {kRun, "--codequality", "FILE.json", &Options::codeQuality, Rerun::Omitted,
+     "write findings for GitLab's merge requests"},
     {kRun, "--map", "FILE.svg", &Options::map, Rerun::Omitted,
      "draw the chip, the script's ranges and the percentages"},
     {kRun, "--raw", "", &Options::isRaw, Rerun::Omitted, "only the updater's own output and exit status, for scripts"},
@@ -215,6 +220,8 @@ Examples:
       power is lost in the middle of the 100th page program or block erase; the update is run again
   flashsim --sweep bad --sweep cut --sweep faults update/
       checks that the update survives bad blocks, power cuts and failing requests at every place
+  flashsim diff old.json new.json
+      compares two files of --report: what is new, worse, fixed or better; exit status 1 for new or worse
   flashsim --root device/ --mount /opt --start 'exec /opt/bin/HeartGuard' update/
       an application runs from a mounted /opt, for an update that stops and unmounts it)";
 
@@ -292,11 +299,13 @@ void CheckTogether(const CLI::App &app, const Options &options) {
 
 RerunWords FindRerunWords(const CLI::App &app, const Options &options) {
     RerunWords words;
+    std::string ofTheRun;
     for (const OptionRow &row : kOptions) {
         if (row.rerun == Rerun::Omitted)
             continue;
+        std::string &list = row.rerun == Rerun::Repeated ? words.options : ofTheRun;
         for (const std::string &value : app.get_option(row.name)->results())
-            words.options += std::string(" ") + row.name + " " + ShellWord(value);
+            list += std::string(" ") + row.name + " " + ShellWord(value);
     }
     words.update = ShellWord(options.update);
     for (const std::string &argument : options.arguments)
@@ -306,6 +315,9 @@ RerunWords FindRerunWords(const CLI::App &app, const Options &options) {
     if (!options.flash.empty())
         words.flash = ShellWord(options.flash);
     words.bad = ParseBlocks(options.bad);
+    // With sweeps, a new chip is a used one; a kept chip exists by now.
+    const bool isUsed = options.flash.empty() && (options.isUsed || !options.sweeps.empty());
+    words.run = "flashsim" + words.options + ofTheRun + (isUsed ? " --used " : " ") + words.update;
     return words;
 }
 

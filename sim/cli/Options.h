@@ -38,6 +38,9 @@ struct Options {
     std::uint64_t timeout = 600; ///< seconds
     std::string trace;
     std::string report;
+    std::string sarif;
+    std::string junit;
+    std::string codeQuality;
     std::string map;
     bool isRaw = false;
 
@@ -56,7 +59,7 @@ struct Options {
     std::uint64_t jobs = CoreCount();
 
     /// @return whether a run is judged, not only passed on.
-    bool WantsVerdict() const { return !isRaw || !report.empty() || !map.empty(); }
+    bool WantsVerdict() const { return !isRaw || !(report + sarif + junit + codeQuality + map).empty(); }
 };
 
 struct CommandLine {

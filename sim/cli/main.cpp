@@ -12,6 +12,8 @@
 #include "cli/RunSetup.h"
 #include "report/ChipPicture.h"
 #include "report/Report.h"
+#include "report/ReportDiff.h"
+#include "report/ReportFormats.h"
 #include "report/RunSummary.h"
 #include "report/SweepReport.h"
 #include "sandbox/UpdateRun.h"
@@ -46,11 +48,20 @@ enum ExitStatus { kClean = 0, kFindings = 1, kWrongUse = 2 };
 constexpr std::size_t kUsualWidth = 80;
 constexpr const char *kRoomAdvice = " (TMPDIR names the folder for temporary files)";
 
-std::string ReportText(const nlohmann::ordered_json &report) {
-    using Json = nlohmann::ordered_json;
-    constexpr int kIndent = 2;
-    // A script may hold bytes that are not UTF-8.
-    return report.dump(kIndent, ' ', false, Json::error_handler_t::replace) + "\n";
+/// The files that hold the report, each in the format of its readers.
+constexpr struct {
+    std::string Options::*path;
+    const char *what;
+    std::string (*makeText)(const nlohmann::ordered_json &report, const FormatFacts &facts);
+} kReports[] = {{&Options::report, "report", ReportText},
+                {&Options::sarif, "SARIF file", SarifText},
+                {&Options::junit, "JUnit file", JUnitText},
+                {&Options::codeQuality, "code quality file", CodeQualityText}};
+
+/// @return the path of the script for tools that read reports at the root of a project: relative to this folder.
+std::string RelativeScript(const Options &options) {
+    const fs::path script = ScriptPath(options);
+    return script.is_absolute() ? script.lexically_proximate(fs::current_path()) : script;
 }
 
 std::string UpdateName(const std::string &path) {
@@ -95,8 +106,8 @@ bool RunSweeps(const std::vector<SweepSettings> &sweeps, const RunSettings &sett
     return hasPassed;
 }
 
-/// Combines the reports of shards and prints the result.
-int Merge(const std::vector<std::string> &paths) {
+/// @throws std::invalid_argument with one line when a file holds no report
+std::vector<nlohmann::ordered_json> ReadReports(const std::vector<std::string> &paths) {
     std::vector<nlohmann::ordered_json> reports;
     for (const std::string &path : paths) {
         std::ifstream file(path);
@@ -104,7 +115,27 @@ int Merge(const std::vector<std::string> &paths) {
         if (!file.is_open() || reports.back().is_discarded() || !reports.back().contains("sweeps"))
             throw std::invalid_argument(path + " is not a report");
     }
-    const nlohmann::ordered_json merged = MergeReports(std::move(reports));
+    return reports;
+}
+
+/// Compares the reports of two releases and prints the result.
+int Diff(const std::vector<std::string> &paths) {
+    if (paths.size() != 2)
+        throw std::invalid_argument("diff needs two reports: OLD.json NEW.json");
+    const std::vector<nlohmann::ordered_json> reports = ReadReports(paths);
+    try {
+        const ReportDiff diff = CompareReports(reports[0], reports[1]);
+        if (fputs(diff.text.c_str(), stdout) < 0 || fflush(stdout) != 0)
+            throw std::runtime_error("can't write to standard output");
+        return diff.isWorse ? kFindings : kClean;
+    } catch (const nlohmann::json::exception &) {
+        throw std::invalid_argument(paths[0] + " or " + paths[1] + " is not a whole report");
+    }
+}
+
+/// Combines the reports of shards and prints the result.
+int Merge(const std::vector<std::string> &paths) {
+    const nlohmann::ordered_json merged = MergeReports(ReadReports(paths));
     fputs(ReportText(merged).c_str(), stdout);
     bool isClean = merged.at("verdict") == "clean";
     for (const nlohmann::ordered_json &sweep : merged.at("sweeps"))
@@ -116,9 +147,14 @@ int Rehearse(const Options &options, const RerunWords &words) {
     std::vector<std::string> inputs = {options.update, options.program};
     if (!options.flash.empty())
         inputs.insert(inputs.end(), {options.flash, options.flash + ".chip"});
-    CheckOutputs(inputs, {options.trace, options.report, options.map});
+    std::vector<std::string> outputs = {options.trace, options.map};
+    for (const auto &row : kReports)
+        outputs.push_back(options.*row.path);
+    CheckOutputs(inputs, outputs);
     OutputFile traceFile(options.trace, "trace");
-    OutputFile reportFile(options.report, "report");
+    std::vector<OutputFile> reportFiles;
+    for (const auto &row : kReports)
+        reportFiles.emplace_back(options.*row.path, row.what);
     OutputFile mapFile(options.map, "map");
     std::vector<SweepSettings> sweeps;
     for (const std::string &kind : options.sweeps)
@@ -152,7 +188,11 @@ int Rehearse(const Options &options, const RerunWords &words) {
     const RunRecord record = RecordOf(settings, outcome, state);
     // A verdict on a part of the requests might miss a fault.
     const bool isJudged = !outcome.isInterrupted && options.WantsVerdict() && !state.TraceOverflowed();
-    const Verdict verdict = isJudged ? Judge(RunFacts(record, chip.Chip())) : Verdict();
+    Verdict verdict;
+    if (isJudged)
+        verdict = Judge(RunFacts(record, chip.Chip()));
+    else if (outcome.isInterrupted)
+        verdict.findings = {ForRun(FindingId::Interrupted, "a signal ended the run before its verdict")};
     if (!options.isRaw) {
         const RunSummary summary(chip.Chip(), state, outcome);
         printf("\n%s", summary.Text(TerminalWidth(), WantsColour()).c_str());
@@ -171,12 +211,16 @@ int Rehearse(const Options &options, const RerunWords &words) {
         printf("no sweep: the update must first finish normally\n");
     const bool hasPassed =
         !isSwept || (isSweepable && RunSweeps(sweeps, settings, start, words, ScriptPath(options), signals, results));
-    if (isJudged && reportFile.IsWanted()) {
+    if (options.WantsVerdict()) {
         nlohmann::ordered_json report = MakeReport(record, verdict, chip.Chip(), state);
         report["sweeps"] = std::move(results);
-        reportFile.Save(ReportText(report));
+        const FormatFacts facts = {RelativeScript(options), words.run, FLASHSIM_VERSION};
+        for (std::size_t i = 0; i < reportFiles.size(); ++i) {
+            if (reportFiles[i].IsWanted())
+                reportFiles[i].Save(kReports[i].makeText(report, facts));
+        }
     }
-    if (isJudged && mapFile.IsWanted())
+    if (mapFile.IsWanted())
         mapFile.Save(
             DrawChip(UpdateName(options.update), chip.Chip(), WholeFlash(chip.Chip(), record.devices), verdict));
     if (outcome.isOutputLost || fflush(stdout) != 0 || ferror(stdout) != 0)
@@ -205,6 +249,8 @@ int main(int argc, char *argv[]) {
         const std::vector<std::string> words(argv + 1, argv + argc);
         if (!words.empty() && words[0] == "merge")
             return Merge({words.begin() + 1, words.end()});
+        if (!words.empty() && words[0] == "diff")
+            return Diff({words.begin() + 1, words.end()});
         const CommandLine line = ReadCommandLine(words);
         if (line.notice.empty())
             return Rehearse(line.options, line.rerun);

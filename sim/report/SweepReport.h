@@ -12,6 +12,7 @@ struct RerunWords {
     std::string update;             ///< the update and the updater's arguments
     std::string flash;              ///< files of the chip that runs start from; empty for a new one in use
     std::vector<std::uint32_t> bad; ///< bad blocks that all runs have
+    std::string run = {};           ///< the whole command that repeats the run before the sweeps
 };
 
 /// @return the shell command that repeats one run of a sweep.

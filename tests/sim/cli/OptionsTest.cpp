@@ -42,8 +42,8 @@ using Words = std::vector<std::string>;
 TEST(Options, EachOneReachesItsFieldAndTheRestKeepTheirDefaults) {
     const Options none = Read({}).options;
     EXPECT_EQ(none.chip + none.bad + none.ecc + none.flash + none.missingSysfs + none.root + none.place + none.program +
-                  none.trace + none.report + none.map + none.cut + none.eraseFails + none.programFails + none.boots +
-                  none.shard,
+                  none.trace + none.report + none.sarif + none.junit + none.codeQuality + none.map + none.cut +
+                  none.eraseFails + none.programFails + none.boots + none.shard,
               "");
     EXPECT_FALSE(none.isUsed || none.isRaw || none.isExact);
     EXPECT_EQ(none.devices.size() + none.mounts.size() + none.starts.size() + none.faults.size() + none.sweeps.size(),
@@ -65,6 +65,9 @@ TEST(Options, EachOneReachesItsFieldAndTheRestKeepTheirDefaults) {
                  {"--program", "/dev/null", &Options::program},
                  {"--trace", "t", &Options::trace},
                  {"--report", "r", &Options::report},
+                 {"--sarif", "s", &Options::sarif},
+                 {"--junit", "j", &Options::junit},
+                 {"--codequality", "q", &Options::codeQuality},
                  {"--map", "m", &Options::map},
                  {"--cut", "9:done", &Options::cut},
                  {"--erase-fails", "1", &Options::eraseFails},
@@ -113,11 +116,11 @@ TEST(Options, EachOneReachesItsFieldAndTheRestKeepTheirDefaults) {
     EXPECT_EQ(update.arguments, Words({"notify", "more"}));
 }
 
-TEST(Options, RawRunIsJudgedOnlyForAReportOrAMap) {
+TEST(Options, RawRunIsJudgedOnlyForAFileWithTheVerdict) {
     EXPECT_TRUE(Read({}).options.WantsVerdict());
     EXPECT_FALSE(Read({"--raw", "--trace", "t"}).options.WantsVerdict());
-    EXPECT_TRUE(Read({"--raw", "--report", "r"}).options.WantsVerdict());
-    EXPECT_TRUE(Read({"--raw", "--map", "m"}).options.WantsVerdict());
+    for (const char *file : {"--report", "--sarif", "--junit", "--codequality", "--map"})
+        EXPECT_TRUE(Read({"--raw", file, "f"}).options.WantsVerdict()) << file;
 }
 
 TEST(Options, NumbersHaveBoundsAndNoSpellingThatIsReadOtherwise) {
@@ -184,6 +187,9 @@ TEST(Options, RerunRepeatsWhatShapesARunAndNothingThatTheSweepReplaces) {
     EXPECT_EQ(line.rerun.update, "-- " EXAMPLES "/clean -n 'two words'");
     EXPECT_EQ(line.rerun.flash, "'my flash'");
     EXPECT_EQ(line.rerun.bad, (std::vector<std::uint32_t>{7, 3, 4}));
+    EXPECT_EQ(line.rerun.run, "flashsim" + line.rerun.options + " --bad 7,3-4 --flash 'my flash' " + line.rerun.update);
+    EXPECT_EQ(Read({"--used", "--cut", "9"}).rerun.run, "flashsim --cut 9 --used " EXAMPLES "/clean");
+    EXPECT_EQ(Read({"--sweep", "cut"}).rerun.run, "flashsim --used " EXAMPLES "/clean");
     EXPECT_EQ(Read({}).rerun.update, EXAMPLES "/clean");
 }
 

@@ -1,0 +1,169 @@
+#include "report/ReportFormats.h"
+#include "report/ReportDiff.h"
+#include "report/ReportEntries.h"
+#include "report/XmlText.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <string>
+#include <vector>
+
+using nlohmann::ordered_json;
+
+namespace {
+
+using List = std::vector<ordered_json>;
+
+ordered_json FindingOf(int line, const char *text, const char *severity, const char *kind, const char *happens = "h") {
+    ordered_json finding = {{"line", nullptr}, {"text", text},       {"severity", severity},
+                            {"kind", kind},    {"happens", happens}, {"change", "c"}};
+    if (line != 0)
+        finding["line"] = line;
+    return finding;
+}
+
+ordered_json FailureOf(int line, const char *text, const char *happens) {
+    return {{"line", line}, {"text", text}, {"happens", happens}, {"change", ""}, {"command", "flashsim x"}};
+}
+
+ordered_json SweepOf(const char *kind, const List &failures) {
+    return {{"kind", kind},
+            {"every", 1},
+            {"runs", 9},
+            {"done", 9},
+            {"held", 9},
+            {"interrupted", false},
+            {"failures", failures},
+            {"unsealed", ordered_json::array()},
+            {"unbootable", ordered_json::array()}};
+}
+
+ordered_json ReportOf(const List &findings, const List &sweeps = {}) {
+    return {{"lines", ordered_json::array()}, {"findings", findings}, {"sweeps", sweeps}};
+}
+
+std::string Changes(const ordered_json &before, const ordered_json &after) {
+    const ReportDiff diff = CompareReports(before, after);
+    const std::string last = diff.text.substr(diff.text.rfind('\n', diff.text.size() - 2) + 1);
+    EXPECT_EQ(diff.isWorse, last.rfind("0 new, 0 worse, ", 0) != 0) << diff.text;
+    std::string words;
+    for (std::size_t at = 0; at + last.size() < diff.text.size(); at = diff.text.find('\n', at) + 1)
+        words += diff.text.substr(at, diff.text.find(':', at) - at) + " ";
+    return words;
+}
+
+} // namespace
+
+TEST(ReportFormats, ShowWhatWouldSteerADisplay) {
+    const struct {
+        std::string text;
+        const char *visible;
+    } rows[] = {{"a\tb c", "a b c"},
+                {std::string("\0\x1b[2J\r\n\x7f", 8), "\\x00\\x1b[2J\\x0d\\x0a\\x7f"},
+                {"\xc2\x9b"
+                 "31m \xe2\x80\xae \xe2\x81\xa6 \xd8\x9c \xef\xbb\xbf",
+                 "\\u009b31m \\u202e \\u2066 \\u061c \\ufeff"},
+                {"\xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80", "\xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80"},
+                {"\xff \xc0\x80 \xed\xa0\x80 \xe2\x82", "\\xff \\xc0\\x80 \\xed\\xa0\\x80 \\xe2\\x82"}};
+    for (const auto &row : rows) {
+        EXPECT_EQ(VisibleText(row.text), row.visible);
+        const std::string texts = SarifText(ReportOf({FindingOf(1, row.text.c_str(), "error", "failed")}), {}) +
+                                  JUnitText(ReportOf({FindingOf(1, row.text.c_str(), "error", "failed")}), {});
+        for (const char character : texts)
+            EXPECT_TRUE(character == '\n' || static_cast<unsigned char>(character) >= ' ');
+    }
+    EXPECT_EQ(XmlMarkupEscaped("<a b=\"c\">&'"), "&#60;a b=&#34;c&#34;&#62;&#38;'");
+}
+
+TEST(ReportFormats, FingerprintsAreUniqueAndSurviveMovedLines) {
+    const auto prints = [](int offset) {
+        const auto entries = ReadEntries(
+            ReportOf({FindingOf(0, "", "error", "crashed"), FindingOf(1 + offset, "erase 0 1", "error", "failed"),
+                      FindingOf(2 + offset, "erase 0 1", "error", "failed"),
+                      FindingOf(2 + offset, "erase 0 1", "error", "overlap")},
+                     {SweepOf("cut", {FailureOf(1 + offset, "erase 0 1", "at 0x10"),
+                                      FailureOf(1 + offset, "erase 0 1", "other"),
+                                      FailureOf(1 + offset, "erase 0 1", "at 0x10")})}),
+            "");
+        std::vector<std::string> all(entries.size());
+        std::transform(entries.begin(), entries.end(), all.begin(),
+                       [](const ReportEntry &entry) { return entry.fingerprint; });
+        return all;
+    };
+    const std::vector<std::string> all = prints(0);
+    EXPECT_EQ(all.size(), 6U);
+    EXPECT_EQ(std::set<std::string>(all.begin(), all.end()).size(), all.size());
+    EXPECT_EQ(prints(30), all);
+    // Trackers of issues have stored them.
+    EXPECT_EQ(ReadEntries(ReportOf({FindingOf(7, "erase 0 1", "error", "failed")}), "")[0].fingerprint,
+              "7f637179ab5444ab:1");
+}
+
+TEST(ReportFormats, LineThatWasNotCarriedOutNeverPasses) {
+    ordered_json report = ReportOf(List());
+    for (const char *result : {"clean", "failed", "skipped", "never-ran"})
+        report["lines"].push_back({{"number", report["lines"].size() + 1}, {"text", result}, {"result", result}});
+    const std::string text = JUnitText(report, {"s", "", ""});
+    EXPECT_NE(text.find(R"(<testsuite name="s" tests="5" failures="2" errors="0" skipped="1")"), std::string::npos)
+        << text;
+}
+
+TEST(ReportFormats, InterruptedSweepIsAFailureEverywhere) {
+    ordered_json sweep = SweepOf("cut", List());
+    EXPECT_NE(JUnitText(ReportOf(List(), {sweep}), {}).find("9 of 9 runs passed"), std::string::npos);
+    sweep["interrupted"] = true;
+    sweep["done"] = 4;
+    const ordered_json report = ReportOf(List(), {sweep});
+    EXPECT_NE(JUnitText(report, {}).find("interrupted with 5 runs to go [sweep-cut]\n</failure>"), std::string::npos);
+    EXPECT_EQ(JUnitText(report, {}).find("runs passed"), std::string::npos);
+    const ordered_json run = ordered_json::parse(SarifText(report, {}))["runs"][0];
+    EXPECT_EQ(run["invocations"][0]["executionSuccessful"], false);
+    EXPECT_EQ(run["results"][0]["ruleId"], "sweep-cut");
+    EXPECT_EQ(ordered_json::parse(CodeQualityText(report, {}))[0]["severity"], "critical");
+}
+
+TEST(ReportDiff, NamesEachDifference) {
+    const List none;
+    const ordered_json error = FindingOf(3, "erase 0 1", "error", "failed");
+    const ordered_json moved = FindingOf(30, "erase 0 1", "error", "failed", "h at 0x40");
+    const ordered_json warning = FindingOf(3, "erase 0 1", "warning", "failed");
+    const List once = {FailureOf(3, "erase 0 1", "block 7 is lost")};
+    const List twice = {FailureOf(4, "erase 0 1", "block 8 is lost"), FailureOf(4, "erase 0 1", "block 8 is lost")};
+    ordered_json halted = SweepOf("cut", none);
+    halted["interrupted"] = true;
+    ordered_json coarse = SweepOf("cut", none);
+    coarse["every"] = 10;
+    ordered_json part = SweepOf("cut", none);
+    part["shard"] = "1/2";
+    ordered_json gap = SweepOf("cut", none);
+    gap["unbootable"] = {
+        {{"line", 3}, {"text", "erase 0 1"}, {"runs", 2}, {"first", 5}, {"last", 6}, {"why", "w"}, {"command", "x"}}};
+    const struct {
+        const char *name;
+        ordered_json before, after;
+        const char *changes;
+    } rows[] = {
+        {"nothing", ReportOf({error}), ReportOf({moved}), ""},
+        {"a finding", ReportOf(none), ReportOf({error}), "new "},
+        {"another line", ReportOf({error}), ReportOf({FindingOf(3, "erase 0 2", "error", "failed")}), "new fixed "},
+        {"once more", ReportOf({error}), ReportOf({error, error}), "new "},
+        {"severity up", ReportOf({warning}), ReportOf({error}), "worse "},
+        {"severity down", ReportOf({error}), ReportOf({warning}), "better "},
+        {"gone", ReportOf({error}), ReportOf(none), "fixed "},
+        {"more runs", ReportOf(none, {SweepOf("cut", once)}), ReportOf(none, {SweepOf("cut", twice)}), "worse "},
+        {"fewer runs", ReportOf(none, {SweepOf("cut", twice)}), ReportOf(none, {SweepOf("cut", once)}), "better "},
+        {"no longer boots", ReportOf(none, {SweepOf("cut", none)}), ReportOf(none, {gap}), "new "},
+        // What was not tried is not fixed.
+        {"sweep missing", ReportOf(none, {SweepOf("cut", once)}), ReportOf(none), "worse "},
+        {"other sweep", ReportOf(none, {SweepOf("cut", once)}), ReportOf(none, {SweepOf("bad", none)}), "worse "},
+        {"sweep interrupted", ReportOf(none, {SweepOf("cut", once)}), ReportOf(none, {halted}), "new worse "},
+        {"fewer places", ReportOf(none, {SweepOf("cut", once)}), ReportOf(none, {coarse}), "worse "},
+        {"more places", ReportOf(none, {coarse}), ReportOf(none, {SweepOf("cut", none)}), ""},
+        {"a part", ReportOf(none, {SweepOf("cut", once)}), ReportOf(none, {part}), "worse "},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(Changes(row.before, row.after), row.changes) << row.name;
+    EXPECT_THROW(CompareReports(ReportOf(none), ordered_json{{"sweeps", none}}), nlohmann::json::exception);
+}

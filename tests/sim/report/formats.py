@@ -1,0 +1,177 @@
+#!/usr/bin/env python3
+"""formats.py BUILD: runs flashsim of a build on examples, and reads its files as other tools do."""
+import json
+import os
+import pathlib
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+import xml.etree.ElementTree
+
+flashsim = pathlib.Path(sys.argv[1]).resolve() / "flashsim"
+source = pathlib.Path(__file__).resolve().parents[3]
+CHIP = ["--chip", "8M,16K,512,16"]
+# "%f:%l: %t%*[^:]: %m" of editors, and the same without a line for the run as a whole.
+GCC = re.compile(r"^(?P<path>[^:\n]+)(?::(?P<line>\d+))?: (?P<level>error|warning|note): (?P<text>.*) \[(?P<kind>[a-z-]+)\]$",
+                 re.M)
+LEVELS = {"error": "critical", "warning": "major", "note": "info"}
+
+
+def files(name):
+    return [word for option, end in (("report", "json"), ("sarif", "sarif"), ("junit", "xml"), ("codequality", "cq.json"))
+            for word in (f"--{option}", f"{name}.{end}")]
+
+
+def read(folder, name):
+    sarif, quality = (json.loads((folder / f"{name}.{end}").read_text("ascii")) for end in ("sarif", "cq.json"))
+    return (json.loads((folder / f"{name}.json").read_text()), sarif,
+            xml.etree.ElementTree.parse(folder / f"{name}.xml").getroot(), quality)
+
+
+def check_sarif(log):
+    """What the schema of SARIF 2.1.0 and the viewers of code scanning require. Returns the results."""
+    assert log["version"] == "2.1.0" and log["$schema"].endswith("/sarif-schema-2.1.0.json") and len(log["runs"]) == 1
+    run = log["runs"][0]
+    driver = run["tool"]["driver"]
+    assert driver["name"] == "flashsim" and re.fullmatch(r"\d+\.\d+\.\d+", driver["semanticVersion"])
+    ids = [rule["id"] for rule in driver["rules"]]
+    assert len(set(ids)) == len(ids) > 80 and {"no-spare", "sweep-cut", "unbootable"} <= set(ids)
+    for rule in driver["rules"]:
+        assert rule["help"]["text"] and rule["shortDescription"]["text"] and rule["fullDescription"]["text"]
+        assert rule["defaultConfiguration"]["level"] in LEVELS
+    for result in run["results"]:
+        assert ids[result["ruleIndex"]] == result["ruleId"] and result["level"] in LEVELS
+        assert result["message"]["text"]
+        [place] = result["locations"]
+        place = place["physicalLocation"]
+        assert not re.match(r"/|\w+:", place["artifactLocation"]["uri"])
+        assert place.get("region", {"startLine": 1})["startLine"] >= 1
+        assert all(isinstance(value, str) for value in result["partialFingerprints"].values())
+    prints = [result["partialFingerprints"]["primaryLocationLineHash"] for result in run["results"]]
+    assert len(set(prints)) == len(prints)
+    [invocation] = run["invocations"]
+    assert isinstance(invocation["executionSuccessful"], bool) and invocation["commandLine"].startswith("flashsim ")
+    return run["results"]
+
+
+def check_junit(suites):
+    """Counts are those of the elements, and names are unique: readers follow a case by its name."""
+    assert suites.tag == "testsuites"
+    for suite in suites:
+        assert suite.tag == "testsuite" and suite.get("name")
+    for part in [suites, *suites]:
+        cases = list(part.iter("testcase"))
+        for attribute, tag in (("failures", "failure"), ("skipped", "skipped"), ("errors", "error")):
+            assert int(part.get(attribute)) == sum(case.find(tag) is not None for case in cases), attribute
+        assert int(part.get("tests")) == len(cases)
+    names = [(case.get("classname"), case.get("name")) for case in suites.iter("testcase")]
+    assert len(set(names)) == len(names) and all(first and second for first, second in names)
+    for case in suites.iter("testcase"):
+        assert {element.tag for element in case} <= {"failure", "skipped", "system-out"}
+        assert all(element.get("message") and element.get("type") for element in case.iter("failure"))
+
+
+def check_quality(issues):
+    for issue in issues:
+        assert issue["description"] and issue["check_name"] and issue["severity"] in LEVELS.values()
+        assert issue["location"]["lines"]["begin"] >= 1 and not issue["location"]["path"].startswith("/")
+    assert len({issue["fingerprint"] for issue in issues}) == len(issues)
+
+
+def rehearse(folder, name, status, *words):
+    run = subprocess.run([flashsim, *CHIP, *files(name), *words], cwd=folder, stdout=subprocess.PIPE,
+                         stderr=subprocess.STDOUT, check=False)
+    output = run.stdout.decode(errors="replace")
+    assert run.returncode == status, output
+    report, sarif, junit, quality = read(folder, name)
+    results = check_sarif(sarif)
+    check_junit(junit)
+    check_quality(quality)
+    assert sarif["runs"][0]["invocations"][0]["executionSuccessful"]
+    # Each finding line of the output is in each file, at the same place.
+    printed = [(match["kind"], match["level"], int(match["line"] or 0)) for match in GCC.finditer(output)]
+    assert printed == [(it["kind"], it["severity"], it["line"] or 0) for it in report["findings"]], printed
+    found = [(it["ruleId"], it["level"], it["locations"][0]["physicalLocation"].get("region", {"startLine": 0})["startLine"])
+             for it in results]
+    assert found[:len(printed)] == printed
+    assert [(it["check_name"], it["severity"], it["location"]["lines"]["begin"]) for it in quality] == \
+        [(kind, LEVELS[level], max(line, 1)) for kind, level, line in found]
+    assert {it["location"]["path"] for it in quality} <= {match["path"] for match in GCC.finditer(output)}
+    for entry in results[len(printed):]:
+        if entry["level"] == "error":
+            assert "\nTo repeat: flashsim " in entry["message"]["text"]
+    return report, found, junit
+
+
+def diff(folder, *paths):
+    run = subprocess.run([flashsim, "diff", *paths], cwd=folder, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                         text=True, check=False)
+    assert run.returncode != 2 or run.stderr.startswith("flashsim: ") and not run.stdout
+    return run.returncode, run.stdout
+
+
+with tempfile.TemporaryDirectory() as temporary:
+    folder = pathlib.Path(temporary) / "examples"
+    subprocess.run([source / "examples/make", folder], check=True)
+
+    report, found, junit = rehearse(folder, "stop", 1, "traps/stop")
+    assert len(found) == 14
+    lines = {line["number"]: line["text"] for line in report["lines"]}
+    failing = {case.get("name") for case in junit[0] if case.find("failure") is not None}
+    assert failing == {lines.get(line, "the run as a whole") for _, level, line in found if level != "note"}
+    assert len(junit[0]) == len(lines) + 1 and len(junit) == 1
+
+    report, found, junit = rehearse(folder, "clean", 1, "--root", "device", "--sweep", "cut", "--every", "2153",
+                                    "--sweep", "bad", "--sets", "0", "clean")
+    assert [kind for kind, _, line in found if line == 11] == ["sweep-cut", "sweep-cut", "unsealed", "sweep-bad"], found
+    assert [(suite.get("tests"), suite.get("failures")) for suite in junit] == [("7", "0"), ("3", "2"), ("1", "1")]
+    # The command of the run shows the same findings, that of a failure the failure.
+    environment = {**os.environ, "PATH": f"{flashsim.parent}:{os.environ['PATH']}"}
+    command = read(folder, "clean")[1]["runs"][0]["invocations"][0]["commandLine"]
+    subprocess.run(["sh", "-c", command.replace("flashsim ", "flashsim --report again.json ", 1)], cwd=folder,
+                   env=environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=True)
+    again = json.loads((folder / "again.json").read_text())
+    assert [again[key] for key in ("findings", "lines", "changes")] == \
+        [report[key] for key in ("findings", "lines", "changes")]
+    [first, _] = [case.find("failure").text for case in junit[1] if case.find("failure") is not None]
+    again = re.search(r"^To repeat: (.*)$", first, re.M)[1]
+    run = subprocess.run(["sh", "-c", again], cwd=folder, env=environment, stdout=subprocess.DEVNULL,
+                         stderr=subprocess.DEVNULL, check=False)
+    assert run.returncode == 1
+
+    assert diff(folder, "clean.json", "clean.json") == (0, "0 new, 0 worse, 0 fixed, 0 better\n")
+    status, text = diff(folder, "stop.json", "clean.json")
+    assert status == 1 and text.endswith("5 new, 0 worse, 14 fixed, 0 better\n"), text
+    for wrong in (["clean.json"], ["clean.json", "none.json"], ["clean.json", "clean.sarif"], ["clean.xml", "clean.json"],
+                  ["clean.json"] * 3):
+        assert diff(folder, *wrong)[0] == 2, wrong
+
+    # No file replaces another or the update.
+    for taken in (["--sarif", "clean.json", "--report", "clean.json"], ["--junit", "clean/../clean"]):
+        run = subprocess.run([flashsim, *taken, "clean"], cwd=folder, stderr=subprocess.DEVNULL, check=False)
+        assert run.returncode == 2 and (folder / "clean.json").stat().st_size > 0
+
+    # Ctrl-C leaves complete files that nobody takes for a success.
+    stuck = folder / "stuck"
+    stuck.mkdir()
+    (stuck / "flashrig.script").write_text("write 0 0x8000 image\n")
+    (stuck / "image").write_bytes(b"image " * 4000)
+    (stuck / "progress_script.sh").write_text("#!/bin/sh\necho here\nsleep 600\n")
+    (stuck / "progress_script.sh").chmod(0o755)
+    with subprocess.Popen([flashsim, *CHIP, *files("stuck"), "stuck"], cwd=folder, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT) as process:
+        while b"here" not in (line := process.stdout.readline()):
+            assert line, "the run ended"
+        process.send_signal(signal.SIGINT)
+        process.stdout.read()
+    assert process.returncode == -signal.SIGINT
+    report, sarif, junit, quality = read(folder, "stuck")
+    assert [it["ruleId"] for it in check_sarif(sarif)] == ["interrupted"] and report["verdict"] == "findings"
+    assert not sarif["runs"][0]["invocations"][0]["executionSuccessful"]
+    check_junit(junit)
+    check_quality(quality)
+    assert junit.get("failures") == "1" and quality[0]["severity"] == "critical"
+
+print("all formats are as their readers expect")
