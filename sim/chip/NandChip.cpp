@@ -1,5 +1,6 @@
 #include "chip/NandChip.h"
 
+#include "base/Bytes.h"
 #include "chip/Hamming.h"
 
 #include <algorithm>
@@ -320,15 +321,12 @@ bool NandChip::HasCellsOf(const NandChip &other, std::uint32_t otherBlock, std::
 
 bool NandChip::HasPlainOob(std::uint32_t page) const {
     std::vector<std::uint8_t> raw(Cells(page), Cells(page) + m_geometry.RawPageSize());
-    const auto oob = raw.begin() + m_geometry.pageSize;
-    const auto isBlank = [&] {
-        return std::all_of(oob, raw.end(), [](std::uint8_t byte) { return byte == kErasedByte; });
-    };
-    if (isBlank())
+    std::uint8_t *oob = raw.data() + m_geometry.pageSize;
+    if (IsErased(oob, m_geometry.oobSize))
         return true;
     for (const std::uint32_t place : m_eccOob)
         oob[place] = kErasedByte;
-    if (m_ecc == Ecc::Chip || !isBlank())
+    if (m_ecc == Ecc::Chip || !IsErased(oob, m_geometry.oobSize))
         return false;
     const EccResult read = Read(page, 0, m_geometry.pageSize, raw.data());
     return read.failed == 0 && read.corrected == 0;
@@ -337,17 +335,19 @@ bool NandChip::HasPlainOob(std::uint32_t page) const {
 bool NandChip::HasDataOf(const NandChip &other, std::uint32_t block) const {
     const std::uint32_t first = block * m_geometry.PagesPerBlock();
     for (std::uint32_t page = first; page < first + m_geometry.PagesPerBlock(); ++page) {
-        const bool isEqual = std::memcmp(Cells(page), other.Cells(page), m_geometry.RawPageSize()) == 0;
-        if (!isEqual && (std::memcmp(Cells(page), other.Cells(page), m_geometry.pageSize) != 0 || !HasPlainOob(page) ||
-                         !other.HasPlainOob(page)))
+        const std::uint8_t *cells = Cells(page);
+        const std::uint8_t *wanted = other.Cells(page);
+        const bool isEqual = std::memcmp(cells, wanted, m_geometry.RawPageSize()) == 0;
+        const bool hasData = std::memcmp(cells, wanted, m_geometry.pageSize) == 0;
+        const bool wantsNoEcc = IsErased(wanted + m_geometry.pageSize, m_geometry.oobSize);
+        if (!isEqual && !(hasData && wantsNoEcc && HasPlainOob(page)))
             return false;
     }
     return true;
 }
 
 bool NandChip::IsBlank(std::uint32_t block) const {
-    const std::uint8_t *cells = Cells(block * m_geometry.PagesPerBlock());
-    return std::all_of(cells, cells + RawBlockSize(), [](std::uint8_t byte) { return byte == kErasedByte; });
+    return IsErased(Cells(block * m_geometry.PagesPerBlock()), RawBlockSize());
 }
 
 bool NandChip::Erase(std::uint32_t block, Extent extent) {

@@ -213,7 +213,8 @@ public:
     /// @return whether the OOB of a page is 0xFF but for the kernel's ECC, which is absent or valid: what a write of
     /// the data alone leaves, raw or not.
     bool HasPlainOob(std::uint32_t page) const;
-    /// @return whether the data of all pages of a block are equal, each with a plain OOB where the OOB differs.
+    /// @return whether all pages of a block hold what they hold on another chip, data and OOB, or that with valid ECC
+    /// where the other chip's OOB is blank. Lost ECC is a difference.
     bool HasDataOf(const NandChip &other, std::uint32_t block) const;
     /// @return whether a page was programmed since its block was erased, be it with 0xFF.
     bool IsProgrammed(std::uint32_t page) const;

@@ -120,8 +120,8 @@ std::optional<SweepComplaint> SweepJudge::JudgeFault(const NandChip &chip, const
                           "let the program that makes the failing request check and report the failure"};
 }
 
-/// @return whether all pages that either run touched hold what the reference holds or that with its ECC, and no page is
-/// unstable.
+/// @return whether all pages that either run touched hold what the reference holds, or that with ECC where the
+/// reference has none, and no page is unstable.
 bool SweepJudge::HasAllData(const NandChip &chip) const {
     for (std::uint32_t block = 0; block < chip.Geometry().Blocks(); ++block) {
         if (Differs(chip, block) && (chip.IsUnstable(block) || !chip.HasDataOf(m_reference.chip, block)))

@@ -1,5 +1,7 @@
 #include "ubi/UbiAttach.h"
 
+#include "base/Bytes.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <optional>

@@ -1,7 +1,8 @@
 #include "ubi/UbiMedia.h"
 
+#include "base/Bytes.h"
+
 #include <algorithm>
-#include <array>
 
 namespace {
 
@@ -41,30 +42,9 @@ UbiHeaderState HeaderState(const std::uint8_t *bytes, std::uint32_t magic) {
     return fits ? UbiHeaderState::Valid : UbiHeaderState::BadCrc;
 }
 
-constexpr std::array<std::uint32_t, 256> MakeCrcTable() {
-    std::array<std::uint32_t, 256> table{};
-    for (std::uint32_t byte = 0; byte < table.size(); ++byte) {
-        std::uint32_t crc = byte;
-        for (int bit = 0; bit < 8; ++bit)
-            crc = crc >> 1 ^ ((crc & 1) != 0 ? 0xEDB88320U : 0U);
-        table[byte] = crc;
-    }
-    return table;
-}
-
 } // namespace
 
-std::uint32_t UbiCrc(const std::uint8_t *bytes, std::size_t length) {
-    static constexpr auto kTable = MakeCrcTable();
-    std::uint32_t crc = 0xFFFFFFFF;
-    for (std::size_t i = 0; i < length; ++i)
-        crc = kTable[(crc ^ bytes[i]) & 0xFF] ^ crc >> 8;
-    return crc;
-}
-
-bool IsErased(const std::uint8_t *bytes, std::size_t length) {
-    return std::all_of(bytes, bytes + length, [](std::uint8_t byte) { return byte == 0xFF; });
-}
+std::uint32_t UbiCrc(const std::uint8_t *bytes, std::size_t length) { return AddToCrc(kCrcStart, bytes, length); }
 
 UbiHeaderState EcHeader::Parse(const std::uint8_t *bytes) {
     Fields fields(bytes);

@@ -81,5 +81,3 @@ struct VolumeRecord {
 
 /// CRC over `length` bytes.
 std::uint32_t UbiCrc(const std::uint8_t *bytes, std::size_t length);
-
-bool IsErased(const std::uint8_t *bytes, std::size_t length);

@@ -1,16 +1,15 @@
 #include "verdict/BlockContent.h"
 
+#include "base/Bytes.h"
 #include "base/Text.h"
 
 #include <algorithm>
-#include <array>
 #include <iterator>
 
 using namespace std::string_view_literals;
 
 namespace {
 
-constexpr std::size_t kCrcBytes = 4;
 constexpr std::size_t kFlagBytes = 1; ///< after the CRC of a redundant environment
 /// Of fewer bytes a CRC that fits says nothing.
 constexpr std::size_t kShortest = 16;
@@ -43,32 +42,18 @@ constexpr FormatRow kFormats[] = {
     {0, "\x1F\x8B\x08"sv, {"a gzip file", false}},
 };
 
-constexpr std::array<std::uint32_t, 256> MakeTable() {
-    std::array<std::uint32_t, 256> table = {};
-    for (std::uint32_t i = 0; i < table.size(); ++i) {
-        table[i] = i;
-        for (int bit = 0; bit < 8; ++bit)
-            table[i] = (table[i] & 1) != 0 ? 0xEDB88320 ^ (table[i] >> 1) : table[i] >> 1;
-    }
-    return table;
-}
-constexpr std::array<std::uint32_t, 256> kTable = MakeTable();
-
-std::uint32_t Add(std::uint32_t state, char byte) {
-    return kTable[(state ^ static_cast<unsigned char>(byte)) & 0xFF] ^ (state >> 8);
-}
-
 /// @return how many bytes from the start of a block on its CRC covers when the list begins at `start`, the CRC
 ///         included; 0 when it fits no length.
 std::size_t CoveredLength(std::string_view block, std::size_t start) {
     std::uint32_t stored = 0;
     for (std::size_t i = 0; i < kCrcBytes; ++i)
         stored |= std::uint32_t{static_cast<unsigned char>(block[i])} << (8 * i);
-    std::uint32_t state = ~std::uint32_t{0};
+    std::uint32_t crc = kCrcStart;
     std::size_t covered = 0;
     for (std::size_t at = start; at < block.size(); ++at) {
-        state = Add(state, block[at]);
-        if (~state == stored && at + 1 >= kShortest)
+        const auto byte = static_cast<std::uint8_t>(block[at]);
+        crc = AddToCrc(crc, &byte, 1);
+        if (~crc == stored && at + 1 >= kShortest)
             covered = at + 1;
     }
     return covered;
@@ -116,13 +101,6 @@ const DataFormat *FindFormatReadThroughEcc(std::string_view image, std::size_t e
             return format;
     }
     return nullptr;
-}
-
-std::uint32_t Crc32(std::string_view data) {
-    std::uint32_t state = ~std::uint32_t{0};
-    for (const char byte : data)
-        state = Add(state, byte);
-    return ~state;
 }
 
 BlockContent LookAtBlock(std::string_view block) {

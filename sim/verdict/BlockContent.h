@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <map>
 #include <set>
 #include <string>
@@ -19,8 +18,8 @@ const DataFormat *FindFormat(std::string_view data);
 /// @return the format of an image that is read normally: that of its start or of a later erase block; nullptr for none.
 const DataFormat *FindFormatReadThroughEcc(std::string_view image, std::size_t eraseSize);
 
-/// The CRC-32 of Ethernet and zlib, with which a boot environment begins.
-std::uint32_t Crc32(std::string_view data);
+/// Length of the CRC-32 at the start of a boot environment. In a redundant one a flag byte follows, then the variables.
+constexpr std::size_t kCrcBytes = 4;
 
 /// What a block holds that a variable is to be set in.
 struct BlockContent {

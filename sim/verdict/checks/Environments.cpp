@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr std::size_t kCrcBytes = 4;
 /// Bytes of a block that hold no variables at a later reading: the CRC, and 4 more that the reading doesn't look at.
 constexpr std::size_t kUnreadBytes = 8;
 

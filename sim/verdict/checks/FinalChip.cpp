@@ -1,3 +1,4 @@
+#include "base/Bytes.h"
 #include "base/Text.h"
 #include "verdict/Checks.h"
 
@@ -6,8 +7,6 @@
 #include <map>
 
 namespace {
-
-constexpr std::uint8_t kErasedByte = 0xFF;
 
 /// What a page holds when every line does what it says.
 struct Intent {
@@ -70,10 +69,6 @@ private:
     const RunFacts &m_facts;
     std::vector<Intent> m_pages;
 };
-
-bool IsErased(const std::uint8_t *cells, std::size_t length) {
-    return std::all_of(cells, cells + length, [](std::uint8_t byte) { return byte == kErasedByte; });
-}
 
 /// @return whether a page of the chip holds what was meant: data and OOB, 0xFF where the image has nothing.
 bool HoldsIntent(const RunFacts &facts, const Intent &intent, std::uint32_t page) {

@@ -9,8 +9,6 @@ namespace {
 
 using Kind = BlockContent::Kind;
 
-constexpr std::size_t kCrcBytes = 4;
-
 std::string_view View(const std::vector<char> &bytes) { return {bytes.data(), bytes.size()}; }
 
 /// @return the line that last erased a part of a range ahead of another line; nullptr for none.

@@ -70,7 +70,8 @@ std::vector<Finding> CheckStart(const RunFacts &facts) {
     if (facts.isScriptCut)
         findings.push_back(
             ForRun(FindingId::ScriptCut, "the updater reads the script up to its first zero byte, and at most 1 MiB"));
-    if (facts.story.hasStarted && facts.lines.empty())
+    // Of a run that was killed for its time the script isn't known.
+    if (facts.story.hasStarted && facts.lines.empty() && !facts.record.isOverdue)
         findings.push_back(
             ForRun(FindingId::NotStarted, "the script has no command: nothing is done", "add commands to the script"));
     if (!facts.story.refusal.empty())

@@ -1,3 +1,4 @@
+#include "base/Bytes.h"
 #include "base/Text.h"
 #include "ubi/UbiImage.h"
 #include "verdict/Checks.h"

@@ -223,14 +223,15 @@ TEST(NandChip, TakesTheKernelsEccAndNothingElseInTheOobForPlain) {
     bench.Program(1, Page({{3, 0x21}}), false);
     EXPECT_TRUE(bench.chip.HasPlainOob(0));
     EXPECT_TRUE(bench.chip.HasPlainOob(1));
-    EXPECT_FALSE(bench.chip.HasDataOf(other.chip, 0)) << "two pages are missing";
+    EXPECT_FALSE(other.chip.HasDataOf(bench.chip, 0)) << "two pages are missing";
     bench.Program(2, Page({{3, 0x21}}), false);
     bench.Program(3, Page({{3, 0x21}}), false);
-    EXPECT_TRUE(bench.chip.HasDataOf(other.chip, 0));
+    EXPECT_TRUE(other.chip.HasDataOf(bench.chip, 0)) << "with ECC in addition";
+    EXPECT_FALSE(bench.chip.HasDataOf(other.chip, 0)) << "the ECC is lost";
     const std::size_t oob = std::size_t{1} * kGeometry.RawPageSize() + kGeometry.pageSize;
     bench.cells[oob + 2] = 0x7F; // no place of the ECC
     EXPECT_FALSE(bench.chip.HasPlainOob(1));
-    EXPECT_FALSE(bench.chip.HasDataOf(other.chip, 0));
+    EXPECT_FALSE(other.chip.HasDataOf(bench.chip, 0));
     bench.cells[oob + 2] = 0xFF;
     bench.cells[oob + 63] = 0x7F; // one of the ECC alone
     EXPECT_FALSE(bench.chip.HasPlainOob(1));

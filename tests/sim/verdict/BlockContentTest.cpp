@@ -1,10 +1,16 @@
 #include "verdict/BlockContent.h"
 
+#include "base/Bytes.h"
+
 #include <gtest/gtest.h>
 
 namespace {
 
 constexpr std::size_t kBlock = 0x4000;
+
+std::uint32_t Crc32(const std::string &data) {
+    return ~AddToCrc(kCrcStart, reinterpret_cast<const std::uint8_t *>(data.data()), data.size());
+}
 
 /// A list with its CRC in front, or its CRC and a flag, in an area of its own at the start of a block.
 std::string Environment(std::string list, std::size_t length, const std::string &flag = "") {

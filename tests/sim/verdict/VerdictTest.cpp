@@ -158,6 +158,10 @@ TEST(Verdict, TellsHowARunEndedThatDidNotEndWell) {
     run.record.cutPlace = "";
     EXPECT_EQ(run.Told(), "CFN 0:crashed 2:failed 2:stopped");
 
+    Rehearsed overdue("", "");
+    overdue.record.isOverdue = true;
+    EXPECT_EQ(overdue.Told(), " 0:timed-out") << "its script isn't known";
+
     Rehearsed refused("erase 0 4000\n# long\n", "error : script line 2 of 300 characters, the limit is 255\n");
     refused.record.status = 255 << 8;
     EXPECT_EQ(refused.Told(), "N 2:line-too-long");
