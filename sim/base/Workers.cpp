@@ -101,7 +101,7 @@ public:
 
     int Channel() const { return m_channel.Get(); }
 
-    /// Takes a message that has come; closes the channel behind the last one.
+    /// Takes a message that has come; closes the channel after the last one.
     /// @return whether there was one.
     bool Receive(std::uint64_t &number, std::string &text) {
         char message[kMessageLimit];

@@ -378,7 +378,7 @@ NandChip::Programmed NandChip::Program(std::uint32_t page, const PageProgram &pr
         return {true, false};
     std::uint8_t &state = m_memory.pageStates[page];
     const bool erased = (state & kProgrammed) == 0;
-    // Told first: a process that is killed half-way leaves a page that isn't taken for erased.
+    // Recorded first: a process that is killed half-way leaves a page that isn't taken for erased.
     state = static_cast<std::uint8_t>((state & (kWeakPage | kUnstable)) | kProgrammed);
     if (program.extent == Extent::Unstable)
         state |= kUnstable;

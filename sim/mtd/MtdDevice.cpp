@@ -1,6 +1,7 @@
 #include "mtd/MtdDevice.h"
 
 #include "mtd/MtdOperation.h"
+#include "mtd/Trace.h"
 #include "mtd/UserMemory.h"
 
 #include <algorithm>
@@ -212,7 +213,7 @@ int MtdDevice::Erase(std::uint64_t start, std::uint64_t length) {
 bool MtdDevice::EraseOneBlock(std::uint64_t offset) {
     const std::uint32_t pages = m_chip.Geometry().PagesPerBlock();
     DropCache(PageAt(offset), PageAt(offset) + pages);
-    const Extent extent = m_listener.BeginChange();
+    const Extent extent = m_listener.BeginChange(m_part.offset + offset);
     const bool erased = m_chip.Erase(BlockAt(offset), extent);
     if (extent != Extent::Whole)
         m_listener.PowerOff(m_part.offset + offset);
@@ -451,13 +452,13 @@ int MtdDevice::ProgramPage(std::uint64_t offset, NandChip::PageProgram program, 
     }
     const std::uint32_t page = PageAt(offset);
     DropCache(page, page + 1);
-    program.extent = m_listener.BeginChange();
-    const NandChip::Programmed result = m_chip.Program(page, program);
     const std::uint64_t place = std::uint64_t{page} * m_chip.Geometry().pageSize;
+    program.extent = m_listener.BeginChange(place);
+    const NandChip::Programmed result = m_chip.Program(page, program);
     if (program.extent != Extent::Whole)
         m_listener.PowerOff(place);
     if (result.overUnerased)
-        m_listener.Note(place, "programmed over unerased bits");
+        m_listener.Note(place, kUnerasedNote);
     return result.done ? 0 : -EIO;
 }
 
@@ -522,7 +523,7 @@ void MtdDevice::ReadPage(std::uint32_t page, std::uint32_t column, std::uint32_t
         cache.page = hasOob || own.failed > 0 ? PageCache::kNone : page;
     }
     if (own.Worst() != ReadResult::Clean)
-        m_listener.Note(std::uint64_t{page} * pageSize, "read without valid ECC");
+        m_listener.Note(std::uint64_t{page} * pageSize, kUnsoundReadNote);
     result.corrected += own.corrected;
     result.failed += own.failed;
     result.mostBits = std::max(result.mostBits, own.mostBits);

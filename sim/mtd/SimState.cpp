@@ -205,7 +205,7 @@ int SimState::Begin(RequestKind kind) {
     const std::uint64_t number = ++m_shared->requests[static_cast<std::size_t>(kind)];
     if (Records()) {
         const std::vector<std::uint8_t> step =
-            WriteStep(RunStep::Kind::Request, m_bIsProgram, static_cast<std::uint32_t>(kind), nullptr, false);
+            WriteStep(RunStep::Kind::Request, m_bIsUpdater, static_cast<std::uint32_t>(kind), nullptr, false);
         Append(reinterpret_cast<const char *>(step.data()), step.size());
     }
     for (std::size_t i = 0; i < std::min<std::uint64_t>(m_shared->faultCount, kMaxFaults); ++i) {
@@ -283,7 +283,7 @@ void SimState::Saw(const ChipAccess &access) {
     constexpr RunStep::Kind kKinds[] = {RunStep::Kind::AskBad, RunStep::Kind::Read, RunStep::Kind::Erase,
                                         RunStep::Kind::Program, RunStep::Kind::MarkBad};
     const std::vector<std::uint8_t> step =
-        WriteStep(kKinds[static_cast<std::size_t>(access.kind)], m_bIsProgram, access.place, access.program,
+        WriteStep(kKinds[static_cast<std::size_t>(access.kind)], m_bIsUpdater, access.place, access.program,
                   m_shared->record == SimSettings::Record::StepsWithBytes);
     Append(reinterpret_cast<const char *>(step.data()), step.size());
 }
@@ -369,7 +369,17 @@ std::vector<ProgramNote> SimState::ProgramNotes() const {
     return notes;
 }
 
-Extent SimState::BeginChange() {
+void SimState::SetProgram(const std::string &name, bool isUpdater, std::uint32_t eraseSize) {
+    m_bIsUpdater = isUpdater;
+    m_program = name;
+    m_eraseSize = eraseSize;
+}
+
+Extent SimState::BeginChange(std::uint64_t offset) {
+    if (Traces() && m_eraseSize > 0 && !m_bIsUpdater && m_namedBlock != offset / m_eraseSize) {
+        m_namedBlock = offset / m_eraseSize;
+        Note(offset, (kChangedByNote + m_program).c_str());
+    }
     return ++m_shared->changes == m_shared->cutAtChange ? m_shared->cutExtent : Extent::Whole;
 }
 

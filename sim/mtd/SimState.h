@@ -106,8 +106,10 @@ public:
 
     /// @return whether the run records steps. The chip then has to listen to this object.
     bool Records() const;
-    /// Says whether this process is the updater itself; steps of others are recorded as such.
-    void SetProgram(bool isProgram) { m_bIsProgram = isProgram; }
+    /// Says which program this process runs, and whether that is the updater itself: steps of others are recorded as
+    /// such, and the trace names others that change flash.
+    /// @param eraseSize of the chip, in bytes: changes of one block one after the other are named once
+    void SetProgram(const std::string &name, bool isUpdater, std::uint32_t eraseSize);
     /// @return the record so far, as ReadSteps takes it; no bytes when steps are missing for want of room.
     const std::uint8_t *RecordBytes(std::size_t &length) const;
     void Saw(const ChipAccess &access) override;
@@ -122,7 +124,7 @@ public:
     std::vector<ProgramNote> ProgramNotes() const;
 
     void Note(std::uint64_t offset, const char *text) override;
-    Extent BeginChange() override;
+    Extent BeginChange(std::uint64_t offset) override;
     [[noreturn]] void PowerOff(std::uint64_t offset) override;
 
 private:
@@ -135,5 +137,8 @@ private:
     SharedFile m_file;
     Shared *m_shared;
     RequestKind m_current = RequestKind::Open;
-    bool m_bIsProgram = false;
+    bool m_bIsUpdater = false;
+    std::string m_program;
+    std::uint32_t m_eraseSize = 0;
+    std::uint64_t m_namedBlock = ~0ULL; ///< for whose changes the trace has last named the program
 };

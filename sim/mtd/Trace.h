@@ -9,6 +9,11 @@
 /// The format of a run's trace: a line for each request, "KIND mtdN fields = result", and lines for other calls and
 /// events. The functions write parts of lines, TraceCalls reads lines.
 
+// Notes on a page.
+constexpr const char *kUnsoundReadNote = "read without valid ECC";
+constexpr const char *kUnerasedNote = "programmed over unerased bits";
+constexpr const char *kChangedByNote = "changed by "; ///< and the name of a program other than the updater
+
 /// How a result is written.
 enum class Base { Decimal, Hex };
 

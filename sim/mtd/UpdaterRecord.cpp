@@ -9,7 +9,7 @@ constexpr const char *kDigits = "0123456789abcdef";
 
 char ValueOf(char digit) { return static_cast<char>(digit <= '9' ? digit - '0' : digit - 'a' + 10); }
 
-/// @return the bytes that a text of whole pairs of hexadecimal digits stands for; a text that was cut off has fewer.
+/// @return the bytes that a text of whole pairs of hexadecimal digits names; a text that was cut off has fewer.
 std::string BytesOf(const std::string &digits) {
     std::string bytes;
     bytes.reserve(digits.size() / 2);

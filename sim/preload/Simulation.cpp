@@ -9,6 +9,7 @@
 #include <exception>
 #include <memory>
 #include <stdexcept>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 namespace {
@@ -51,7 +52,11 @@ Simulation::Simulation(const char *chipPath, const char *statePath)
             throw std::runtime_error(device.name + ": isn't a part of the chip in whole blocks");
     }
     const char *program = StartVariable(kProgramVariable);
-    state.SetProgram(program != nullptr && std::strcmp(program, program_invocation_short_name) == 0);
+    // The kernel's name: that of the script, where an interpreter runs one.
+    char name[16] = "";
+    prctl(PR_GET_NAME, name);
+    state.SetProgram(name, program != nullptr && std::strcmp(program, program_invocation_short_name) == 0,
+                     geometry.eraseSize);
     chip.Chip().LetReadsAge();
     // From here on: the counters depend on the chip too.
     if (state.Records())

@@ -46,7 +46,7 @@ struct Reading {
     }
 };
 
-/// One attempt. Steps come in the kernel's order, since the first refusal is the one that is told.
+/// One attempt. Steps come in the kernel's order, since only the first refusal is reported.
 class Attempt {
 public:
     Attempt(const PebReader &reader, const UbiGeometry &geometry, const UbiSettings &settings)

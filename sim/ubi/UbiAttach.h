@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-/// What the kernel is told besides the flash itself.
+/// Settings of the kernel besides the flash itself.
 struct UbiSettings {
     /// Erase blocks of the whole chip, of which the partition is a part. The kernel counts with these when it reserves
     /// PEBs for future bad blocks, since all of them could lie in the partition.

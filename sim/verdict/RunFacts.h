@@ -64,10 +64,6 @@ struct NotifyCall {
 /// Where the updater expects the notify script.
 constexpr const char *kNotifyScript = "/tmp/update/progress_script.sh";
 
-// What the simulated device notes in the trace about a page.
-constexpr const char *kUnsoundReadNote = "read without valid ECC";
-constexpr const char *kUnerasedNote = "programmed over unerased bits";
-
 /// The facts of a run that checks judge: the record, the chip after the run, and what follows from both.
 /// Offsets are bytes in the whole flash.
 struct RunFacts {

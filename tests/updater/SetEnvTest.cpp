@@ -13,8 +13,8 @@ area += bytes(int(sys.argv[2]) - 4 - len(area))
 sys.stdout.buffer.write(struct.pack("<I", zlib.crc32(area)) + area)
 )";
 
-/// Builds a sealed block of the entries, which '|' parts, by python3's own CRC-32.
-std::string Sealed(const std::string &entries, std::size_t size) {
+/// Builds a block with a valid CRC of the entries, which '|' parts, by python3's own CRC-32.
+std::string WithCrc(const std::string &entries, std::size_t size) {
     const Outcome block = RunProgram({"python3", "-c", kSeal, entries, std::to_string(size)});
     EXPECT_EQ(block.err, "");
     return block.out;
@@ -30,11 +30,11 @@ void UseChipEcc(Device &device) { device.Options({"--ecc", "chip"}); }
 TEST(SetEnv, ChangesAndAddsVariablesOfASealedBlock) {
     Device device;
     UseChipEcc(device);
-    device.File("env", Sealed(kEntries, 2 * Device::kBlock));
+    device.File("env", WithCrc(kEntries, 2 * Device::kBlock));
     device.File("progress_script.sh", "#!/bin/sh\necho $1\n");
     const Outcome outcome = device.Run("write 8000 8000 env\nsetenv 8000 8000 b new=value\nsetenv 8000 8000 c 3\n");
     EXPECT_EQ(device.Flash(0x8000, 2 * Device::kBlock),
-              Sealed("a=1|b=new=value|boot=run x; y=z|c=3", 2 * Device::kBlock));
+              WithCrc("a=1|b=new=value|boot=run x; y=z|c=3", 2 * Device::kBlock));
     EXPECT_EQ(outcome.err.substr(outcome.err.find("write b")), "write b = new=value to env\nwrite c = 3 to env\n");
     EXPECT_EQ(outcome.OthersOut(), "16\n33\n50\n66\n83\n100\n116\n");
     EXPECT_EQ(outcome.Count("read"), 2U * 64);
@@ -44,15 +44,15 @@ TEST(SetEnv, ChangesAndAddsVariablesOfASealedBlock) {
 TEST(SetEnv, StartsAnEmptyEnvironmentOnErasedFlash) {
     Device device;
     device.Run("setenv 4000 4000 n v\n");
-    EXPECT_EQ(device.Flash(0x4000, Device::kBlock), Sealed("n=v", Device::kBlock));
+    EXPECT_EQ(device.Flash(0x4000, Device::kBlock), WithCrc("n=v", Device::kBlock));
     // What the kernel's own ECC protects reads back: the second line sees the first one's.
     device.Run("setenv 4000 4000 m w\n");
-    EXPECT_EQ(device.Flash(0x4000, Device::kBlock), Sealed("n=v|m=w", Device::kBlock));
+    EXPECT_EQ(device.Flash(0x4000, Device::kBlock), WithCrc("n=v|m=w", Device::kBlock));
 }
 
 TEST(SetEnv, ReadsAcrossBadBlocksAndWritesAroundThem) {
-    const std::string old = Sealed(kEntries, 2 * Device::kBlock);
-    const std::string changed = Sealed("a=1|b=2|boot=run x; y=z|n=v", 2 * Device::kBlock);
+    const std::string old = WithCrc(kEntries, 2 * Device::kBlock);
+    const std::string changed = WithCrc("a=1|b=2|boot=run x; y=z|n=v", 2 * Device::kBlock);
     {
         // Nothing but the bad block: read, rebuilt, written nowhere.
         Device device("2");
@@ -79,7 +79,7 @@ TEST(SetEnv, ReadsAcrossBadBlocksAndWritesAroundThem) {
         Device device("2");
         UseChipEcc(device);
         device.Run("setenv 8000 8000 n v\n");
-        EXPECT_EQ(device.Flash(0xc000, Device::kBlock), Sealed("n=v", 2 * Device::kBlock).substr(0, Device::kBlock));
+        EXPECT_EQ(device.Flash(0xc000, Device::kBlock), WithCrc("n=v", 2 * Device::kBlock).substr(0, Device::kBlock));
     }
 }
 
@@ -104,8 +104,8 @@ TEST(SetEnv, SaysWhatFailedAndLetsTheNextLineRun) {
         {"8000 8000", {"--fault", "MEMERASE64:2=EIO", "--fault", "MEMERASE=EIO"}, "error : erase failed at c000\n", 1},
         {"8000 8000", {"--fault", "write:34=EIO"}, "error : write page return -1\n", 1},
     };
-    const std::string old = Sealed(kEntries, 2 * Device::kBlock);
-    const std::string changed = Sealed(std::string(kEntries) + "|n=v", 2 * Device::kBlock);
+    const std::string old = WithCrc(kEntries, 2 * Device::kBlock);
+    const std::string changed = WithCrc(std::string(kEntries) + "|n=v", 2 * Device::kBlock);
     for (const auto &row : rows) {
         SCOPED_TRACE(std::string(row.place) + " " + row.err);
         Device device;
@@ -128,7 +128,7 @@ TEST(SetEnv, SaysWhatFailedAndLetsTheNextLineRun) {
 TEST(SetEnv, TouchesNothingWhenTheVariableDoesNotFit) {
     Device device;
     UseChipEcc(device);
-    const std::string old = Sealed("big=" + std::string(16300, 'x') + "|a=1", Device::kBlock);
+    const std::string old = WithCrc("big=" + std::string(16300, 'x') + "|a=1", Device::kBlock);
     device.File("env", old);
     const std::string value(80, 'v');
     const Outcome outcome = device.Run("write 0 4000 env\nsetenv 0 4000 n " + value + "\n");

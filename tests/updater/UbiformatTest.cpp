@@ -89,7 +89,7 @@ TEST(Ubiformat, StopsReleasesPreparesAndFormatsInThisOrder) {
                            "erase complete\n offset=0 size=4000\n");
     const std::string out = WithoutIds(outcome.out);
     EXPECT_EQ(out.substr(0, out.find("####")), "running update script /tmp/update/flashrig.script\n[N]\n[N]\n");
-    // fuser parts its ids by runs of blanks: empty fields are told and passed over.
+    // fuser parts its ids by runs of blanks: empty fields are reported and skipped.
     EXPECT_NE(out.find("####N###\n"), std::string::npos);
     EXPECT_EQ(out.substr(out.find("prepare")),
               "prepare ubi ...\nexecute /bin/sh status N\nexecute /tmp/update/ubiformat status N\n");

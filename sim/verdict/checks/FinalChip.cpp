@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <set>
 
 namespace {
 
@@ -92,7 +93,29 @@ struct Difference {
     std::int64_t image = 0;  ///< pages of the image
     std::int64_t erased = 0; ///< pages meant to be erased
     std::int64_t first = 0;  ///< offset of the first of both in the flash
+    std::set<std::string> changers;
 };
+
+/// The programs beside the updater that changed each block.
+std::map<std::uint32_t, std::set<std::string>> ChangersOfBlocks(const RunFacts &facts) {
+    std::map<std::uint32_t, std::set<std::string>> changers;
+    for (const PageNote &note : facts.calls.notes) {
+        if (note.text.compare(0, std::strlen(kChangedByNote), kChangedByNote) == 0)
+            changers[static_cast<std::uint32_t>(note.offset / facts.chip.Geometry().eraseSize)].insert(
+                note.text.substr(std::strlen(kChangedByNote)));
+    }
+    return changers;
+}
+
+/// @return what made the difference, as far as the run shows it.
+std::string CulpritText(const Difference &difference) {
+    if (difference.changers.empty())
+        return "; no other program changed those blocks: a request of the line failed silently";
+    std::string names;
+    for (const std::string &name : difference.changers)
+        names += (names.empty() ? "" : ", ") + name;
+    return "; changed by " + names;
+}
 
 } // namespace
 
@@ -100,6 +123,7 @@ struct Difference {
 /// place of the line, shows here.
 std::vector<Finding> CheckFinalChip(const RunFacts &facts) {
     const IntendedChip intended(facts);
+    const auto changers = ChangersOfBlocks(facts);
     std::map<const LineVerdict *, Difference> differences;
     const NandGeometry &geometry = facts.chip.Geometry();
     for (std::uint32_t page = 0; page < geometry.Pages(); ++page) {
@@ -112,6 +136,9 @@ std::vector<Finding> CheckFinalChip(const RunFacts &facts) {
         if (difference.image + difference.erased == 0)
             difference.first = facts.flash.FromChip(std::uint64_t{page} * geometry.pageSize);
         ++(intent.page == Intent::kErased ? difference.erased : difference.image);
+        const auto others = changers.find(page / geometry.PagesPerBlock());
+        if (others != changers.end())
+            difference.changers.insert(others->second.begin(), others->second.end());
     }
     std::vector<Finding> findings;
     for (const auto &[line, difference] : differences) {
@@ -122,8 +149,9 @@ std::vector<Finding> CheckFinalChip(const RunFacts &facts) {
         if (difference.erased > 0)
             happens += (happens.empty() ? "" : ", and ") + Count(difference.erased, "page") + " of the erased range " +
                        (difference.erased == 1 ? "is" : "are") + " not erased";
-        findings.push_back(ForLine(line->line, FindingId::Spoiled,
-                                   happens + " when the update ends, first at " + Hex(difference.first)));
+        findings.push_back(
+            ForLine(line->line, FindingId::Spoiled,
+                    happens + " when the update ends, first at " + Hex(difference.first) + CulpritText(difference)));
     }
     return findings;
 }

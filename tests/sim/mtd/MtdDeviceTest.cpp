@@ -28,7 +28,7 @@ struct PowerIsOff {
 class Notebook : public ChangeListener {
 public:
     void Note(std::uint64_t offset, const char *text) override { notes += std::to_string(offset) + " " + text + "\n"; }
-    Extent BeginChange() override { return ++changes == cutAtChange ? Extent::FirstHalf : Extent::Whole; }
+    Extent BeginChange(std::uint64_t) override { return ++changes == cutAtChange ? Extent::FirstHalf : Extent::Whole; }
     [[noreturn]] void PowerOff(std::uint64_t offset) override { throw PowerIsOff{offset}; }
 
     std::string notes;

@@ -145,11 +145,11 @@ TEST_F(SimStateTest, PowerCutKillsEveryProcessThatGoesOn) {
     settings.traceLimit = kTraceLimit;
     Begin(settings);
     SimState state(statePath());
-    EXPECT_EQ(state.BeginChange(), Extent::Whole);
+    EXPECT_EQ(state.BeginChange(0), Extent::Whole);
     EXPECT_EQ(state.CutPlace(), "");
     const auto lastChange = [&] {
         state.Begin(RequestKind::Erase);
-        if (state.BeginChange() == Extent::FirstHalf)
+        if (state.BeginChange(0) == Extent::FirstHalf)
             state.PowerOff(0x20000);
     };
     EXPECT_EXIT(lastChange(), testing::KilledBySignal(SIGKILL), "");

@@ -450,8 +450,8 @@ TEST(Verdict, NamesTheTroubleThatARunNeverReached) {
     const std::string path = testing::TempDir() + "absent" + std::to_string(getpid());
     SimState::Create(path, {});
     SimState state(path);
-    state.BeginChange();
-    state.BeginChange();
+    state.BeginChange(0);
+    state.BeginChange(0);
     state.Begin(RequestKind::Read);
     unlink(path.c_str());
     SimSettings asked;
