@@ -157,22 +157,47 @@ void NandChip::Format() {
 
 /// A checksum that notices changes and is fast; whoever wants to fit it can.
 std::uint64_t NandChip::PageSum(std::uint32_t page) const {
+    // Several sums at a time: each waits for its own last step only.
+    constexpr std::size_t kLanes = 4;
+    constexpr std::size_t kStep = kLanes * sizeof(std::uint64_t);
+    const std::uint8_t *cells = CellsOf(page);
+    std::uint64_t lanes[kLanes] = {1, 2, 3, 4};
+    std::size_t done = 0;
+    for (; done + kStep <= m_geometry.RawPageSize(); done += kStep) {
+        std::uint64_t words[kLanes];
+        std::memcpy(words, cells + done, kStep);
+        for (std::size_t i = 0; i < kLanes; ++i) {
+            lanes[i] = (lanes[i] ^ words[i]) * 0x9E3779B97F4A7C15U;
+            lanes[i] ^= lanes[i] >> 29;
+        }
+    }
     BytesHash hash;
-    hash.Add(Cells(page), m_geometry.RawPageSize());
+    hash.Add(reinterpret_cast<const std::uint8_t *>(lanes), sizeof lanes);
+    hash.Add(cells + done, m_geometry.RawPageSize() - done);
     hash.Add(&m_memory.pageStates[page], 1);
     return hash.Value();
 }
 
 std::uint64_t NandChip::BlockSum(std::uint32_t block) const { return HashBytes(&m_memory.blockStates[block], 1); }
 
+bool NandChip::FitsSum(std::uint32_t page) const {
+    return m_memory.sums == nullptr || m_memory.sums[page] == PageSum(page);
+}
+
+bool NandChip::FitsBlockSum(std::uint32_t block) const {
+    return m_memory.sums == nullptr || m_memory.sums[m_geometry.Pages() + block] == BlockSum(block);
+}
+
 /// Sets the checksums of pages of one block, and the block's.
-void NandChip::Sum(std::uint32_t firstPage, std::uint32_t count) const {
+/// @param hasFit whether all of them fitted before the change; else they do not fit afterwards either
+void NandChip::Sum(std::uint32_t firstPage, std::uint32_t count, bool hasFit) const {
     if (m_memory.sums == nullptr)
         return;
+    const std::uint64_t misfit = hasFit ? 0 : 1;
     for (std::uint32_t page = firstPage; page < firstPage + count; ++page)
-        m_memory.sums[page] = PageSum(page);
+        m_memory.sums[page] = PageSum(page) ^ misfit;
     const std::uint32_t block = firstPage / m_geometry.PagesPerBlock();
-    m_memory.sums[m_geometry.Pages() + block] = BlockSum(block);
+    m_memory.sums[m_geometry.Pages() + block] = BlockSum(block) ^ misfit;
 }
 
 void NandChip::SumAll() {
@@ -183,11 +208,18 @@ void NandChip::SumAll() {
 std::vector<std::uint32_t> NandChip::MisfitPages() const {
     std::vector<std::uint32_t> misfits;
     for (std::uint32_t page = 0; m_memory.sums != nullptr && page < m_geometry.Pages(); ++page) {
-        const std::uint32_t block = page / m_geometry.PagesPerBlock();
-        if (m_memory.sums[page] != PageSum(page) || m_memory.sums[m_geometry.Pages() + block] != BlockSum(block))
+        if (!FitsSum(page) || !FitsBlockSum(page / m_geometry.PagesPerBlock()))
             misfits.push_back(page);
     }
     return misfits;
+}
+
+bool NandChip::HasMisfits(std::uint32_t block) const {
+    const std::uint32_t first = block * m_geometry.PagesPerBlock();
+    bool fits = FitsBlockSum(block);
+    for (std::uint32_t page = first; fits && page < first + m_geometry.PagesPerBlock(); ++page)
+        fits = FitsSum(page);
+    return !fits;
 }
 
 /// Reports an access to the listener.
@@ -253,7 +285,9 @@ void NandChip::MakeWeakPages(std::uint32_t block) {
 }
 
 BlockMark NandChip::Mark(std::uint32_t block) const {
-    return IsBad(block) ? BlockMark::Bad : static_cast<BlockMark>(m_memory.blockStates[block] & kMarkBits);
+    // A damaged state may hold any number.
+    const std::uint8_t mark = m_memory.blockStates[block] & kMarkBits;
+    return IsBad(block) ? BlockMark::Bad : std::min(static_cast<BlockMark>(mark), BlockMark::WrittenWithoutErase);
 }
 
 bool NandChip::IsTouched(std::uint32_t block) const { return (m_memory.blockStates[block] & kMarkBits) != 0; }
@@ -278,7 +312,12 @@ void NandChip::CopyBlock(const NandChip &other, std::uint32_t block) {
     std::memcpy(CellsOf(first), other.Cells(first), RawBlockSize());
     std::copy_n(other.m_memory.pageStates + first, pages, m_memory.pageStates + first);
     m_memory.blockStates[block] = other.m_memory.blockStates[block];
-    Sum(first, pages);
+    if (m_memory.sums == nullptr || other.m_memory.sums == nullptr) {
+        Sum(first, pages);
+        return;
+    }
+    std::copy_n(other.m_memory.sums + first, pages, m_memory.sums + first);
+    m_memory.sums[m_geometry.Pages() + block] = other.m_memory.sums[m_geometry.Pages() + block];
 }
 
 void NandChip::SaveBlock(std::uint32_t block, BlockImage &image) const {
@@ -357,6 +396,7 @@ bool NandChip::Erase(std::uint32_t block, Extent extent) {
     const std::uint32_t pages = m_geometry.PagesPerBlock();
     const std::uint32_t first = block * pages;
     const std::uint32_t count = Reached(extent, pages, 1);
+    const bool hasFit = !HasMisfits(block);
     for (std::uint32_t page = first; page < first + count; ++page) {
         std::uint8_t &state = m_memory.pageStates[page];
         if ((state & kProgrammed) == 0)
@@ -367,7 +407,7 @@ bool NandChip::Erase(std::uint32_t block, Extent extent) {
     for (std::uint32_t page = first; extent == Extent::Unstable && page < first + pages; ++page)
         m_memory.pageStates[page] |= kProgrammed | kUnstable;
     SetMark(block, BlockMark::Erased);
-    Sum(first, pages);
+    Sum(first, pages, hasFit);
     return (m_memory.blockStates[block] & kWeakBlock) == 0;
 }
 
@@ -376,6 +416,8 @@ NandChip::Programmed NandChip::Program(std::uint32_t page, const PageProgram &pr
         m_listener->Saw({AccessKind::Program, page, &program});
     if (program.extent == Extent::NotStarted)
         return {true, false};
+    const std::uint32_t block = page / m_geometry.PagesPerBlock();
+    const bool hasFit = FitsSum(page) && FitsBlockSum(block);
     std::uint8_t &state = m_memory.pageStates[page];
     const bool erased = (state & kProgrammed) == 0;
     // Recorded first: a process that is killed half-way leaves a page that isn't taken for erased.
@@ -420,13 +462,12 @@ NandChip::Programmed NandChip::Program(std::uint32_t page, const PageProgram &pr
             lost = ProgramOver(oobCells + i, oob + i, 1) || lost;
     }
 
-    const std::uint32_t block = page / m_geometry.PagesPerBlock();
     const auto mark = static_cast<BlockMark>(m_memory.blockStates[block] & kMarkBits);
     if (mark == BlockMark::Untouched)
         SetMark(block, BlockMark::WrittenWithoutErase);
     else if (mark == BlockMark::Erased)
         SetMark(block, BlockMark::Written);
-    Sum(page, 1);
+    Sum(page, 1, hasFit);
     return {(state & kWeakPage) == 0, lost};
 }
 

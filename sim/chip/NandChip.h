@@ -160,9 +160,11 @@ public:
     /// Sets all checksums to what pages and blocks are now.
     void SumAll();
     /// @return the pages that don't fit their checksums, and all pages of blocks whose state doesn't, ascending: they
-    ///         were changed behind the chip's back, or a process was killed while it changed them. None without
-    ///         checksums.
+    ///         were changed other than through a chip, or a process was killed while it changed them. Later changes
+    ///         through a chip leave them misfits. None without checksums.
     std::vector<std::uint32_t> MisfitPages() const;
+    /// The same for one block.
+    bool HasMisfits(std::uint32_t block) const;
 
     /// Makes the memory that of a chip fresh from the factory: all erased, no bad blocks.
     void Format();
@@ -242,7 +244,9 @@ private:
     void SetMark(std::uint32_t block, BlockMark mark);
     std::uint64_t PageSum(std::uint32_t page) const;
     std::uint64_t BlockSum(std::uint32_t block) const;
-    void Sum(std::uint32_t firstPage, std::uint32_t count) const;
+    void Sum(std::uint32_t firstPage, std::uint32_t count, bool hasFit = true) const;
+    bool FitsSum(std::uint32_t page) const;
+    bool FitsBlockSum(std::uint32_t block) const;
     void See(AccessKind kind, std::uint32_t place) const;
 
     NandGeometry m_geometry;

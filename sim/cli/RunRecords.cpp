@@ -5,7 +5,7 @@ RunRecord RecordOf(const RunSettings &settings, const RunOutcome &outcome, const
     record.script = outcome.script;
     record.files = outcome.files;
     record.contents = outcome.contents;
-    record.devices = state.Devices();
+    record.devices = settings.sim.devices;
     record.status = outcome.status;
     record.out = outcome.out;
     record.err = outcome.err;

@@ -111,9 +111,10 @@ std::vector<nlohmann::ordered_json> ReadReports(const std::vector<std::string> &
     std::vector<nlohmann::ordered_json> reports;
     for (const std::string &path : paths) {
         std::ifstream file(path);
-        reports.push_back(nlohmann::ordered_json::parse(file, nullptr, false));
-        if (!file.is_open() || reports.back().is_discarded() || !reports.back().contains("sweeps"))
+        auto report = ParseReport({std::istreambuf_iterator<char>(file), {}});
+        if (!report)
             throw std::invalid_argument(path + " is not a report");
+        reports.push_back(std::move(*report));
     }
     return reports;
 }

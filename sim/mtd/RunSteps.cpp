@@ -1,5 +1,8 @@
 #include "mtd/RunSteps.h"
 
+#include "chip/Hamming.h"
+#include "mtd/Requests.h"
+
 #include <cstring>
 
 namespace {
@@ -24,6 +27,25 @@ constexpr std::size_t kWord = sizeof(std::uint64_t);
 static_assert(sizeof(Head) % kWord == 0);
 
 std::size_t WholeWords(std::size_t length) { return (length + kWord - 1) / kWord * kWord; }
+
+/// @return whether a step is one of a request that there is, or lies on a chip.
+bool IsOnChip(const Head &head, const NandGeometry &geometry) {
+    const bool isWholeSteps = head.column % Hamming::kStep == 0 && head.length % Hamming::kStep == 0;
+    switch (head.kind) {
+    case RunStep::Kind::Request:
+        return head.place < kRequestKinds;
+    case RunStep::Kind::Read:
+    case RunStep::Kind::Program:
+        return head.place < geometry.Pages() && head.column <= geometry.pageSize &&
+               head.length <= geometry.pageSize - head.column && head.oobLength <= geometry.oobSize &&
+               (head.withEcc == 0 || isWholeSteps);
+    case RunStep::Kind::AskBad:
+    case RunStep::Kind::Erase:
+    case RunStep::Kind::MarkBad:
+        return head.place < geometry.Blocks();
+    }
+    return false;
+}
 
 } // namespace
 
@@ -56,7 +78,8 @@ std::vector<std::uint8_t> WriteStep(RunStep::Kind kind, bool isByProgram, std::u
     return step;
 }
 
-bool ReadSteps(const std::uint8_t *bytes, std::size_t length, std::vector<RunStep> &steps) {
+bool ReadSteps(const std::uint8_t *bytes, std::size_t length, const NandGeometry &geometry,
+               std::vector<RunStep> &steps) {
     steps.clear();
     for (std::size_t at = 0; at < length;) {
         Head head;
@@ -66,7 +89,7 @@ bool ReadSteps(const std::uint8_t *bytes, std::size_t length, std::vector<RunSte
         const bool hasBytes = (head.parts & kBytes) != 0;
         const std::size_t size = sizeof head + (hasBytes ? std::size_t{head.length} + head.oobLength : 0);
         // A process that was killed while it wrote a step leaves zeros.
-        if (head.size != WholeWords(size) || head.size > length - at || head.kind > RunStep::Kind::MarkBad)
+        if (head.size != WholeWords(size) || head.size > length - at || !IsOnChip(head, geometry))
             return false;
         RunStep step = {head.kind, head.isByProgram != 0, head.place, head.hash, {}};
         step.program.column = head.column;

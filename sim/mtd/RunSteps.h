@@ -31,7 +31,9 @@ struct RunStep {
 std::vector<std::uint8_t> WriteStep(RunStep::Kind kind, bool isByProgram, std::uint32_t place,
                                     const NandChip::PageProgram *program, bool keepsBytes);
 
-/// Reads all steps of a record.
+/// Reads all steps of a record. Programs of an update may have written it: every place of a step is on the chip.
 /// @param bytes outlive the steps
-/// @return false when the bytes are not whole steps.
-bool ReadSteps(const std::uint8_t *bytes, std::size_t length, std::vector<RunStep> &steps);
+/// @param geometry of the chip
+/// @return false when the bytes are not whole steps on such a chip.
+bool ReadSteps(const std::uint8_t *bytes, std::size_t length, const NandGeometry &geometry,
+               std::vector<RunStep> &steps);

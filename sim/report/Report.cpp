@@ -139,6 +139,20 @@ ordered_json MakeReport(const RunRecord &record, const Verdict &verdict, const N
     return report;
 }
 
+std::optional<ordered_json> ParseReport(const std::string &text) {
+    // Reports are far flatter; whoever writes or compares JSON goes down a level by a call.
+    constexpr int kDeepest = 32;
+    bool isDeep = false;
+    const auto look = [&isDeep](int depth, ordered_json::parse_event_t, const ordered_json &) {
+        isDeep = isDeep || depth > kDeepest;
+        return !isDeep;
+    };
+    ordered_json report = ordered_json::parse(text, look, false);
+    if (isDeep || !report.is_object() || !report.contains("sweeps"))
+        return std::nullopt;
+    return report;
+}
+
 std::string VerdictText(const Verdict &verdict, const std::string &scriptName) {
     std::string text;
     for (const LineVerdict &line : verdict.lines) {

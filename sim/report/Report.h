@@ -3,6 +3,7 @@
 #include "verdict/Verdict.h"
 
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <string>
 
 /// The report of a rehearsal, for programs: one JSON object. Later versions add fields, but never rename them.
@@ -27,6 +28,10 @@
 ///   sweeps       in the order of the runs, each an object of DescribeSweep; empty here
 nlohmann::ordered_json MakeReport(const RunRecord &record, const Verdict &verdict, const NandChip &chip,
                                   const SimState &state);
+
+/// Reads a report from the text of a file.
+/// @return nothing when the text is not a report.
+std::optional<nlohmann::ordered_json> ParseReport(const std::string &text);
 
 /// The verdict for people: a line for the room of each range, a line for each finding, and the verdict itself.
 /// @param scriptName is printed before line numbers, as compilers do

@@ -41,6 +41,7 @@ struct RunOutcome {
     bool isOverdue = false;                      ///< the run timed out and was killed
     bool isCut = false;                          ///< more output than kMostOutput: the rest is lost
     bool isOutputLost = false;                   ///< passOut couldn't be written, for another reason than a gone reader
+    bool isBypassed = false;                     ///< a rig's chip was changed other than by requests
     std::string excess;                          ///< "processes" or "memory": the run took too much and was killed
     bool leavesProcesses = false;                ///< others than the updater still run in the sandbox
     int status = 0;                              ///< the updater's, as waitpid gives it; 0 when ended early

@@ -111,7 +111,7 @@ private:
     bool ReadWhole(std::vector<RunStep> &steps) const {
         std::size_t length = 0;
         const std::uint8_t *record = m_rig.Record(length);
-        return m_marked.empty() && length > 0 && ReadSteps(record, length, steps) &&
+        return m_marked.empty() && length > 0 && ReadSteps(record, length, m_rig.Chip().Geometry(), steps) &&
                std::none_of(steps.begin(), steps.end(),
                             [](const RunStep &step) { return step.kind == RunStep::Kind::MarkBad; });
     }
@@ -122,7 +122,7 @@ private:
         run.record = SimSettings::Record::Steps;
         const RunOutcome again = RunWhole(m_rig, run);
         std::vector<RunStep> steps;
-        if (ReadWhole(steps) && !again.isOverdue && !again.leavesProcesses) {
+        if (ReadWhole(steps) && !again.isOverdue && !again.leavesProcesses && !again.isBypassed) {
             m_known.emplace_front(steps, again, m_replay.Chip(), m_rig.Chip(), m_judge);
             if (m_known.size() > kMostKnown)
                 m_known.pop_back();
@@ -171,7 +171,7 @@ CaseResult TryCut(const SweepCase &what, const SweepTools &tools) {
     run.cutAtChange = what.cutAtChange;
     run.cutExtent = what.cutExtent;
     const RunOutcome cut = RunWhole(rig, run);
-    if (cut.isOverdue)
+    if (cut.isOverdue || cut.isBypassed)
         return {judge.JudgeEnd(cut)};
     CaseResult result;
     const bool hasLines = !judge.Reference().steps.empty();

@@ -63,7 +63,7 @@ CaseResult TryPair(const SweepCase &what, const SweepTools &tools) {
         if (cutAtChange == 0)
             continue;
         const RunOutcome cut = RunWhole(rig, run);
-        if (cut.isOverdue)
+        if (cut.isOverdue || cut.isBypassed)
             return {judge.JudgeEnd(cut)};
     }
     const RunOutcome last = RunWhole(rig);

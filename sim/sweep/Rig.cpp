@@ -36,9 +36,11 @@ void Rig::Lay(const NandChip &chip) {
         if (own.IsTouched(block) || chip.IsTouched(block) || own.BlockTraits(block) != chip.BlockTraits(block))
             own.CopyBlock(chip, block);
     }
-    for (const std::uint32_t block : m_worn)
-        own.CopyBlock(chip, block);
-    m_worn.clear();
+    for (std::vector<std::uint32_t> *further : {&m_worn, &m_misfits}) {
+        for (const std::uint32_t block : *further)
+            own.CopyBlock(chip, block);
+        further->clear();
+    }
 }
 
 void Rig::WearOut(const std::vector<std::uint32_t> &eraseFails, const std::vector<std::uint32_t> &programFails) {
@@ -81,5 +83,21 @@ RunOutcome Rig::RunIn(const RigRun &run, const std::vector<std::string> *command
     // Only after the update a sandbox is ready for the habit's command.
     if (!m_habit.sharesSandbox || outcome.leavesProcesses || hasEnded || (isNew && !isUpdate))
         m_sandbox.reset();
+    outcome.isBypassed = FindMisfits();
     return outcome;
+}
+
+/// Notes the blocks that were changed other than by requests, of those that the judge looks at.
+/// @return whether there are any.
+bool Rig::FindMisfits() {
+    const NandChip &chip = m_chip.Chip();
+    const auto look = [&](std::uint32_t block, bool isTouched) {
+        if (chip.IsTouched(block) == isTouched && chip.HasMisfits(block))
+            m_misfits.push_back(block);
+    };
+    for (std::uint32_t block = 0; block < chip.Geometry().Blocks(); ++block)
+        look(block, true);
+    for (const std::uint32_t block : m_habit.watched)
+        look(block, false);
+    return !m_misfits.empty();
 }

@@ -16,6 +16,7 @@ struct RigHabit {
     bool sharesSandbox = false;           ///< runs leave nothing in their sandbox, so one sandbox serves all of them
     std::vector<std::string> command;     ///< for a sandbox in which the update has already run
     int milliseconds = Sandbox::kNoLimit; ///< time limit of a run
+    std::vector<std::uint32_t> watched;   ///< blocks of which the judge looks at the bytes, touched or not
 };
 
 /// The trouble and the record of one run.
@@ -31,7 +32,8 @@ class Rig {
 public:
     /// @param settings without a trace; they outlive the rig
     /// @param start the chip that runs start from; it outlives the rig
-    /// @param path of the chip's files, which exist and equal `start`; the state file is made beside them
+    /// @param path of the chip's files, which exist and equal `start`, with checksums; the state file is made beside
+    ///        them
     Rig(const RunSettings &settings, const ChipFile &start, const std::string &path, const HeldSignals &signals);
 
     void Adopt(const RigHabit &habit) { m_habit = habit; }
@@ -59,6 +61,7 @@ public:
 
 private:
     RunOutcome RunIn(const RigRun &run, const std::vector<std::string> *command);
+    bool FindMisfits();
 
     const RunSettings &m_settings;
     const NandChip &m_start;
@@ -69,5 +72,6 @@ private:
     std::unique_ptr<Sandbox> m_sandbox;
     RigHabit m_habit;
     bool m_bIsFirst = true;
-    std::vector<std::uint32_t> m_worn; ///< blocks with worn-out pages
+    std::vector<std::uint32_t> m_worn;    ///< blocks with worn-out pages
+    std::vector<std::uint32_t> m_misfits; ///< blocks that the last run changed other than by requests
 };

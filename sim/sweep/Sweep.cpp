@@ -9,6 +9,7 @@
 #include "sweep/SweepTable.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <map>
@@ -26,6 +27,8 @@ constexpr int kPatience = 20;
 constexpr int kLeastPatienceMilliseconds = 60000;
 
 constexpr std::int64_t kMostMilliseconds = 3600000;
+/// Changes or requests of a run that is swept. The list of cases of more would fill the memory.
+constexpr std::uint64_t kMostPlaces = std::uint64_t{1} << 23;
 
 using Clock = std::chrono::steady_clock;
 
@@ -150,6 +153,7 @@ struct Sweeper::Base {
     std::string CopyStart(const std::string &name) const {
         std::string path = startPath + "." + name;
         ChipFile::Copy(startPath, path);
+        ChipFile::AddSums(path);
         return path;
     }
 
@@ -190,12 +194,19 @@ void TakeRecord(ReferenceRun &reference, const Rig &rig, bool leavesProcesses) {
     const std::uint8_t *record = rig.Record(length);
     std::vector<RunStep> first;
     std::vector<RunStep> second;
-    const bool isWhole = ReadSteps(reference.record.data(), reference.record.size(), first) &&
-                         ReadSteps(record, length, second) && !first.empty();
-    const auto changes = std::count_if(first.begin(), first.end(), [](const RunStep &step) { return step.IsChange(); });
+    const NandGeometry &geometry = reference.chip.Geometry();
+    const bool isWhole = ReadSteps(reference.record.data(), reference.record.size(), geometry, first) &&
+                         ReadSteps(record, length, geometry, second) && !first.empty();
+    std::uint64_t changes = 0;
+    std::array<std::uint64_t, kRequestKinds> requests = {};
+    for (const RunStep &step : first) {
+        changes += step.IsChange() ? 1 : 0;
+        if (step.kind == RunStep::Kind::Request)
+            ++requests[step.place];
+    }
     if (leavesProcesses)
         reference.whyNoSteps = "the update leaves processes running";
-    else if (!isWhole || static_cast<std::uint64_t>(changes) != reference.changes)
+    else if (!isWhole || changes != reference.changes || requests != reference.requests)
         reference.whyNoSteps = "the record of the update is not complete";
     else if (first != second)
         reference.whyNoSteps = "two runs of the update access flash differently";
@@ -206,6 +217,7 @@ void TakeRecord(ReferenceRun &reference, const Rig &rig, bool leavesProcesses) {
 } // namespace
 
 Sweeper::Sweeper(const RunSettings &settings, const std::string &start, const HeldSignals &signals) {
+    ChipFile::AddSums(start);
     auto base = std::make_unique<Base>(settings, start, signals);
     try {
         MakeReference(*base);
@@ -229,6 +241,10 @@ void Sweeper::MakeReference(Base &base) {
     const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count();
     ChipFile::Copy(path, base.startPath + ".end");
     base.end = std::make_unique<ChipFile>(base.startPath + ".end");
+    for (std::uint32_t block = 0; block < base.end->Chip().Geometry().Blocks(); ++block) {
+        if (base.end->Chip().IsTouched(block))
+            base.habit.watched.push_back(block);
+    }
     const std::vector<UpdateLine> lines = ReadUpdateLines(VisibleScript(first.script));
     auto reference = std::make_unique<ReferenceRun>(ReferenceRun{base.settings.sim.devices,
                                                                  lines,
@@ -243,6 +259,11 @@ void Sweeper::MakeReference(Base &base) {
                                                                  {},
                                                                  {},
                                                                  {}});
+    const bool isSmall =
+        reference->changes <= kMostPlaces && std::all_of(reference->requests.begin(), reference->requests.end(),
+                                                         [](std::uint64_t count) { return count <= kMostPlaces; });
+    if (!isSmall)
+        throw std::runtime_error("the update makes too many requests for a sweep");
     std::size_t length = 0;
     const std::uint8_t *record = rig.Record(length);
     reference->record.assign(record, record + length);
@@ -256,7 +277,10 @@ void Sweeper::MakeReference(Base &base) {
     const RunOutcome second = rig.Run(run);
     base.habit.sharesSandbox = base.habit.sharesSandbox && !first.leavesProcesses && !second.leavesProcesses &&
                                IsSame(*reference, rig, second);
-    TakeRecord(*reference, rig, first.leavesProcesses || second.leavesProcesses);
+    if (first.isBypassed || second.isBypassed)
+        reference->whyNoSteps = "the update changes flash other than by requests";
+    else
+        TakeRecord(*reference, rig, first.leavesProcesses || second.leavesProcesses);
     if (!first.isInterrupted && !second.isInterrupted)
         base.reference = std::move(reference);
 }

@@ -195,6 +195,9 @@ RunStory SweepJudge::Follow(const RunOutcome &run, bool wasCut) const {
 std::optional<SweepComplaint> SweepJudge::JudgeEnd(const RunOutcome &run) const {
     if (run.isOverdue)
         return SweepComplaint{0, "the updater timed out and was killed"};
+    if (run.isBypassed)
+        return SweepComplaint{0, "pages changed other than by a request, or while the writer was killed",
+                              "change flash only through the MTD devices"};
     if (WIFSIGNALED(run.status))
         return SweepComplaint{0, "the updater was killed by signal " + std::to_string(WTERMSIG(run.status))};
     return std::nullopt;

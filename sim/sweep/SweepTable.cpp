@@ -15,7 +15,7 @@ std::string RunBootCommand(Rig &rig, const std::string &command, SimSettings::Re
     const RunOutcome outcome = rig.RunCommand({"/bin/sh", "-c", command}, record);
     if (outcome.isInterrupted)
         throw std::runtime_error("a worker process was interrupted");
-    if (rig.State().Changes() != 0)
+    if (rig.State().Changes() != 0 || outcome.isBypassed)
         throw std::runtime_error("the command that --boots names changes flash");
     if (outcome.isOverdue)
         return "the boot command timed out";

@@ -67,6 +67,8 @@ bool IsText(char byte) { return (byte >= ' ' && byte <= '~') || byte == '\n' || 
 
 /// @return whether a list of variables follows a CRC or a flag.
 bool HasList(std::string_view block, std::size_t start) {
+    if (block.size() < start)
+        return false;
     const std::string_view entry = block.substr(start, block.find('\0', start) - start);
     return entry.find('=') != std::string_view::npos && entry.find('=') != 0 &&
            std::all_of(entry.begin(), entry.end(), IsText);
