@@ -14,6 +14,13 @@ if(TARGET flashsim)
   install(FILES docs/flashsim.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT flashsim)
   install(FILES docs/flashrig.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT flashsim)
   install(FILES docs/flashrig.script.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT flashsim)
+  set(COMPLETIONS ${PROJECT_BINARY_DIR}/completions)
+  install(FILES ${COMPLETIONS}/flashsim.bash RENAME flashsim
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT flashsim)
+  install(FILES ${COMPLETIONS}/_flashsim
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/zsh/vendor-completions COMPONENT flashsim)
+  install(FILES ${COMPLETIONS}/flashsim.fish
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/fish/vendor_completions.d COMPONENT flashsim)
   install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/flashsim
     USE_SOURCE_PERMISSIONS
     COMPONENT flashsim)

@@ -28,6 +28,13 @@ std::vector<std::string> SplitList(const std::string &text) {
     return items;
 }
 
+std::string JoinWords(const std::vector<std::string> &words, const char *separator) {
+    std::string text;
+    for (std::size_t i = 0; i < words.size(); ++i)
+        text += (i == 0 ? "" : separator) + words[i];
+    return text;
+}
+
 std::string SizeText(std::uint64_t bytes) {
     const char *unit = " bytes";
     for (const char *larger : {" KiB", " MiB", " GiB"}) {

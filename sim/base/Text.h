@@ -10,6 +10,9 @@ __attribute__((format(printf, 1, 2))) std::string FormatText(const char *format,
 /// Cuts a text at commas. An empty text has no items.
 std::vector<std::string> SplitList(const std::string &text);
 
+/// @return the words with a separator between them.
+std::string JoinWords(const std::vector<std::string> &words, const char *separator);
+
 /// @return a number of bytes in the largest unit that holds it whole: "128 KiB".
 std::string SizeText(std::uint64_t bytes);
 

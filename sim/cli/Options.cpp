@@ -3,16 +3,21 @@
 #include "base/Number.h"
 #include "base/Places.h"
 #include "base/Text.h"
+#include "cli/Completion.h"
 #include "mtd/DeviceText.h"
+#include "mtd/Requests.h"
+#include "mtd/Sysfs.h"
 #include "sandbox/UpdateRun.h"
 #include "sweep/SweepTable.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <stdexcept>
+#include <utility>
 #include <variant>
 
 namespace fs = std::filesystem;
@@ -95,6 +100,16 @@ std::string CheckSweep(const std::string &name) {
     return isSweep(name);
 }
 
+std::vector<std::string> SysfsNames() { return {std::begin(kSysfsFiles), std::end(kSysfsFiles)}; }
+
+/// @return each kind as a fault begins: "read=".
+std::vector<std::string> FaultWords() {
+    std::vector<std::string> words;
+    for (std::uint32_t kind = 0; kind < kRequestKinds; ++kind)
+        words.push_back(std::string(RequestName(static_cast<RequestKind>(kind))) + "=");
+    return words;
+}
+
 /// Which commands that repeat runs repeat an option. The command for one case of a sweep makes the chip by itself; none
 /// writes reports.
 enum class Rerun { Omitted, OfTheRun, Repeated };
@@ -110,8 +125,10 @@ struct OptionRow {
     Rerun rerun;
     const char *help;
     std::string (*check)(const std::string &text) = nullptr;
+    std::vector<std::string> (*words)() = nullptr; ///< known values, for shells; "host|chip" as a value needs none
 };
 
+constexpr const char *kCompletion = "--completion";
 constexpr const char *kSweep = "--sweep";
 constexpr const char *kExact = "--exact";
 constexpr const char *kSample = "--sample";
@@ -147,7 +164,7 @@ constexpr OptionRow kOptions[] = {
     {kSandbox, "--mtd", "N:NAME[:OFFSET,SIZE]", &Options::devices, Rerun::Repeated,
      "an MTD device [0:boot 1:kernel 9:opt 12:all]"},
     {kSandbox, "--no-sysfs", "LIST", &Options::missingSysfs, Rerun::Repeated,
-     "sysfs files that MTD devices lack: erasesize,oobsize", CheckSysfsFiles},
+     "sysfs files that MTD devices lack: erasesize,oobsize", CheckSysfsFiles, SysfsNames},
     {kSandbox, "--root", "DIR", &Options::root, Rerun::Repeated,
      "files of the device, laid out as from /; never modified", CheckRoot},
     {kSandbox, "--mount", "PATH", &Options::mounts, Rerun::Repeated,
@@ -160,7 +177,7 @@ constexpr OptionRow kOptions[] = {
     {kRun, "--program", "FILE", &Options::program, Rerun::Repeated, "the updater under test [the one of this build]",
      CheckPresent},
     {kRun, "--fault", "KIND[:N]=ERRNO", &Options::faults, Rerun::Repeated,
-     "each request of the kind fails, or only the N-th"},
+     "each request of the kind fails, or only the N-th", nullptr, FaultWords},
     {kRun, "--cut", "N[:STATE]", &Options::cut, Rerun::OfTheRun,
      "power is lost at the N-th page program or block erase, which gets as far as STATE: none, half, most, bare "
      "(without OOB), done or unstable [half]"},
@@ -179,7 +196,8 @@ constexpr OptionRow kOptions[] = {
      "draw the chip, the script's ranges and the percentages"},
     {kRun, "--raw", "", &Options::isRaw, Rerun::Omitted, "only the updater's own output and exit status, for scripts"},
 
-    {kSweeps, kSweep, "KIND", &Options::sweeps, Rerun::Omitted, "", CheckSweep}, // help: the table of sweeps
+    {kSweeps, kSweep, "KIND", &Options::sweeps, Rerun::Omitted, "", CheckSweep,
+     SweepNames}, // help: the table of sweeps
     {kSweeps, "--every", "K", &Options::every, Rerun::Omitted, "only every K-th cut or fault [1]",
      CheckNumber<1, kMostRequests>},
     {kSweeps, "--sets", "N", &Options::sets, Rerun::Omitted,
@@ -245,10 +263,20 @@ std::string Footer() {
     return kinds + "\n" + kFooter;
 }
 
+struct CallForCompletion {
+    std::string shell;
+};
+
 void Declare(CLI::App &app, Options &options) {
     app.footer(Footer());
     app.set_help_flag("-h,--help", "print this help and exit");
     app.set_version_flag("--version", "flashsim " FLASHSIM_VERSION, "print the version and exit");
+    app.add_option_function<std::string>(
+           kCompletion, [](const std::string &shell) { throw CallForCompletion{shell}; },
+           "print a script that completes flashsim in the shell, and exit")
+        ->option_text(JoinWords(CompletionShells(), "|"))
+        ->check(CLI::IsMember(CompletionShells()))
+        ->trigger_on_parse();
     app.add_option("UPDATE", options.update, "update image, or folder with an unpacked update; never modified")
         ->required()
         ->check(CheckUpdate)
@@ -321,23 +349,49 @@ RerunWords FindRerunWords(const CLI::App &app, const Options &options) {
     return words;
 }
 
-std::string JoinNames() {
-    std::string names;
-    for (const std::string &name : SweepNames())
-        names += (names.empty() ? "" : ", ") + name;
-    return names;
+/// @return what shells complete, from the options themselves.
+CompletedWords WordsToComplete(const CLI::App &app) {
+    CompletedWords words;
+    for (const Command &command : kCommands)
+        words.commands.emplace_back(command.name, command.help);
+    for (const CLI::Option *option : app.get_options()) {
+        if (!option->nonpositional())
+            continue;
+        CompletedOption completed;
+        for (const std::string &name : option->get_snames())
+            completed.names.push_back("-" + name);
+        for (const std::string &name : option->get_lnames())
+            completed.names.push_back("--" + name);
+        completed.value = option->get_option_text();
+        completed.help = option->get_description();
+        completed.isRepeatable = option->get_items_expected_max() > 1;
+        const bool isChoice = completed.value.find('|') != std::string::npos &&
+                              std::all_of(completed.value.begin(), completed.value.end(),
+                                          [](unsigned char c) { return c == '|' || std::islower(c) != 0; });
+        if (isChoice) {
+            std::string list = completed.value;
+            std::replace(list.begin(), list.end(), '|', ',');
+            completed.words = SplitList(list);
+        }
+        for (const OptionRow &row : kOptions) {
+            if (row.words != nullptr && completed.names.back() == row.name)
+                completed.words = row.words();
+        }
+        words.options.push_back(std::move(completed));
+    }
+    return words;
 }
 
 /// Turns "sweep KIND... WORDS..." into "--sweep KIND... WORDS...".
 std::vector<std::string> ExpandSweep(const std::vector<std::string> &words) {
-    if (words.empty() || words[0] != "sweep")
+    if (words.empty() || words[0] != kSweepCommand)
         return words;
     std::vector<std::string> expanded;
     std::size_t next = 1;
     for (; next < words.size() && FindSweepKind(words[next]) != nullptr; ++next)
         expanded.insert(expanded.end(), {kSweep, words[next]});
     if (expanded.empty())
-        throw std::invalid_argument("sweep needs a kind: " + JoinNames());
+        throw std::invalid_argument("sweep needs a kind: " + JoinWords(SweepNames(), ", "));
     expanded.insert(expanded.end(), words.begin() + static_cast<std::ptrdiff_t>(next), words.end());
     return expanded;
 }
@@ -355,6 +409,9 @@ CommandLine ReadCommandLine(const std::vector<std::string> &given) {
         app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
     } catch (const CLI::CallForHelp &) {
         line.notice = app.help();
+        return line;
+    } catch (const CallForCompletion &call) {
+        line.notice = CompletionScript(call.shell, WordsToComplete(app));
         return line;
     } catch (const CLI::CallForVersion &version) {
         line.notice = version.what() + std::string("\n");

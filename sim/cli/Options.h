@@ -62,10 +62,22 @@ struct Options {
     bool WantsVerdict() const { return !isRaw || !(report + sarif + junit + codeQuality + map).empty(); }
 };
 
+/// First words that are not an update.
+struct Command {
+    const char *name;
+    const char *help;
+};
+inline constexpr const char *kSweepCommand = "sweep";
+inline constexpr const char *kDiffCommand = "diff";
+inline constexpr const char *kMergeCommand = "merge";
+inline constexpr Command kCommands[] = {{kSweepCommand, "sweeps of the kinds that follow"},
+                                        {kDiffCommand, "compare two reports"},
+                                        {kMergeCommand, "combine the reports of parts of a sweep"}};
+
 struct CommandLine {
     Options options;
     RerunWords rerun;   ///< what a sweep's rerun command repeats
-    std::string notice; ///< text of --help or --version; when there is one, nothing else has been read
+    std::string notice; ///< text of --help, --version or --completion; when there is one, nothing else has been read
 };
 
 /// Reads and checks the words after the program's name.

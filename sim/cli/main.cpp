@@ -248,9 +248,9 @@ int main(int argc, char *argv[]) {
     NormalizeProcess();
     try {
         const std::vector<std::string> words(argv + 1, argv + argc);
-        if (!words.empty() && words[0] == "merge")
+        if (!words.empty() && words[0] == kMergeCommand)
             return Merge({words.begin() + 1, words.end()});
-        if (!words.empty() && words[0] == "diff")
+        if (!words.empty() && words[0] == kDiffCommand)
             return Diff({words.begin() + 1, words.end()});
         const CommandLine line = ReadCommandLine(words);
         if (line.notice.empty())
