@@ -57,6 +57,15 @@ class Pipelines(unittest.TestCase):
         (self.project / "device.toml").touch()
         self.assertIn("flashsim", self.run_here(["make", "-n"]).stdout)
 
+    def test_guide_shows_the_lines_of_the_example(self):
+        guide = (SOURCE / "docs/integrating.md").read_text()
+        for path in ("device.toml", "device/app/prepare_flashrig.sh", "device/bin/bootvars", "update/flashrig.script"):
+            lines = (self.project / path).read_text().splitlines()
+            last = [line for line in lines if line and not line.startswith("#")][-1]
+            shown = [block for block in re.findall(r"(?:^    .*\n)+", guide, re.M) if block.endswith(f"    {last}\n")]
+            self.assertEqual(len(shown), 1, path)
+            self.assertIn(re.sub("^    ", "", shown[0], flags=re.M), "\n".join(lines) + "\n")
+
     def test_broken_update_fails_the_rule_each_time(self):
         script = (self.project / "update/flashrig.script").read_text()
         broken = self.project / "broken"
