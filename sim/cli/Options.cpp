@@ -192,6 +192,8 @@ constexpr OptionRow kOptions[] = {
      "write script lines and sweeps as test cases, for GitLab and Jenkins"},
     {kRun, "--codequality", "FILE.json", &Options::codeQuality, Rerun::Omitted,
      "write findings for GitLab's merge requests"},
+    {kRun, "--html", "FILE.html", &Options::html, Rerun::Omitted,
+     "write a page for a browser: verdict, script, chip and output at any change, sweeps"},
     {kRun, "--map", "FILE.svg", &Options::map, Rerun::Omitted,
      "draw the chip, the script's ranges and the percentages"},
     {kRun, "--raw", "", &Options::isRaw, Rerun::Omitted, "only the updater's own output and exit status, for scripts"},

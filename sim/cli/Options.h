@@ -41,6 +41,7 @@ struct Options {
     std::string sarif;
     std::string junit;
     std::string codeQuality;
+    std::string html;
     std::string map;
     bool isRaw = false;
 
@@ -59,7 +60,7 @@ struct Options {
     std::uint64_t jobs = CoreCount();
 
     /// @return whether a run is judged, not only passed on.
-    bool WantsVerdict() const { return !isRaw || !(report + sarif + junit + codeQuality + map).empty(); }
+    bool WantsVerdict() const { return !isRaw || !(report + sarif + junit + codeQuality + html + map).empty(); }
 };
 
 /// First words that are not an update.

@@ -4,6 +4,7 @@
 #include "base/Places.h"
 #include "base/ScopedFd.h"
 #include "base/TempFolder.h"
+#include "base/Text.h"
 #include "chip/ChipFile.h"
 #include "cli/Options.h"
 #include "cli/OutputFile.h"
@@ -14,6 +15,7 @@
 #include "report/Report.h"
 #include "report/ReportDiff.h"
 #include "report/ReportFormats.h"
+#include "report/ReportPage.h"
 #include "report/RunSummary.h"
 #include "report/SweepReport.h"
 #include "sandbox/UpdateRun.h"
@@ -32,6 +34,7 @@
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <sys/ioctl.h>
@@ -56,7 +59,8 @@ constexpr struct {
 } kReports[] = {{&Options::report, "report", ReportText},
                 {&Options::sarif, "SARIF file", SarifText},
                 {&Options::junit, "JUnit file", JUnitText},
-                {&Options::codeQuality, "code quality file", CodeQualityText}};
+                {&Options::codeQuality, "code quality file", CodeQualityText},
+                {&Options::html, "page", HtmlText}};
 
 /// @return the path of the script for tools that read reports at the root of a project: relative to this folder.
 std::string RelativeScript(const Options &options) {
@@ -134,9 +138,20 @@ int Diff(const std::vector<std::string> &paths) {
     }
 }
 
-/// Combines the reports of shards and prints the result.
-int Merge(const std::vector<std::string> &paths) {
+/// Combines the reports of shards and prints the result; "--html FILE" ahead of them also writes a page.
+int Merge(std::vector<std::string> paths) {
+    std::string html;
+    if (paths.size() > 1 && paths[0] == "--html") {
+        html = paths[1];
+        paths.erase(paths.begin(), paths.begin() + 2);
+    }
+    CheckOutputs(paths, {html});
     const nlohmann::ordered_json merged = MergeReports(ReadReports(paths));
+    if (!html.empty()) {
+        FormatFacts facts = {kScriptName, "", FLASHSIM_VERSION};
+        facts.update = "merged from " + Count(static_cast<std::int64_t>(paths.size()), "report");
+        OutputFile(html, "page").Save(HtmlText(merged, facts));
+    }
     fputs(ReportText(merged).c_str(), stdout);
     bool isClean = merged.at("verdict") == "clean";
     for (const nlohmann::ordered_json &sweep : merged.at("sweeps"))
@@ -215,7 +230,10 @@ int Rehearse(const Options &options, const RerunWords &words) {
     if (options.WantsVerdict()) {
         nlohmann::ordered_json report = MakeReport(record, verdict, chip.Chip(), state);
         report["sweeps"] = std::move(results);
-        const FormatFacts facts = {RelativeScript(options), words.run, FLASHSIM_VERSION};
+        FormatFacts facts = {RelativeScript(options), words.run, FLASHSIM_VERSION, UpdateName(options.update)};
+        std::optional<PageRun> run;
+        if (!options.html.empty())
+            facts.run = &run.emplace(PageRun{record, chip.Chip(), verdict, RunTimeline(state.WholeText())});
         for (std::size_t i = 0; i < reportFiles.size(); ++i) {
             if (reportFiles[i].IsWanted())
                 reportFiles[i].Save(kReports[i].makeText(report, facts));

@@ -1,6 +1,7 @@
 #include "mtd/SimState.h"
 
 #include "mtd/RunSteps.h"
+#include "mtd/RunTimeline.h"
 #include "mtd/Trace.h"
 
 #include <algorithm>
@@ -25,8 +26,6 @@ constexpr std::uint32_t kMaxOpenFiles = 1 << 16;
 constexpr std::size_t kMaxNotes = 60;
 constexpr std::size_t kMaxNoteText = 127;
 constexpr std::uint32_t kUnset = 0xFFFFFFFF;
-/// What a line of the record begins with, between those of the trace.
-constexpr char kRecordMark = '\1';
 
 using Counter = std::atomic<std::uint64_t>;
 using Flag = std::atomic<std::uint32_t>;
@@ -280,6 +279,10 @@ const std::uint8_t *SimState::RecordBytes(std::size_t &length) const {
 }
 
 void SimState::Saw(const ChipAccess &access) {
+    if (!Records()) {
+        RecordChange(access);
+        return;
+    }
     constexpr RunStep::Kind kKinds[] = {RunStep::Kind::AskBad, RunStep::Kind::Read, RunStep::Kind::Erase,
                                         RunStep::Kind::Program, RunStep::Kind::MarkBad};
     const std::vector<std::uint8_t> step =
@@ -288,14 +291,28 @@ void SimState::Saw(const ChipAccess &access) {
     Append(reinterpret_cast<const char *>(step.data()), step.size());
 }
 
-std::string SimState::TraceText() const { return KeptLines(false); }
+void SimState::RecordChange(const ChipAccess &access) {
+    if (access.kind == AccessKind::AskBad || access.kind == AccessKind::Read)
+        return;
+    RunChange change = {access.kind, m_bIsUpdater, access.place};
+    if (access.program != nullptr) {
+        change.withEcc = access.program->withEcc;
+        change.hasData = access.program->data != nullptr && access.program->length > 0;
+        change.hasOob = access.program->oob != nullptr && access.program->oobLength > 0;
+    }
+    Record(change.Line());
+}
+
+std::string SimState::TraceText() const { return KeptLines(Lines::OfTrace); }
 
 void SimState::Record(const std::string &line) { Trace(kRecordMark + line); }
 
-std::string SimState::RecordText() const { return KeptLines(true); }
+std::string SimState::RecordText() const { return KeptLines(Lines::OfRecord); }
 
-/// @return the lines of the record, without their mark, or those of the trace.
-std::string SimState::KeptLines(bool recorded) const {
+std::string SimState::WholeText() const { return KeptLines(Lines::All); }
+
+/// @return lines of the record, without their mark unless all are wanted, or those of the trace.
+std::string SimState::KeptLines(Lines wanted) const {
     std::string text;
     const char *const end = m_shared->TraceText() + m_shared->TraceLength(TraceRoom());
     for (const char *start = m_shared->TraceText(); start < end;) {
@@ -304,8 +321,8 @@ std::string SimState::KeptLines(bool recorded) const {
         // Lines that didn't fit, or whose writer was killed, left zeros.
         const char *const first = std::find_if(start, next, [](char character) { return character != '\0'; });
         const bool isRecord = first < next && *first == kRecordMark;
-        if (isRecord == recorded)
-            std::remove_copy(first + (isRecord ? 1 : 0), next, std::back_inserter(text), '\0');
+        if (wanted == Lines::All || isRecord == (wanted == Lines::OfRecord))
+            std::remove_copy(first + (wanted == Lines::OfRecord ? 1 : 0), next, std::back_inserter(text), '\0');
         start = next;
     }
     return text;

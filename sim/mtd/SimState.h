@@ -51,6 +51,9 @@ struct SimSettings {
     enum class Record : std::uint32_t { None, Steps, StepsWithBytes } record = Record::None;
 };
 
+/// What a line of the record begins with, between those of the trace.
+constexpr char kRecordMark = '\1';
+
 /// The state of one simulated run: a file that all its processes share, without locks and without flushing.
 class SimState : public ChangeListener, public ChipListener {
 public:
@@ -101,6 +104,9 @@ public:
     void Record(const std::string &line);
     /// @return the lines of the record so far, each ended by a newline.
     std::string RecordText() const;
+    /// @return the lines of trace and record in their order, as RunTimeline takes them; those of the record begin with
+    ///         kRecordMark.
+    std::string WholeText() const;
     /// @return true when lines were left out for want of room.
     bool TraceOverflowed() const;
 
@@ -129,9 +135,11 @@ public:
 
 private:
     struct Shared;
+    void RecordChange(const ChipAccess &access);
     std::uint64_t TraceRoom() const;
     bool HasTraceRoom(std::uint64_t end);
-    std::string KeptLines(bool recorded) const;
+    enum class Lines { OfTrace, OfRecord, All };
+    std::string KeptLines(Lines wanted) const;
     void Append(const char *bytes, std::uint64_t length);
 
     SharedFile m_file;

@@ -89,6 +89,11 @@ std::string PageNoteText(std::uint64_t offset, const char *text) {
     return FormatText("%s0x%" PRIx64 " %s", kPageNote, offset, text);
 }
 
+std::optional<std::string> StartedCommand(const std::string &line) {
+    const std::size_t length = std::strlen(kShellCall);
+    return line.compare(0, length, kShellCall) == 0 ? std::optional(Unquoted(line.c_str() + length)) : std::nullopt;
+}
+
 TraceCalls::TraceCalls(const std::string &trace) {
     std::istringstream lines(trace);
     std::vector<std::size_t> running; // a copy that takes over makes calls within the call that runs it

@@ -3,6 +3,7 @@
 #include "mtd/Requests.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,9 @@ std::string OpenFlagsText(int flags);
 std::string ShellCallText(const char *command);
 std::string ShellReturnText(int status);
 std::string PageNoteText(std::uint64_t offset, const char *text);
+
+/// @return the command of a trace line about a shell command that starts; nothing for other lines.
+std::optional<std::string> StartedCommand(const std::string &line);
 
 /// A shell command that the updater ran with system().
 struct ShellCall {

@@ -31,27 +31,37 @@ std::string RecordLine(RecordKind kind, const void *bytes, std::size_t length, s
     return line;
 }
 
+bool RecordEntry::Read(const std::string &line) {
+    const std::size_t blank = line.find(' ');
+    if (blank == std::string::npos)
+        return false;
+    kind = static_cast<RecordKind>(line[0]);
+    offset = std::strtoull(line.c_str() + 1, nullptr, 10);
+    bytes = BytesOf(line.substr(blank + 1));
+    return true;
+}
+
 UpdaterRecord::UpdaterRecord(const std::string &text) {
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
-        const std::size_t blank = line.find(' ');
-        if (blank == std::string::npos)
+        RecordEntry entry;
+        if (!entry.Read(line))
             continue;
-        const std::uint64_t offset = std::strtoull(line.c_str() + 1, nullptr, 10);
-        std::string bytes = BytesOf(line.substr(blank + 1));
-        switch (static_cast<RecordKind>(line[0])) {
+        switch (entry.kind) {
         case RecordKind::Out:
-            out += bytes;
+            out += entry.bytes;
             break;
         case RecordKind::Err:
-            err += bytes;
+            err += entry.bytes;
             break;
         case RecordKind::Read:
-            reads.push_back({offset, std::move(bytes)});
+            reads.push_back({entry.offset, std::move(entry.bytes)});
             break;
         case RecordKind::Erased:
-            erased.push_back({offset, std::move(bytes)});
+            erased.push_back({entry.offset, std::move(entry.bytes)});
             break;
+        case RecordKind::Change:
+            break; // see RunTimeline
         }
     }
 }

@@ -25,8 +25,18 @@ struct UpdaterRecord {
 };
 
 /// What a line of the record is about.
-enum class RecordKind : char { Out = 'o', Err = 'e', Read = 'r', Erased = 'x' };
+enum class RecordKind : char { Out = 'o', Err = 'e', Read = 'r', Erased = 'x', Change = 'c' };
+
+/// One line of the record.
+struct RecordEntry {
+    /// @return false for a line that is none.
+    bool Read(const std::string &line);
+
+    RecordKind kind = RecordKind::Out;
+    std::uint64_t offset = 0;
+    std::string bytes;
+};
 
 /// @return a line for SimState::Record.
-/// @param offset on the chip; 0 for output
+/// @param offset on the chip; 0 for output; the place of a change, see RunChange
 std::string RecordLine(RecordKind kind, const void *bytes, std::size_t length, std::uint64_t offset = 0);

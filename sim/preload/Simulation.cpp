@@ -59,7 +59,7 @@ Simulation::Simulation(const char *chipPath, const char *statePath)
                      geometry.eraseSize);
     chip.Chip().LetReadsAge();
     // From here on: the counters depend on the chip too.
-    if (state.Records())
+    if (state.Records() || state.Traces())
         chip.Chip().Listen(&state);
     state.BeginCounters(chip.Chip());
 }

@@ -5,9 +5,11 @@
 
 /// What the formats of other tools need besides the report.
 struct FormatFacts {
-    std::string script;  ///< path of the script, relative to the folder of the pipeline
-    std::string command; ///< repeats the run that was judged
-    std::string version; ///< of flashsim
+    std::string script;                  ///< path of the script, relative to the folder of the pipeline
+    std::string command;                 ///< repeats the run that was judged
+    std::string version;                 ///< of flashsim
+    std::string update = {};             ///< name of the update
+    const struct PageRun *run = nullptr; ///< the run itself, for a page; null when only its report is known
 };
 
 // Each takes a report as MakeReport makes it, with its sweeps, and returns a whole file of ASCII text, or of UTF-8 text

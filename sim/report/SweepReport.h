@@ -31,6 +31,7 @@ std::string SweepText(const SweepResult &result, const RerunWords &words, const 
 ///   runs         number of planned runs
 ///   done, held   number of runs made, fewer when interrupted, and of runs that passed
 ///   interrupted  true or false
+///   bootChecked  whether there were rules to check after each power cut whether the device boots
 ///   failures     by number, each: run: number from 1; badBlocks: numbers; cut: number of the change, or null; fault:
 ///   as
 ///                --fault takes it, or null; line: number in the script, or null; text of that line; happens and

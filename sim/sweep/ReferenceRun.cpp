@@ -1,59 +1,9 @@
 #include "sweep/ReferenceRun.h"
 
+#include "verdict/LineFinder.h"
+
 #include <algorithm>
-#include <set>
 #include <utility>
-
-namespace {
-
-/// Finds the line of each step of a run. Lines run in order, each changes only its own range, and none erases a block
-/// twice; programs that the updater starts belong to the lines that start programs.
-class LineFinder {
-public:
-    explicit LineFinder(const ReferenceRun &run) : m_run(run), m_flash(run.chip, run.devices) {}
-
-    /// @return the number of the line that makes a change.
-    std::size_t Change(const RunStep &step) {
-        const bool isErase = step.kind == RunStep::Kind::Erase;
-        const std::uint32_t block = isErase ? step.place : step.place / m_run.chip.Geometry().PagesPerBlock();
-        const bool isNewLine = !MayChange(m_line, step, block) || (isErase && m_erased.count(block) != 0);
-        if (isNewLine) {
-            std::size_t next = m_line + 1;
-            while (next < m_run.lines.size() && !MayChange(next, step, block))
-                ++next;
-            // Without such a line, a later one of a program that keeps on running.
-            if (next < m_run.lines.size()) {
-                m_line = next;
-                m_erased.clear();
-            }
-        }
-        if (isErase)
-            m_erased.insert(block);
-        return Number();
-    }
-
-    /// @return the number of the line of the last change; 0 before the first change.
-    std::size_t Number() const { return m_line < m_run.lines.size() ? m_run.lines[m_line].number : 0; }
-
-private:
-    bool MayChange(std::size_t line, const RunStep &step, std::uint32_t block) const {
-        if (line >= m_run.lines.size() || m_run.story.lines[line].result == LineResult::Skipped)
-            return false;
-        const UpdateLine &what = m_run.lines[line];
-        const bool startsPrograms = what.kind == LineKind::HandEnv || what.kind == LineKind::Ubiformat;
-        if (startsPrograms || !step.isByProgram)
-            return startsPrograms && !step.isByProgram;
-        const std::optional<FlashRange> range = m_flash.RangeOf(what);
-        return range && range->Holds(m_flash.FromChip(std::uint64_t{block} * m_run.chip.Geometry().eraseSize));
-    }
-
-    const ReferenceRun &m_run;
-    const WholeFlash m_flash;
-    std::size_t m_line = static_cast<std::size_t>(-1); ///< index of the current line; the next one is 0
-    std::set<std::uint32_t> m_erased;                  ///< blocks that the current line has erased
-};
-
-} // namespace
 
 std::optional<FlashRange> ReferenceRun::DoneRange(std::size_t line) const {
     const WholeFlash flash(chip, devices);
@@ -92,7 +42,7 @@ std::size_t ReferenceRun::LineOfFault(const SimFault &fault) const {
 }
 
 void ReferenceRun::TakeSteps(std::vector<RunStep> read) {
-    LineFinder finder(*this);
+    LineFinder finder(chip, devices, lines, story);
     std::vector<std::size_t *> waiting; // requests ahead of the next change, which shows their line
     const auto settle = [&] {
         for (std::size_t *line : waiting)
@@ -113,7 +63,8 @@ void ReferenceRun::TakeSteps(std::vector<RunStep> read) {
             known.push_back(0);
             waiting.push_back(&known.back());
         } else if (step.IsChange()) {
-            changeLines.push_back(finder.Change(step));
+            const AccessKind kind = step.kind == RunStep::Kind::Erase ? AccessKind::Erase : AccessKind::Program;
+            changeLines.push_back(finder.Change({kind, step.isByProgram, step.place}));
             settle();
         }
     }

@@ -38,6 +38,11 @@ struct BootRules {
     std::vector<std::size_t> keptLines;   ///< numbers of script lines whose ranges are kept too
     std::vector<FlashRange> environments; ///< the first one with a valid CRC is used; one must have it
     std::vector<BootSlot> slots;
+
+    /// @return whether there is a rule at all.
+    bool IsAny() const {
+        return !command.empty() || !kept.empty() || !keptLines.empty() || !environments.empty() || !slots.empty();
+    }
 };
 
 struct SweepSettings {

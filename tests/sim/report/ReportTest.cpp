@@ -142,6 +142,7 @@ TEST(Report, HasTheseKeysAndNoOthers) {
                                            "sweeps.done",
                                            "sweeps.held",
                                            "sweeps.interrupted",
+                                           "sweeps.bootChecked",
                                            "sweeps.failures",
                                            "sweeps.failures.run",
                                            "sweeps.failures.badBlocks",

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "chip/NandChip.h"
+#include "mtd/Requests.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/// One change of a chip in a run.
+struct RunChange {
+    AccessKind kind;     ///< Erase, Program or MarkBad
+    bool isByProgram;    ///< of the updater itself, not of a program that it starts
+    std::uint32_t place; ///< the page of a program, else the block
+    // Of a program:
+    bool withEcc = false;
+    bool hasData = false;
+    bool hasOob = false;
+
+    /// @return a line for SimState::Record.
+    std::string Line() const;
+};
+
+/// A traced run in its order: changes of the chip, and when other things happened among them. A time is the number of
+/// page programs and block erases that were made before.
+struct RunTimeline {
+    struct Output {
+        std::size_t time;
+        bool isError;
+        std::string text; ///< part of what the updater itself printed
+    };
+    struct Command {
+        std::size_t time;
+        std::string command; ///< for a shell
+    };
+    struct BadMark {
+        std::size_t time;
+        std::uint32_t block;
+    };
+
+    /// @param text SimState::WholeText
+    explicit RunTimeline(const std::string &text);
+
+    std::vector<RunChange> changes; ///< programs and erases
+    std::vector<BadMark> badMarks;  ///< blocks that became bad
+    std::vector<Output> outputs;
+    std::vector<Command> commands;
+    std::array<std::vector<std::size_t>, kRequestKinds> requests; ///< for each kind: the times of its requests
+};
