@@ -20,6 +20,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <sys/resource.h>
 #include <vector>
 
 namespace {
@@ -30,6 +31,8 @@ constexpr std::size_t kMebibyte = 1 << 20;
 constexpr std::size_t kLargeImage = 64 * kMebibyte;
 constexpr const char *kLargeChip = "128M,128K,2K,64";
 constexpr const char *kLargeScript = "write 0 4800000 image\n";
+constexpr std::size_t kMediumImage = 16 * kMebibyte;
+constexpr const char *kMediumScript = "write 0 1400000 image\n";
 constexpr std::size_t kSmallImage = 2 * kMebibyte;
 constexpr const char *kSmallChip = "8M,16K,512,16";
 constexpr const char *kSmallScript = "write 80000 300000 image\nsetenv 40000 4000 bootslot b\n";
@@ -157,12 +160,46 @@ void MeasureSweeps(const TempFolder &folder, const HeldSignals &signals) {
     }
 }
 
+/// Most memory of one process so far, in MiB: of this one, and of the largest of its children.
+void TellMemory() {
+    for (const int who : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
+        struct rusage usage = {};
+        getrusage(who, &usage);
+        printf("  %-28s %9ld MiB\n", who == RUSAGE_SELF ? "memory" : "memory of a child", usage.ru_maxrss / 1024);
+    }
+}
+
+/// Each case of a sweep of a whole release.
+void MeasureLargeSweep(const TempFolder &folder, const HeldSignals &signals, const char *kind, std::size_t size) {
+    const bool isLarge = size == kLargeImage;
+    const std::string name = std::string(kind) + (isLarge ? "-large" : "-medium");
+    const std::string update = MakeUpdate(folder, name.c_str(), isLarge ? kLargeScript : kMediumScript, size);
+    const std::string path = folder.File(name + ".nand");
+    ChipFile::Create(path, ParseGeometry(kLargeChip), Ecc::Chip, {});
+    const Sweeper sweeper(Settings(update, ParseGeometry(kLargeChip)), path, signals);
+    SweepSettings sweep;
+    sweep.kind = FindSweepKind(kind);
+    sweep.workers = CoreCount();
+    Watch watch;
+    const SweepResult result = sweeper.Run(sweep, [](const SweepResult &) {});
+    printf("sweep %s of %zu MiB on a chip of %s: %.1f s, %zu runs, %zu failures\n", kind, size / kMebibyte, kLargeChip,
+           watch.Lap() / 1000, result.done, result.failures.size());
+    TellMemory();
+}
+
 } // namespace
 
-int main() {
+/// bench_flashsim [KIND...]: with kinds of sweeps, only these, of images of 16 and 64 MiB; that takes minutes.
+int main(int argc, char **argv) {
     try {
         const HeldSignals signals;
         const TempFolder folder;
+        for (int i = 1; i < argc; ++i) {
+            for (const std::size_t size : {kMediumImage, kLargeImage})
+                MeasureLargeSweep(folder, signals, argv[i], size);
+        }
+        if (argc > 1)
+            return 0;
         MeasureRehearsal(folder, signals);
         MeasureSweeps(folder, signals);
     } catch (const std::exception &failure) {

@@ -226,10 +226,11 @@ TEST_F(Sweep, MergesShardsIntoTheWholeReport) {
     const std::string command = std::string("flashsim") + kChip + "--keep 1 --sweep cut --sweep bad --sets 3 ";
     ASSERT_EQ(Shell(command + "--report whole.json update").status, 1);
     // The last shard holds none of the failures and no cut in the kept range.
-    EXPECT_EQ(
-        Shell("for i in 1 2 3 4; do " + command + "--shard $i/4 --report $i.json update >$i.log 2>&1; printf $?; done")
-            .out,
-        "1110");
+    EXPECT_EQ(Shell("parallel --joblog jobs '" + command +
+                    "--shard {}/4 --report {}.json update >{}.log 2>&1' ::: 1 2 3 4"
+                    "; sort -n jobs | tail -n +2 | cut -f 7 | tr -d '\\n'")
+                  .out,
+              "1110");
     EXPECT_NE(ReadAll(m_folder / "4.log").find("each of 3 blocks bad in turn, then 3 sets of bad blocks"),
               std::string::npos);
     ASSERT_EQ(Shell("flashsim merge 3.json 1.json 4.json 2.json >merged.json").status, 1);
