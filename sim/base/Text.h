@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -22,5 +23,15 @@ std::string Hex(std::int64_t number);
 /// @return a number with its noun, in the plural unless the number is 1: "1 block", "3 blocks".
 std::string Count(std::int64_t number, const std::string &noun);
 
-/// @return a text as one word for a shell.
+/// @return a text as one word for a shell, in visible characters: others as $'\x1b', which bash and ksh know.
 std::string ShellWord(const std::string &text);
+
+/// Makes any bytes one line of visible text: a tab becomes a blank; other control characters and bytes that are not
+/// UTF-8 become "\x1b"; characters that steer a display, such as marks of writing direction, become "\u202e".
+std::string VisibleText(const std::string &text);
+
+/// The same for a text of lines: their ends stay, also "\r\n".
+std::string VisibleLines(const std::string &text);
+
+/// @return the length of a text without the start of a character that the text ends in, if there is one.
+std::size_t WholeCharacters(const std::string &text);

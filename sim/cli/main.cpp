@@ -217,7 +217,7 @@ int Rehearse(const Options &options, const RerunWords &words) {
         fflush(stdout);
     }
     if (traceFile.IsWanted())
-        traceFile.Save(state.TraceText());
+        traceFile.Save(VisibleLines(state.TraceText()));
     if (state.TraceOverflowed())
         throw std::runtime_error(std::string("no room to record all requests: trace and verdict would be incomplete") +
                                  kRoomAdvice);
@@ -277,9 +277,9 @@ int main(int argc, char *argv[]) {
         return kClean;
     } catch (const std::system_error &failure) {
         const bool isFull = failure.code() == std::errc::no_space_on_device;
-        fprintf(stderr, "flashsim: %s%s\n", failure.what(), isFull ? kRoomAdvice : "");
+        fprintf(stderr, "flashsim: %s%s\n", VisibleLines(failure.what()).c_str(), isFull ? kRoomAdvice : "");
     } catch (const std::exception &failure) {
-        fprintf(stderr, "flashsim: %s\n", failure.what());
+        fprintf(stderr, "flashsim: %s\n", VisibleLines(failure.what()).c_str());
     }
     return kWrongUse;
 }

@@ -1,9 +1,9 @@
 #include "report/Report.h"
 
+#include "base/Text.h"
 #include "report/UbiText.h"
 
 #include <algorithm>
-#include <cctype>
 #include <nlohmann/json.hpp>
 #include <sys/wait.h>
 
@@ -96,14 +96,6 @@ ordered_json DescribeFinding(const Finding &finding) {
     return described;
 }
 
-/// Makes a script's line safe to print: control characters could steer a terminal.
-std::string Shown(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(),
-        [](char character) { return std::iscntrl(static_cast<unsigned char>(character)) != 0; }, ' ');
-    return text;
-}
-
 std::string Counted(std::ptrdiff_t number, const char *noun) {
     return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
 }
@@ -153,26 +145,27 @@ std::optional<ordered_json> ParseReport(const std::string &text) {
     return report;
 }
 
-std::string VerdictText(const Verdict &verdict, const std::string &scriptName) {
+std::string VerdictText(const Verdict &verdict, const std::string &scriptPath) {
+    const std::string scriptName = VisibleText(scriptPath);
     std::string text;
     for (const LineVerdict &line : verdict.lines) {
         const auto spare = line.SpareBlocks();
         if (!spare || *spare < 0)
             continue;
-        text += scriptName + ":" + std::to_string(line.line.number) + ": room: " + line.line.image + " fills " +
-                std::to_string(*line.imageBlocks) + " of " + Counted(*line.rangeBlocks, "block") + " and tolerates " +
-                Counted(*spare, "bad block") +
+        text += scriptName + ":" + std::to_string(line.line.number) + ": room: " + VisibleText(line.line.image) +
+                " fills " + std::to_string(*line.imageBlocks) + " of " + Counted(*line.rangeBlocks, "block") +
+                " and tolerates " + Counted(*spare, "bad block") +
                 (line.badBlocks == 0 ? "" : " (" + std::to_string(line.badBlocks) + " present)") + "\n";
     }
     for (const UbiPartition &partition : verdict.ubi) {
         for (const std::string &line : UbiLines(partition))
-            text += scriptName + ":" + std::to_string(partition.line.number) + ": ubi: " + Shown(line) + "\n";
+            text += scriptName + ":" + std::to_string(partition.line.number) + ": ubi: " + VisibleText(line) + "\n";
     }
     for (const Finding &finding : verdict.findings) {
         const std::string about = finding.text.empty() ? "" : finding.text + ": ";
         text += scriptName + (finding.line == 0 ? "" : ":" + std::to_string(finding.line)) + ": " +
                 SeverityName(finding.severity) + ": " +
-                Shown(about + finding.happens + "; " + finding.change + " [" + finding.kind + "]") + "\n";
+                VisibleText(about + finding.happens + "; " + finding.change + " [" + finding.kind + "]") + "\n";
     }
     return text + VerdictLine(verdict) + "\n";
 }

@@ -34,8 +34,8 @@ nlohmann::ordered_json MakeReport(const RunRecord &record, const Verdict &verdic
 std::optional<nlohmann::ordered_json> ParseReport(const std::string &text);
 
 /// The verdict for people: a line for the room of each range, a line for each finding, and the verdict itself.
-/// @param scriptName is printed before line numbers, as compilers do
-std::string VerdictText(const Verdict &verdict, const std::string &scriptName);
+/// @param scriptPath is printed before line numbers, as compilers do
+std::string VerdictText(const Verdict &verdict, const std::string &scriptPath);
 
 /// The verdict alone, with the numbers of findings: "verdict: clean: 6 of 6 lines carried out".
 std::string VerdictLine(const Verdict &verdict);

@@ -1,7 +1,6 @@
 #include "report/ReportEntries.h"
 
 #include "base/Text.h"
-#include "report/XmlText.h"
 #include "sweep/SweepTable.h"
 #include "verdict/Finding.h"
 

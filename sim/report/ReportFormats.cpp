@@ -14,10 +14,10 @@ using nlohmann::ordered_json;
 
 namespace {
 
-std::string JsonText(const ordered_json &json, bool isAscii) {
+std::string JsonText(const ordered_json &json) {
     constexpr int kIndent = 2;
     // A script may hold bytes that are not UTF-8.
-    return json.dump(kIndent, ' ', isAscii, ordered_json::error_handler_t::replace) + "\n";
+    return json.dump(kIndent, ' ', true, ordered_json::error_handler_t::replace) + "\n";
 }
 
 /// @return a relative path as a URI reference.
@@ -146,7 +146,7 @@ std::string Counts(const std::vector<TestSuite> &suites) {
 
 } // namespace
 
-std::string ReportText(const ordered_json &report, const FormatFacts & /*facts*/) { return JsonText(report, false); }
+std::string ReportText(const ordered_json &report, const FormatFacts & /*facts*/) { return JsonText(report); }
 
 std::string SarifText(const ordered_json &report, const FormatFacts &facts) {
     ordered_json rules = ordered_json::array();
@@ -186,8 +186,7 @@ std::string SarifText(const ordered_json &report, const FormatFacts &facts) {
                 {"invocations", ordered_json::array({{{"commandLine", VisibleText(facts.command)},
                                                       {"executionSuccessful", isComplete}}})},
                 {"columnKind", "utf16CodeUnits"},
-                {"results", results}}})}},
-        true);
+                {"results", results}}})}});
 }
 
 std::string JUnitText(const ordered_json &report, const FormatFacts &facts) {
@@ -223,5 +222,5 @@ std::string CodeQualityText(const ordered_json &report, const FormatFacts &facts
              {"severity", kSeverities.at(entry.severity)},
              {"location",
               {{"path", VisibleText(facts.script)}, {"lines", {{"begin", std::max<std::size_t>(entry.line, 1)}}}}}});
-    return JsonText(issues, true);
+    return JsonText(issues);
 }

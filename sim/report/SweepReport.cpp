@@ -121,8 +121,8 @@ std::string SweepText(const SweepResult &result, const RerunWords &words, const 
         return name + ": " + (result.isInterrupted ? "interrupted before its first run" : "nothing to try") + "\n";
     const auto describe = [&](std::size_t line, const std::string &text, const std::string &happens, std::size_t runs,
                               const std::vector<Extent> &torn) {
-        return scriptName + (line == 0 ? "" : ":" + std::to_string(line)) + ": " + name + ": " +
-               (text.empty() ? "" : text + ": ") + happens + " [" + CountRuns(runs) +
+        return VisibleText(scriptName) + (line == 0 ? "" : ":" + std::to_string(line)) + ": " + name + ": " +
+               VisibleText((text.empty() ? "" : text + ": ") + happens) + " [" + CountRuns(runs) +
                (torn.empty() ? "" : ": " + ExtentsText(torn)) + "]\n";
     };
     std::string all = name + ": " + result.settings.kind->heading(result) + ": " +

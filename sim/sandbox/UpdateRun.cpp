@@ -3,6 +3,7 @@
 #include "base/Number.h"
 #include "base/Places.h"
 #include "base/SystemError.h"
+#include "base/Text.h"
 #include "chip/ChipFile.h"
 #include "preload/Interface.h"
 #include "sandbox/Confinement.h"
@@ -169,8 +170,9 @@ int TimeLeft(Clock::time_point end) {
 struct Sandbox::Stream {
     ScopedFd source;
     int passTo;
-    bool isBounded; ///< whether what comes after kMostOutput is passed on
+    bool isForPeople; ///< passed on in visible characters, and no more than kMostOutput
     std::string text;
+    std::string begun; ///< the start of a character that is not passed on yet
     bool isCut = false;
     bool isLost = false;
 
@@ -180,13 +182,26 @@ struct Sandbox::Stream {
         const ssize_t count = read(source.Get(), buffer, sizeof(buffer));
         if (count <= 0) {
             source.Close();
+            const std::string rest = VisibleLines(std::exchange(begun, ""));
+            Pass(rest.data(), rest.size());
             return;
         }
         const auto length = static_cast<size_t>(count);
         const size_t kept = std::min(length, kMostOutput - text.size());
         text.append(buffer, kept);
         isCut = isCut || kept < length;
-        Pass(buffer, isBounded ? kept : length);
+        if (!isForPeople) {
+            Pass(buffer, length);
+            return;
+        }
+        begun.append(buffer, kept);
+        if (begun.empty())
+            return;
+        // A line end may follow its "\r".
+        const std::size_t whole = begun.back() == '\r' ? begun.size() - 1 : WholeCharacters(begun);
+        const std::string visible = VisibleLines(begun.substr(0, whole));
+        begun.erase(0, whole);
+        Pass(visible.data(), visible.size());
     }
 
     /// Whoever reads along may have gone: the run goes on to its end or to the held signal that tells of it.
@@ -292,7 +307,7 @@ Sandbox::Sandbox(const RunSettings &settings, const std::string &chip, const std
         RunSandbox(job, {out.writer.Get(), err.writer.Get(), control.Get(), m_report.Get()});
     }
     const auto stream = [&settings](Channel &channel, int passTo) {
-        return std::make_unique<Stream>(Stream{std::move(channel.reader), passTo, settings.isConsole, ""});
+        return std::make_unique<Stream>(Stream{std::move(channel.reader), passTo, settings.isConsole, "", ""});
     };
     m_out = stream(out, settings.passOut);
     m_err = stream(err, settings.passErr);

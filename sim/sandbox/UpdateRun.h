@@ -30,7 +30,8 @@ struct RunSettings {
     SimSettings sim;                       ///< MTD devices, faults, power cut, trace
     bool assumesDevices = false;           ///< nobody has described the MTD devices: they are DefaultDevices
     bool isConsole = false;                ///< standard output is a terminal: lines arrive as they are printed
-    int passOut = -1;                      ///< descriptor that gets the updater's output as it arrives; -1 for none
+    int passOut = -1;                      ///< descriptor that gets the updater's output as it arrives, for a console
+                                           ///< in visible characters; -1 for none
     int passErr = -1;                      ///< the same for its error output
     int milliseconds = -1;                 ///< how long the update may take; -1 for no limit
 };

@@ -1,9 +1,11 @@
 #include "report/ReportFormats.h"
+#include "base/Text.h"
 #include "report/ReportDiff.h"
 #include "report/ReportEntries.h"
 #include "report/XmlText.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -69,12 +71,34 @@ TEST(ReportFormats, ShowWhatWouldSteerADisplay) {
                 {"\xff \xc0\x80 \xed\xa0\x80 \xe2\x82", "\\xff \\xc0\\x80 \\xed\\xa0\\x80 \\xe2\\x82"}};
     for (const auto &row : rows) {
         EXPECT_EQ(VisibleText(row.text), row.visible);
+        if (row.text.find('\n') == std::string::npos) {
+            EXPECT_EQ(VisibleLines(row.text + "\r\n" + row.text + "\n"),
+                      row.visible + std::string("\r\n") + row.visible + "\n");
+        }
         const std::string texts = SarifText(ReportOf({FindingOf(1, row.text.c_str(), "error", "failed")}), {}) +
                                   JUnitText(ReportOf({FindingOf(1, row.text.c_str(), "error", "failed")}), {});
         for (const char character : texts)
             EXPECT_TRUE(character == '\n' || static_cast<unsigned char>(character) >= ' ');
     }
     EXPECT_EQ(XmlMarkupEscaped("<a b=\"c\">&'"), "&#60;a b=&#34;c&#34;&#62;&#38;'");
+}
+
+TEST(ReportFormats, WordsForAShellAreVisibleAndComeOutAsTheyWere) {
+    for (const char *word : {"plain", "", "a b'c", "\x1b[2J'\\\n",
+                             "\xe2\x80\xae"
+                             "f\xc3\xa4",
+                             "\xff"
+                             "1\t"}) {
+        const std::string quoted = ShellWord(word);
+        EXPECT_EQ(VisibleText(quoted), quoted);
+        setenv("WORD", word, 1);
+        setenv("SCRIPT", ("[ " + quoted + " = \"$WORD\" ]").c_str(), 1);
+        EXPECT_EQ(system("bash -c \"$SCRIPT\""), 0) << quoted;
+    }
+    EXPECT_EQ(WholeCharacters("a\xe2\x82"), 1U);
+    EXPECT_EQ(WholeCharacters("a\xe2\x82\xac"), 4U);
+    EXPECT_EQ(WholeCharacters("\x82\x82\x82\x82"), 4U);
+    EXPECT_EQ(WholeCharacters(""), 0U);
 }
 
 TEST(ReportFormats, FingerprintsAreUniqueAndSurviveMovedLines) {

@@ -9,6 +9,7 @@ import subprocess
 import sys
 import tempfile
 import xml.etree.ElementTree
+import zlib
 
 flashsim = pathlib.Path(sys.argv[1]).resolve() / "flashsim"
 source = pathlib.Path(__file__).resolve().parents[3]
@@ -112,7 +113,52 @@ def diff(folder, *paths):
     return run.returncode, run.stdout
 
 
+def hostile_image(folder):
+    """A UBI image with a volume whose name steers a terminal."""
+    (folder / "ini").write_text("[a]\nmode=ubi\nvol_id=0\nvol_type=dynamic\nvol_name=NAME\nvol_size=15360\n")
+    subprocess.run(["ubinize", "-m", "512", "-s", "512", "-p", "16KiB", "-o", "image", "ini"], cwd=folder, check=True,
+                   env={**os.environ, "PATH": os.environ["PATH"] + ":/usr/sbin"})
+    image = bytearray((folder / "image").read_bytes())
+    for name in [match.start() for match in re.finditer(b"NAME", image)]:
+        record = name - 16
+        image[name:name + 4] = b"\x1b[2J"
+        crc = zlib.crc32(image[record:record + 168]) ^ 0xFFFFFFFF
+        image[record + 168:record + 172] = crc.to_bytes(4, "big")
+    (folder / "image").write_bytes(image)
+
+
+def check_hostile(folder):
+    """Nothing of an update reaches a display as a control character or a mark of writing direction."""
+    steering = "\x1b[2J\x07\x7f\u009b31m\u202e"
+    update = folder / f"up{steering}date"
+    update.mkdir()
+    hostile_image(update)
+    script = f"write 0 20000 image\nfrob{steering} 1\nerase 20000 4000\n"
+    (update / "flashrig.script").write_bytes(script.encode() + b"frob\xff\xc2")
+    (update / "progress_script.sh").write_text(f"#!/bin/sh\nprintf '%s\\r\\n' '{steering}'\n"
+                                               "printf '\\342\\200'; printf '\\256\\r' >&2; printf '\\256'\n")
+    (update / "progress_script.sh").chmod(0o755)
+    run = subprocess.run([flashsim, *CHIP, "--ecc", "chip", *files("hostile"), "--map", "hostile.svg", "--trace", "hostile.trace",
+                          "--sweep", "bad", "--sets", "0", f"--mtd=12:all{steering}", update],
+                         cwd=folder, capture_output=True, check=False)
+    assert run.returncode == 1, run
+    assert b"\\x1b[2J\\x07\\x7f\\u009b31m\\u202e\r\n" in run.stdout, run.stdout
+    assert b'volume 0 "\\x1b[2J"' in run.stdout and b"up\\x1b[2J" in run.stdout, run.stdout
+    wrong = subprocess.run([flashsim, f"none{steering}"], cwd=folder, capture_output=True, check=False)
+    assert wrong.returncode == 2 and b"none\\x1b[2J" in wrong.stderr, wrong
+    texts = {path.name: path.read_bytes() for path in folder.glob("hostile.*")}
+    assert len(texts) == 6
+    texts.update(out=run.stdout.replace(b"\r\n", b"\n"), err=run.stderr, wrong=wrong.stderr)
+    for name, text in texts.items():
+        bad = re.search("[\x00-\x09\x0b-\x1f\x7f-\x9f\u061c\u200b-\u200f\u2028-\u202e\u2060-\u206f\ufeff]",
+                        text.decode())
+        assert bad is None, (name, text[max(0, bad.start() - 60):bad.start() + 60])
+    xml.etree.ElementTree.fromstring(texts["hostile.svg"])
+    assert json.loads(texts["hostile.json"])["lines"][1]["text"] == f"frob{steering} 1"
+
+
 with tempfile.TemporaryDirectory() as temporary:
+    check_hostile(pathlib.Path(temporary))
     folder = pathlib.Path(temporary) / "examples"
     subprocess.run([source / "examples/make", folder], check=True)
 

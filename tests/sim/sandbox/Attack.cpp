@@ -4,14 +4,17 @@
 //   attack FOLDER PORT PID     where the victims are outside: files in FOLDER, a server on 127.0.0.1:PORT and on the
 //                              abstract socket FOLDER, a System V segment with the key PORT, a process PID
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <iterator>
+#include <linux/capability.h>
 #include <linux/vm_sockets.h>
 #include <netinet/in.h>
 #include <sched.h>
@@ -35,7 +38,8 @@ std::string folder;
 int port;
 pid_t victim;
 
-constexpr const char *kOwnMounts[] = {"/tmp/update", "/.flashsim/root", "/.flashsim/libflashsim.so", "/usr", "/bin"};
+constexpr const char *kOwnMounts[] = {"/tmp/update", "/.flashsim/root", "/.flashsim/libflashsim.so", "/usr", "/bin",
+                                      "/etc"};
 
 bool Opens(const std::string &path, int flags) {
     const int fd = open(path.c_str(), flags | O_CLOEXEC);
@@ -72,7 +76,7 @@ bool MountAnything() {
         if (mount("none", "/tmp/mnt", type, 0, nullptr) == 0)
             return true;
     return mount("/usr", "/tmp/mnt", nullptr, MS_BIND, nullptr) == 0 || syscall(SYS_fsopen, "tmpfs", 0) >= 0 ||
-           syscall(SYS_open_tree, AT_FDCWD, "/usr", 1) >= 0;
+           syscall(SYS_open_tree, AT_FDCWD, "/usr", 1) >= 0 || syscall(SYS_pivot_root, "/", "/") == 0;
 }
 
 bool FindVictimFile() { return CanRead(folder + "/secret"); }
@@ -146,16 +150,36 @@ bool TouchInit() {
            ptrace(PTRACE_ATTACH, 1, nullptr, nullptr) == 0 || (kill(1, SIGKILL) == 0 && kill(1, 0) != 0);
 }
 
+/// Refused calls fail before the kernel looks at their arguments, none of which it would take.
 bool KernelCalls() {
-    return syscall(SYS_bpf, 0, nullptr, 0) >= 0 || errno != EPERM || syscall(SYS_keyctl, 0, -3, 1) >= 0 ||
-           errno != EPERM || syscall(SYS_perf_event_open, nullptr, 0, -1, -1, 0) >= 0 || errno != EPERM ||
-           syscall(SYS_io_uring_setup, 1, nullptr) >= 0 || errno != EPERM;
+    const long results[] = {syscall(SYS_bpf, 0, nullptr, 0),
+                            syscall(SYS_keyctl, 0, -3, 1),
+                            syscall(SYS_add_key, "user", "flashsim", "x", 1, -3),
+                            syscall(SYS_perf_event_open, nullptr, 0, -1, -1, 0),
+                            syscall(SYS_io_uring_setup, 1, nullptr),
+                            syscall(SYS_userfaultfd, -1),
+                            syscall(SYS_init_module, nullptr, 0, nullptr),
+                            syscall(SYS_finit_module, -1, nullptr, 0),
+                            syscall(SYS_kexec_load, 0, ~0UL, nullptr, 0),
+                            syscall(SYS_fanotify_init, ~0U, 0),
+                            syscall(SYS_clock_settime, CLOCK_REALTIME, nullptr),
+                            syscall(SYS_swapon, nullptr, 0)};
+    errno = 0;
+    const bool areRefused = syscall(SYS_bpf, 0, nullptr, 0) < 0 && errno == EPERM && syscall(SYS_userfaultfd, -1) < 0 &&
+                            errno == EPERM && syscall(SYS_init_module, nullptr, 0, nullptr) < 0 && errno == EPERM &&
+                            syscall(SYS_kexec_load, 0, ~0UL, nullptr, 0) < 0 && errno == EPERM;
+    return !areRefused || std::any_of(std::begin(results), std::end(results), [](long result) { return result >= 0; });
 }
 
 bool RegainCapabilities() {
-    for (const int capability : {16 /* SYS_MODULE */, 12 /* NET_ADMIN */, 27 /* MKNOD */, 2 /* DAC_READ_SEARCH */})
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct sets[2] = {};
+    if (syscall(SYS_capget, &header, sets) != 0 || sets[0].inheritable != 0 || sets[1].inheritable != 0)
+        return true;
+    for (const int capability : {CAP_SYS_MODULE, CAP_NET_ADMIN, CAP_MKNOD, CAP_DAC_READ_SEARCH})
         if (prctl(PR_CAPBSET_READ, capability) != 0 ||
-            prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_IS_SET, capability, 0, 0) != 0)
+            prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_IS_SET, capability, 0, 0) != 0 ||
+            (sets[0].permitted >> capability & 1) != 0)
             return true;
     return prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) != 1;
 }

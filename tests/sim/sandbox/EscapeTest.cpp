@@ -3,15 +3,18 @@
 #include <arpa/inet.h>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
+#include <linux/capability.h>
 #include <netinet/in.h>
 #include <string>
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -64,6 +67,16 @@ protected:
         fs::permissions(m_folder / name, fs::perms(0755));
     }
 
+    /// Lets programs inherit all capabilities that this process has.
+    static void MakeInheritable() {
+        __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+        __user_cap_data_struct sets[2] = {};
+        syscall(SYS_capget, &header, sets);
+        for (auto &set : sets)
+            set.inheritable = set.permitted;
+        syscall(SYS_capset, &header, sets);
+    }
+
     /// Runs flashsim as root, or as a user that no account has. @return its exit status.
     int Run(bool asUser, const std::string &arguments) {
         const std::string command = "TMPDIR=" + (m_folder / "tmp").string() + " timeout 300 " + m_folder.string() +
@@ -73,6 +86,7 @@ protected:
             constexpr uid_t kUser = 65533;
             if (asUser && geteuid() == 0 && (setgid(kUser) != 0 || setuid(kUser) != 0))
                 _exit(99);
+            MakeInheritable();
             execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
             _exit(127);
         }
@@ -227,10 +241,27 @@ TEST_F(Escape, CallersHabitsNeitherHangNorMisleadARun) {
         {"mkdir gone; cd gone; rmdir ../gone; $F --raw $U", 0},
         {"d=\"$PWD/a b/$(printf 'c\\nd')\"; mkdir -p \"$d\"; cp -r $U \"$d/u\"; $F --raw \"$d/u\"", 0},
         {"TMPDIR=/nowhere $F $U", 2},
+        // A path of some 4,000 characters, which is as long as the kernel takes one.
+        {"n=$(printf %0200d 0); for i in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19; do mkdir $n && cd $n; done;"
+         " cp -r $U u; $F --raw u",
+         0},
+        {"n=$(printf %0200d 0); d=$PWD; for i in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19; do mkdir -p $n;"
+         " cd $n; d=$d/$n; done; cp -r $U u; $F --raw $d/u",
+         0},
+        // While the chip is made.
+        {"${F%% --chip*} --chip 8G,128K,2K,64 --raw $U & p=$!; sleep 0.3; kill -TERM $p; wait $p; r=$?;"
+         " ls $TMPDIR | grep flashsim && exit 9; exit $r",
+         143},
+        // These need root.
+        {"unshare -m sh -c 'mount -t tmpfs -o size=256k none /dev/shm && unset TMPDIR && \"$@\"' sh $F $U", 2},
+        {"unshare -m sh -c 'mount -t tmpfs -o ro none /dev/shm && unset TMPDIR && \"$@\"' sh $F --raw $U", 0},
+        {"unshare -m sh -c 'umount -l /proc && \"$@\"' sh $F --raw $U", 2},
         {"trap '' TERM; (sleep 1; kill -TERM $$) & $F --raw $U", 0},
     };
     Save("update/progress_script.sh", "#!/bin/sh\n");
     for (const auto &row : rows) {
+        if (geteuid() != 0 && strstr(row.command, "unshare") != nullptr)
+            continue;
         Save("command", "cd " + (m_folder / "tmp").string() + "; F='" + m_folder.string() +
                             "/bin/flashsim --chip 1M,128K,2K,64'; U=" + Update() + "\n" + row.command + "\n");
         const int status = system(("TMPDIR=" + m_folder.string() + "/tmp timeout 100 sh " + m_folder.string() +
