@@ -8,8 +8,8 @@ install(FILES docs/flashrig.script.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 CO
 
 if(TARGET flashsim)
   # The simulator brings the updater that it runs, out of everyone's path: on a workstation it would do harm.
-  install(TARGETS flashrig RUNTIME DESTINATION lib/flashsim COMPONENT flashsim)
-  install(TARGETS flashsim_preload LIBRARY DESTINATION lib/flashsim COMPONENT flashsim)
+  install(TARGETS flashrig RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/flashsim COMPONENT flashsim)
+  install(TARGETS flashsim_preload LIBRARY DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/flashsim COMPONENT flashsim)
   install(TARGETS flashsim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT flashsim)
   install(FILES docs/flashsim.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT flashsim)
   install(FILES docs/flashrig.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT flashsim)
@@ -26,6 +26,18 @@ if(TARGET flashsim)
     COMPONENT flashsim)
 endif()
 
+# Whoever publishes a package puts a name here, and the licence in Debian's format into a file.
+set(CPACK_PACKAGE_CONTACT "flashrig developers <flashrig@localhost>" CACHE STRING "Maintainer field of the packages")
+set(FLASHRIG_COPYRIGHT "" CACHE FILEPATH "File copyright of the packages")
+foreach(PACKAGE flashrig flashsim)
+  set(PAPERS ${CMAKE_INSTALL_DATAROOTDIR}/doc/${PACKAGE})
+  configure_file(cmake/changelog.in ${PROJECT_BINARY_DIR}/papers/${PACKAGE}/changelog @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/papers/${PACKAGE}/changelog DESTINATION ${PAPERS} COMPONENT ${PACKAGE})
+  if(FLASHRIG_COPYRIGHT)
+    install(FILES ${FLASHRIG_COPYRIGHT} RENAME copyright DESTINATION ${PAPERS} COMPONENT ${PACKAGE})
+  endif()
+endforeach()
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -33,9 +45,7 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_SOURCE_TREE ${PROJECT_SOURCE_DIR})
 set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/PackageTime.cmake)
-set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/CompressManuals.cmake)
-# Whoever publishes a package puts a name here: cpack -D CPACK_PACKAGE_CONTACT="..."
-set(CPACK_PACKAGE_CONTACT "flashrig developers <flashrig@localhost>" CACHE STRING "Maintainer field of the packages")
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/CompressPapers.cmake)
 
 set(CPACK_DEBIAN_FLASHRIG_PACKAGE_NAME flashrig)
 set(CPACK_DEBIAN_FLASHRIG_PACKAGE_SECTION admin)

@@ -29,7 +29,7 @@ constexpr const char *kUsualEcc = "host";
 /// Finds a file that is built or installed with this program.
 std::string Companion(const char *name) {
     const fs::path here = fs::read_symlink("/proc/self/exe").parent_path();
-    for (const fs::path &folder : {here, here / "../lib/flashsim"}) {
+    for (const fs::path &folder : {here, here / "../libexec/flashsim"}) {
         if (fs::exists(folder / name))
             return folder / name;
     }
