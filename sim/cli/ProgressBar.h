@@ -4,7 +4,8 @@
 #include <cstddef>
 #include <string>
 
-/// A line that shows the progress of a long run on standard error. Prints nothing when that is not a terminal.
+/// Shows the progress of a long run on standard error: on a terminal in one line that is rewritten and disappears in
+/// the end, elsewhere as a plain line now and then.
 class ProgressBar {
 public:
     explicit ProgressBar(std::string title);
@@ -12,8 +13,8 @@ public:
     ProgressBar(const ProgressBar &) = delete;
     ProgressBar &operator=(const ProgressBar &) = delete;
 
-    /// Shows that `done` of `total` steps are done, the remaining time and a note on the result so far, which may be
-    /// empty. Updates the line ten times a second at most.
+    /// Shows that `done` of `total` steps are done, the rate, the remaining time and a note on the result so far, which
+    /// may be empty. Shows something ten times a second at most on a terminal, and every 30 seconds elsewhere.
     void Show(std::size_t done, std::size_t total, const std::string &note);
 
 private:
@@ -24,3 +25,6 @@ private:
     Clock::time_point m_tStart = Clock::now();
     Clock::time_point m_tShown;
 };
+
+/// @return "3 of 40, 1.5/s, 25 s left": the progress after some seconds.
+std::string ProgressText(std::size_t done, std::size_t total, double seconds);

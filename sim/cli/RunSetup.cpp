@@ -204,10 +204,16 @@ std::string ScriptPath(const Options &options) {
     return !fs::exists(usual) && !options.root.empty() && fs::exists(other) ? other : usual;
 }
 
+NandGeometry AskedGeometry(const Options &options) {
+    return ParseGeometry(options.chip.empty() ? kUsualChip : options.chip);
+}
+
+Ecc AskedEcc(const Options &options) { return ParseEcc(options.ecc.empty() ? kUsualEcc : options.ecc); }
+
 ScopedFd PrepareChip(const Options &options, const RunSettings &files, const std::string &path,
                      const std::string &statePath, const HeldSignals &signals) {
-    const NandGeometry geometry = ParseGeometry(options.chip.empty() ? kUsualChip : options.chip);
-    const Ecc ecc = ParseEcc(options.ecc.empty() ? kUsualEcc : options.ecc);
+    const NandGeometry geometry = AskedGeometry(options);
+    const Ecc ecc = AskedEcc(options);
     ScopedFd right;
     bool isNew = true;
     if (options.flash.empty()) {

@@ -30,6 +30,11 @@ std::string ScriptPath(const Options &options);
 /// @throws std::invalid_argument when the file that describes the chip is not beside them
 void RequireChipFile(const std::string &path);
 
+/// @return sizes and ECC mode of a new chip.
+/// @throws std::exception with one line when the options describe no chip
+NandGeometry AskedGeometry(const Options &options);
+Ecc AskedEcc(const Options &options);
+
 /// Creates the chip's files, as new or as a copy of the chip that is kept; then marks the blocks bad that the options
 /// name.
 /// @param path of the chip's files

@@ -159,6 +159,51 @@ int Merge(std::vector<std::string> paths) {
     return isClean ? kClean : kFindings;
 }
 
+/// The files that a rehearsal writes; opened before it begins.
+struct Outputs {
+    explicit Outputs(const Options &options) : trace(options.trace, "trace"), map(options.map, "map") {
+        for (const auto &row : kReports)
+            reports.emplace_back(options.*row.path, row.what);
+    }
+
+    void SaveReports(const nlohmann::ordered_json &report, const FormatFacts &facts) {
+        for (std::size_t i = 0; i < reports.size(); ++i) {
+            if (reports[i].IsWanted())
+                reports[i].Save(kReports[i].makeText(report, facts));
+        }
+    }
+
+    OutputFile trace;
+    OutputFile map;
+    std::vector<OutputFile> reports; ///< as kReports
+};
+
+Verdict InterruptedVerdict(const char *what) {
+    Verdict verdict;
+    verdict.findings = {ForRun(FindingId::Interrupted, what)};
+    return verdict;
+}
+
+/// Writes the reports of a rehearsal that a signal ended before its run. They say so, and show a new chip.
+void ReportNoRun(const Options &options, const RerunWords &words, const TempFolder &folder, Outputs &outputs) {
+    const NandGeometry geometry = AskedGeometry(options);
+    // Nobody looks into the cells of untouched blocks.
+    std::vector<std::uint8_t> pages(geometry.Pages());
+    std::vector<std::uint8_t> blocks(geometry.Blocks());
+    const NandChip chip(geometry, AskedEcc(options), {nullptr, pages.data(), blocks.data()});
+    const std::string path = folder.File("none");
+    SimState::Create(path, {});
+    const SimState state(path);
+    const RunRecord record;
+    const Verdict verdict = InterruptedVerdict("a signal ended the preparation of the chip; nothing was run");
+    const PageRun run = {record, chip, verdict, RunTimeline("")};
+    FormatFacts facts = {RelativeScript(options), words.run, FLASHSIM_VERSION, UpdateName(options.update), &run};
+    outputs.SaveReports(MakeReport(record, verdict, chip, state), facts);
+}
+
+int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &words, const TempFolder &folder,
+                 const HeldSignals &signals, bool &hasRun);
+
 int Rehearse(const Options &options, const RerunWords &words) {
     std::vector<std::string> inputs = {options.update, options.program};
     if (!options.flash.empty())
@@ -167,16 +212,26 @@ int Rehearse(const Options &options, const RerunWords &words) {
     for (const auto &row : kReports)
         outputs.push_back(options.*row.path);
     CheckOutputs(inputs, outputs);
-    OutputFile traceFile(options.trace, "trace");
-    std::vector<OutputFile> reportFiles;
-    for (const auto &row : kReports)
-        reportFiles.emplace_back(options.*row.path, row.what);
-    OutputFile mapFile(options.map, "map");
+    Outputs files(options);
+    const HeldSignals signals;
+    const TempFolder folder;
+    bool hasRun = false;
+    try {
+        return RehearseInto(files, options, words, folder, signals, hasRun);
+    } catch (const std::exception &) {
+        if (hasRun || !signals.HasCome() || !options.WantsVerdict())
+            throw;
+        ReportNoRun(options, words, folder, files);
+        return kFindings;
+    }
+}
+
+/// @param hasRun becomes true when the run has ended, however
+int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &words, const TempFolder &folder,
+                 const HeldSignals &signals, bool &hasRun) {
     std::vector<SweepSettings> sweeps;
     for (const std::string &kind : options.sweeps)
         sweeps.push_back(MakeSweep(options, kind));
-    const HeldSignals signals;
-    const TempFolder folder;
     const bool isSwept = !options.sweeps.empty();
     const bool isKept = !options.flash.empty() && fs::exists(options.flash);
     const std::string path = folder.File("flash");
@@ -194,6 +249,7 @@ int Rehearse(const Options &options, const RerunWords &words) {
     const ChipFile chip(path);
     const RunSettings settings = MakeSettings(options, files, chip.Chip().Geometry());
     const RunOutcome outcome = RunUpdate(settings, path, statePath, signals);
+    hasRun = true;
     const SimState state(statePath);
     if (!chip.IsWhole())
         throw std::runtime_error("a program of the update cut or lengthened the files of the chip");
@@ -208,7 +264,7 @@ int Rehearse(const Options &options, const RerunWords &words) {
     if (isJudged)
         verdict = Judge(RunFacts(record, chip.Chip()));
     else if (outcome.isInterrupted)
-        verdict.findings = {ForRun(FindingId::Interrupted, "a signal ended the run before its verdict")};
+        verdict = InterruptedVerdict("a signal ended the run before its verdict");
     if (!options.isRaw) {
         const RunSummary summary(chip.Chip(), state, outcome);
         printf("\n%s", summary.Text(TerminalWidth(), WantsColour()).c_str());
@@ -216,8 +272,8 @@ int Rehearse(const Options &options, const RerunWords &words) {
             printf("%s", VerdictText(verdict, ScriptPath(options)).c_str());
         fflush(stdout);
     }
-    if (traceFile.IsWanted())
-        traceFile.Save(VisibleLines(state.TraceText()));
+    if (outputs.trace.IsWanted())
+        outputs.trace.Save(VisibleLines(state.TraceText()));
     if (state.TraceOverflowed())
         throw std::runtime_error(std::string("no room to record all requests: trace and verdict would be incomplete") +
                                  kRoomAdvice);
@@ -234,13 +290,10 @@ int Rehearse(const Options &options, const RerunWords &words) {
         std::optional<PageRun> run;
         if (!options.html.empty())
             facts.run = &run.emplace(PageRun{record, chip.Chip(), verdict, RunTimeline(state.WholeText())});
-        for (std::size_t i = 0; i < reportFiles.size(); ++i) {
-            if (reportFiles[i].IsWanted())
-                reportFiles[i].Save(kReports[i].makeText(report, facts));
-        }
+        outputs.SaveReports(report, facts);
     }
-    if (mapFile.IsWanted())
-        mapFile.Save(
+    if (outputs.map.IsWanted())
+        outputs.map.Save(
             DrawChip(UpdateName(options.update), chip.Chip(), WholeFlash(chip.Chip(), record.devices), verdict));
     if (outcome.isOutputLost || fflush(stdout) != 0 || ferror(stdout) != 0)
         throw std::runtime_error("can't write to standard output");

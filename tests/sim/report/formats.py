@@ -8,6 +8,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import time
 import xml.etree.ElementTree
 import zlib
 
@@ -21,11 +22,13 @@ LEVELS = {"error": "critical", "warning": "major", "note": "info"}
 
 
 def files(name):
-    return [word for option, end in (("report", "json"), ("sarif", "sarif"), ("junit", "xml"), ("codequality", "cq.json"))
+    return [word for option, end in (("report", "json"), ("sarif", "sarif"), ("junit", "xml"), ("codequality", "cq.json"),
+                                     ("html", "html"))
             for word in (f"--{option}", f"{name}.{end}")]
 
 
 def read(folder, name):
+    subprocess.run(["xmllint", "--noout", "--nonet", folder / f"{name}.xml"], check=True)
     sarif, quality = (json.loads((folder / f"{name}.{end}").read_text("ascii")) for end in ("sarif", "cq.json"))
     return (json.loads((folder / f"{name}.json").read_text()), sarif,
             xml.etree.ElementTree.parse(folder / f"{name}.xml").getroot(), quality)
@@ -219,5 +222,28 @@ with tempfile.TemporaryDirectory() as temporary:
     check_junit(junit)
     check_quality(quality)
     assert junit.get("failures") == "1" and quality[0]["severity"] == "critical"
+
+    # So does one while the chip is prepared, and one in a sweep.
+    (stuck / "progress_script.sh").unlink()
+    (folder / "device-slow/app").mkdir(parents=True)
+    (folder / "device-slow/app/prepare_flashrig.sh").write_text("#!/bin/sh\nsleep 600\n")
+    (folder / "device-slow/app/prepare_flashrig.sh").chmod(0o755)
+    for words, kinds in ((["--used", "--root", "device-slow", "clean.img"], ["interrupted"]),
+                         (["--after", "clean.img", "--root", "device-slow", "clean"], ["interrupted"]),
+                         (["--sweep", "cut", "--exact", "--root", "device", "clean"], ["sweep-cut"])):
+        with subprocess.Popen([flashsim, *CHIP, *files("early"), *words], cwd=folder, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT) as process:
+            if kinds == ["interrupted"]:
+                time.sleep(0.5)
+            while kinds == ["sweep-cut"] and not (line := process.stdout.readline()).startswith(b"verdict"):
+                assert line, "the run ended"
+            process.send_signal(signal.SIGINT)
+            output = process.stdout.read()
+        assert process.returncode == -signal.SIGINT, (process.returncode, output)
+        report, sarif, junit, quality = read(folder, "early")
+        ids = {it["ruleId"] for it in check_sarif(sarif)}
+        assert ids >= set(kinds), ids
+        assert not sarif["runs"][0]["invocations"][0]["executionSuccessful"]
+        assert not check_junit(junit) and int(junit.get("failures")) > 0 and check_quality(quality) is None
 
 print("all formats are as their readers expect")
