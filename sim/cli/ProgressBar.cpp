@@ -2,6 +2,7 @@
 
 #include "base/Text.h"
 
+#include <cmath>
 #include <cstdio>
 #include <unistd.h>
 #include <utility>
@@ -15,9 +16,9 @@ constexpr const char *kClearLine = "\r\033[K";
 
 /// @return "45 s", "12 min", "3 h 5 min".
 std::string DurationText(double seconds) {
-    constexpr int kMinute = 60;
-    constexpr int kHour = 3600;
-    const auto whole = static_cast<long long>(seconds + 0.5);
+    constexpr long long kMinute = 60;
+    constexpr long long kHour = 3600;
+    const long long whole = std::llround(seconds);
     if (whole < 2 * kMinute)
         return FormatText("%lld s", whole);
     if (whole < 2 * kHour)

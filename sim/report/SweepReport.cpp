@@ -170,7 +170,7 @@ ordered_json DescribeSweep(const SweepResult &result, const RerunWords &words) {
                           {"done", result.done},
                           {"held", result.done - result.failures.size()},
                           {"interrupted", result.isInterrupted},
-                          {"bootChecked", settings.boot.IsAny()},
+                          {"bootChecked", UsesOption(*settings.kind, "boots") && settings.boot.IsAny()},
                           {"failures", ordered_json::array()},
                           {"unsealed", ordered_json::array()},
                           {"unbootable", ordered_json::array()}};

@@ -221,7 +221,7 @@ function showVerdict() {
          sweep.held === sweep.done && !sweep.interrupted ? 'good' : 'bad');
     const gaps = sweep.unbootable.reduce((sum, gap) => sum + gap.runs, 0);
     if (gaps) fact(`Does not boot after ${count(gaps, 'power cut')}`, 'bad');
-    else if (sweep.bootChecked && !sweep.interrupted) fact('Boots after each power cut', 'good');
+    else if (sweep.bootChecked && !sweep.interrupted) fact('Boots after each rehearsed power cut', 'good');
     else if (sweep.kind === 'cut') fact('Whether the device boots was not checked', 'warn');
   }
   const missing = data.kinds.filter(kind => !data.sweeps.some(sweep => sweep.kind === kind));
