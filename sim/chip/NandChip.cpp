@@ -284,6 +284,10 @@ void NandChip::MakeWeakPages(std::uint32_t block) {
         MakeWeakPage(block * m_geometry.PagesPerBlock() + i);
 }
 
+bool NandChip::IsWeakBlock(std::uint32_t block) const { return (m_memory.blockStates[block] & kWeakBlock) != 0; }
+
+bool NandChip::IsWeakPage(std::uint32_t page) const { return (m_memory.pageStates[page] & kWeakPage) != 0; }
+
 BlockMark NandChip::Mark(std::uint32_t block) const {
     // A damaged state may hold any number.
     const std::uint8_t mark = m_memory.blockStates[block] & kMarkBits;

@@ -186,6 +186,10 @@ public:
     /// The same for all pages of a block.
     void MakeWeakPages(std::uint32_t block);
 
+    /// @return whether a block, or a page, is worn out.
+    bool IsWeakBlock(std::uint32_t block) const;
+    bool IsWeakPage(std::uint32_t page) const;
+
     BlockMark Mark(std::uint32_t block) const;
     /// @return whether a block, good or bad, was erased or programmed since ForgetMarks.
     bool IsTouched(std::uint32_t block) const;

@@ -176,6 +176,10 @@ constexpr OptionRow kOptions[] = {
      "where the sandbox shows UPDATE [/tmp/update; an image: /tmp/NAME]", CheckPlace},
     {kRun, "--program", "FILE", &Options::program, Rerun::Repeated, "the updater under test [the one of this build]",
      CheckPresent},
+    {kRun, "--board", "COMMAND", &Options::board, Rerun::Repeated,
+     "run the update on the virtual ARM board that COMMAND boots: board/machine"},
+    {kRun, "--compare", "", &Options::isCompared, Rerun::Omitted,
+     "with --board: also run the update on the simulator, and show the first difference"},
     {kRun, "--fault", "KIND[:N]=ERRNO", &Options::faults, Rerun::Repeated,
      "each request of the kind fails, or only the N-th", nullptr, FaultWords},
     {kRun, "--cut", "N[:STATE]", &Options::cut, Rerun::OfTheRun,
@@ -316,6 +320,10 @@ void Declare(CLI::App &app, Options &options) {
 void CheckTogether(const CLI::App &app, const Options &options) {
     if (!options.sweeps.empty() && (options.isRaw || !options.cut.empty()))
         throw std::invalid_argument("--sweep goes with neither --raw nor --cut");
+    if (options.isCompared && (options.board.empty() || options.isRaw))
+        throw std::invalid_argument("--compare needs --board, and goes without --raw");
+    if (!options.sweeps.empty() && !options.board.empty())
+        throw std::invalid_argument("the board makes no sweeps: --sweep goes without --board");
     for (const OptionRow &row : kOptions) {
         const bool isCommon = std::find(std::begin(kCommon), std::end(kCommon), row.name) != std::end(kCommon);
         if (row.group != kSweeps || isCommon || app.count(row.name) == 0)

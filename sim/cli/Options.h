@@ -31,6 +31,8 @@ struct Options {
     // The run.
     std::string place;
     std::string program;
+    std::string board;
+    bool isCompared = false;
     std::vector<std::string> faults;
     std::string cut; ///< empty: never
     std::string eraseFails;

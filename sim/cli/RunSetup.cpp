@@ -148,7 +148,9 @@ RunSettings ShownFiles(const Options &options) {
     RunSettings settings;
     settings.update = options.update;
     settings.root = options.root;
-    settings.program = options.program.empty() ? Companion("flashrig") : options.program;
+    const bool isOwn = options.program.empty() || !options.board.empty();
+    settings.program = isOwn ? Companion("flashrig") : options.program;
+    settings.boardProgram = options.board.empty() ? "" : options.program;
     settings.preload = Companion("libflashsim.so");
     return settings;
 }

@@ -5,10 +5,12 @@
 #include "base/ScopedFd.h"
 #include "base/TempFolder.h"
 #include "base/Text.h"
+#include "board/BoardRun.h"
 #include "chip/ChipFile.h"
 #include "cli/Options.h"
 #include "cli/OutputFile.h"
 #include "cli/ProgressBar.h"
+#include "cli/RunDiff.h"
 #include "cli/RunRecords.h"
 #include "cli/RunSetup.h"
 #include "report/ChipPicture.h"
@@ -201,6 +203,27 @@ void ReportNoRun(const Options &options, const RerunWords &words, const TempFold
     outputs.SaveReports(MakeReport(record, verdict, chip, state), facts);
 }
 
+/// Runs on the simulator what has run on the board, and prints the first difference.
+/// @param chip path of a chip that is as the board's was before the run
+/// @return whether there is none.
+bool IsSameOnSimulator(const RunSettings &settings, const JudgedRun &board, const std::string &chip,
+                       const std::string &statePath, const HeldSignals &signals) {
+    RunSettings quiet = settings;
+    quiet.passOut = quiet.passErr = -1;
+    const RunOutcome outcome = RunUpdate(quiet, chip, statePath, signals);
+    if (outcome.isInterrupted)
+        return false;
+    const SimState state(statePath);
+    const ChipFile file(chip);
+    RunRecord record = RecordOf(quiet, outcome, state);
+    record.namesChangers = false; // as the board
+    const Verdict verdict = Judge(RunFacts(record, file.Chip()));
+    const std::string difference = FirstDifference({record, verdict, file.Chip()}, board);
+    printf("board and simulator: %s\n", difference.empty() ? "same" : difference.c_str());
+    fflush(stdout);
+    return difference.empty();
+}
+
 int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &words, const TempFolder &folder,
                  const HeldSignals &signals, bool &hasRun);
 
@@ -248,7 +271,15 @@ int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &wor
     ChipFile::AddSums(path);
     const ChipFile chip(path);
     const RunSettings settings = MakeSettings(options, files, chip.Chip().Geometry());
-    const RunOutcome outcome = RunUpdate(settings, path, statePath, signals);
+    if (!options.board.empty())
+        CheckBoard(settings, chip.Chip());
+    const std::string twin = folder.File("twin");
+    if (options.isCompared)
+        ChipFile::Copy(path, twin);
+    std::string found;
+    const RunOutcome outcome = options.board.empty()
+                                   ? RunUpdate(settings, path, statePath, signals)
+                                   : RunOnBoard(settings, options.board, path, statePath, signals, found);
     hasRun = true;
     const SimState state(statePath);
     if (!chip.IsWhole())
@@ -257,7 +288,8 @@ int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &wor
         const ScopedFd turn = ChipFile::AwaitTurn(options.flash);
         ChipFile::Keep(path, options.flash);
     }
-    const RunRecord record = RecordOf(settings, outcome, state);
+    RunRecord record = RecordOf(settings, outcome, state);
+    record.namesChangers = options.board.empty();
     // A verdict on a part of the requests might miss a fault.
     const bool isJudged = !outcome.isInterrupted && options.WantsVerdict() && !state.TraceOverflowed();
     Verdict verdict;
@@ -269,9 +301,12 @@ int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &wor
         const RunSummary summary(chip.Chip(), state, outcome);
         printf("\n%s", summary.Text(TerminalWidth(), WantsColour()).c_str());
         if (isJudged)
-            printf("%s", VerdictText(verdict, ScriptPath(options)).c_str());
+            printf("%s%s", found.c_str(), VerdictText(verdict, ScriptPath(options)).c_str());
         fflush(stdout);
     }
+    const bool isSame =
+        !options.isCompared || !isJudged ||
+        IsSameOnSimulator(settings, {record, verdict, chip.Chip()}, twin, folder.File("twin-state"), signals);
     if (outputs.trace.IsWanted())
         outputs.trace.Save(VisibleLines(state.TraceText()));
     if (state.TraceOverflowed())
@@ -299,7 +334,7 @@ int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &wor
         throw std::runtime_error("can't write to standard output");
     if (options.isRaw)
         return RunSummary::ShellStatus(outcome);
-    return isJudged && verdict.IsClean() && hasPassed ? kClean : kFindings;
+    return isJudged && verdict.IsClean() && hasPassed && isSame ? kClean : kFindings;
 }
 
 /// Whatever the caller left to this process: with SIGCHLD ignored there is no waiting for a child, and a file that got

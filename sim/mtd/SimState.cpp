@@ -400,10 +400,14 @@ Extent SimState::BeginChange(std::uint64_t offset) {
     return ++m_shared->changes == m_shared->cutAtChange ? m_shared->cutExtent : Extent::Whole;
 }
 
-void SimState::PowerOff(std::uint64_t offset) {
-    m_shared->cutRequest = static_cast<std::uint32_t>(m_current);
+void SimState::NotePowerCut(RequestKind request, std::uint64_t offset) {
+    m_shared->cutRequest = static_cast<std::uint32_t>(request);
     m_shared->cutOffset = offset;
     m_shared->powerIsOff = 1;
+}
+
+void SimState::PowerOff(std::uint64_t offset) {
+    NotePowerCut(m_current, offset);
     if (Traces())
         Trace("power cut during " + CutPlace());
     EndHere();

@@ -90,6 +90,9 @@ public:
     std::uint64_t Changes() const;
 
     bool PowerWasCut() const;
+    /// Notes that power was lost during a request, at an offset on the chip, in a run elsewhere whose record this state
+    /// gets.
+    void NotePowerCut(RequestKind request, std::uint64_t offset);
     /// Doesn't return once power is off: for what is no request, but needs power all the same.
     void NeedPower() const;
     /// @return where power was lost, as "MEMWRITE at 0x800", an offset on the chip; empty when it never was.

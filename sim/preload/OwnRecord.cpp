@@ -1,5 +1,6 @@
 #include "preload/OwnRecord.h"
 
+#include "mtd/ErasedLook.h"
 #include "mtd/UpdaterRecord.h"
 #include "preload/Interface.h"
 #include "preload/Next.h"
@@ -10,24 +11,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
 Next<ssize_t(int, const void *, size_t)> nextWrite("write");
-
-/// @return whether a page begins like a boot environment: a CRC, perhaps a flag, and the text of a variable.
-bool LooksLikeEnvironment(const std::vector<std::uint8_t> &page) {
-    for (const std::ptrdiff_t start : {4, 5}) {
-        const auto isText = [](std::uint8_t byte) { return byte > ' ' && byte <= '~'; };
-        const auto end = std::find_if_not(page.begin() + start, page.end(), isText);
-        const auto equals = std::find(page.begin() + start, end, '=');
-        if (equals != end && equals != page.begin() + start)
-            return true;
-    }
-    return false;
-}
 
 /// One of the program's streams: on the way to its descriptor, what is printed is recorded as the program's own.
 /// Programs that it starts write to the descriptor alone.
@@ -94,16 +83,8 @@ void RecordErased(std::uint64_t start, std::uint64_t length) {
         return;
     const std::uint64_t end = start + std::min(length, geometry.size - start);
     for (std::uint64_t at = start; at < end; at += geometry.eraseSize) {
-        if (chip.IsTouched(static_cast<std::uint32_t>(at / geometry.eraseSize)))
-            continue;
-        const auto first = static_cast<std::uint32_t>(at / geometry.pageSize);
-        std::vector<std::uint8_t> bytes(geometry.pageSize);
-        chip.Read(first, 0, geometry.pageSize, bytes.data());
-        if (!LooksLikeEnvironment(bytes))
-            continue;
-        bytes.resize(geometry.eraseSize);
-        for (std::uint32_t page = 1; page < geometry.PagesPerBlock(); ++page)
-            chip.Read(first + page, 0, geometry.pageSize, bytes.data() + std::size_t{page} * geometry.pageSize);
-        simulation.state.Record(RecordLine(RecordKind::Erased, bytes.data(), bytes.size(), at));
+        const std::string line = ErasedLine(chip, static_cast<std::uint32_t>(at / geometry.eraseSize));
+        if (!line.empty())
+            simulation.state.Record(line);
     }
 }

@@ -19,6 +19,7 @@ constexpr std::size_t kMostOutput = std::size_t{16} << 20;
 /// One update and the sandbox that it runs in. Paths are those outside unless said otherwise.
 struct RunSettings {
     std::string program;                   ///< the updater under test
+    std::string boardProgram;              ///< the updater for the board; empty for the board's own
     std::string preload;                   ///< the library that shows programs the chip
     std::string update;                    ///< image file or folder
     std::string place;                     ///< absolute path at which the sandbox shows the update

@@ -31,6 +31,7 @@ struct RunRecord {
     std::string trace;                           ///< SimState::TraceText
     std::string cutPlace;                        ///< SimState::CutPlace
     std::vector<ProgramNote> programs;           ///< SimState::ProgramNotes
+    bool namesChangers = true;                   ///< the trace names other programs that changed flash
     std::vector<std::string> absent;             ///< AbsentTroubles of the run's settings
     bool assumesDevices = false;                 ///< the borders of the devices are not those of any product
     std::vector<std::string> missingSysfs;       ///< sysfs files that no MTD device has

@@ -108,7 +108,9 @@ std::map<std::uint32_t, std::set<std::string>> ChangersOfBlocks(const RunFacts &
 }
 
 /// @return what made the difference, as far as the run shows it.
-std::string CulpritText(const Difference &difference) {
+std::string CulpritText(const Difference &difference, bool areNamed) {
+    if (!areNamed)
+        return "";
     if (difference.changers.empty())
         return "; no other program changed those blocks: a request of the line failed silently";
     std::string names;
@@ -149,9 +151,9 @@ std::vector<Finding> CheckFinalChip(const RunFacts &facts) {
         if (difference.erased > 0)
             happens += (happens.empty() ? "" : ", and ") + Count(difference.erased, "page") + " of the erased range " +
                        (difference.erased == 1 ? "is" : "are") + " not erased";
-        findings.push_back(
-            ForLine(line->line, FindingId::Spoiled,
-                    happens + " when the update ends, first at " + Hex(difference.first) + CulpritText(difference)));
+        findings.push_back(ForLine(line->line, FindingId::Spoiled,
+                                   happens + " when the update ends, first at " + Hex(difference.first) +
+                                       CulpritText(difference, facts.record.namesChangers)));
     }
     return findings;
 }

@@ -1,22 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
-/*
- * Lets the kernel's NAND simulator take a raw page without OOB bytes, as real chips do.
- *
- * The simulator counts the bytes of a page program and refuses fewer than data and OOB area together. The OOB
- * bytes added here are all 0xFF: programming only clears bits, so no cell changes.
- */
+/* Raw page programs without OOB bytes on the kernel's NAND simulator. */
 #include <linux/module.h>
 #include <linux/mtd/mtd.h>
-#include <linux/mtd/rawnand.h>
+
+#include "raw_page.inc"
 
 static struct mtd_info *device;
-
-static int write_page_raw(struct nand_chip *chip, const u8 *data, int oob_required, int page)
-{
-	if (!oob_required)
-		memset(chip->oob_poi, 0xFF, nand_to_mtd(chip)->oobsize);
-	return nand_write_page_raw(chip, data, 1, page);
-}
 
 static struct nand_chip *chip(void)
 {
