@@ -20,7 +20,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *bytes, std::size_t size) {
     const BlockContent content = LookAtBlock(text);
     if (content.length > text.size())
         __builtin_trap();
-    BootVariables(std::string_view(text).substr(std::min(text.size(), kCrcBytes)));
+    const BootVariables variables(std::string_view(text).substr(std::min(text.size(), kCrcBytes)));
     FindFormatReadThroughEcc(text, 512);
     HasValidCrc(std::vector<char>(block.begin(), block.end()));
     return 0;

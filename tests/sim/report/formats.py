@@ -150,7 +150,7 @@ def check_hostile(folder):
     wrong = subprocess.run([flashsim, f"none{steering}"], cwd=folder, capture_output=True, check=False)
     assert wrong.returncode == 2 and b"none\\x1b[2J" in wrong.stderr, wrong
     texts = {path.name: path.read_bytes() for path in folder.glob("hostile.*")}
-    assert len(texts) == 6
+    assert len(texts) == 7, texts.keys()
     texts.update(out=run.stdout.replace(b"\r\n", b"\n"), err=run.stderr, wrong=wrong.stderr)
     for name, text in texts.items():
         bad = re.search("[\x00-\x09\x0b-\x1f\x7f-\x9f\u061c\u200b-\u200f\u2028-\u202e\u2060-\u206f\ufeff]",

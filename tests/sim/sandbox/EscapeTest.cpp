@@ -24,6 +24,17 @@ namespace fs = std::filesystem;
 
 namespace {
 
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define HAS_ADDRESS_SANITIZER
+#endif
+#endif
+#if defined(HAS_ADDRESS_SANITIZER) || defined(__SANITIZE_ADDRESS__)
+constexpr bool kIsSanitized = true;
+#else
+constexpr bool kIsSanitized = false;
+#endif
+
 std::string Load(const fs::path &path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
@@ -261,6 +272,9 @@ TEST_F(Escape, CallersHabitsNeitherHangNorMisleadARun) {
     Save("update/progress_script.sh", "#!/bin/sh\n");
     for (const auto &row : rows) {
         if (geteuid() != 0 && strstr(row.command, "unshare") != nullptr)
+            continue;
+        // The leak checker of sanitized builds ends every program that has no /proc.
+        if (kIsSanitized && strstr(row.command, "umount -l /proc") != nullptr)
             continue;
         Save("command", "cd " + (m_folder / "tmp").string() + "; F='" + m_folder.string() +
                             "/bin/flashsim --chip 1M,128K,2K,64'; U=" + Update() + "\n" + row.command + "\n");
