@@ -204,8 +204,12 @@ void TakeRecord(ReferenceRun &reference, const Rig &rig, bool leavesProcesses) {
         if (step.kind == RunStep::Kind::Request)
             ++requests[step.place];
     }
+    const bool formatsUbi = std::any_of(reference.lines.begin(), reference.lines.end(),
+                                        [](const UpdateLine &line) { return line.kind == LineKind::Ubiformat; });
     if (leavesProcesses)
         reference.whyNoSteps = "the update leaves processes running";
+    else if (formatsUbi)
+        reference.whyNoSteps = "what ubiformat writes depends on what it finds";
     else if (!isWhole || changes != reference.changes || requests != reference.requests)
         reference.whyNoSteps = "the record of the update is not complete";
     else if (first != second)

@@ -2,6 +2,7 @@
 
 #include "UEnvTool.h"
 #include "base/Text.h"
+#include "ubi/UbiImage.h"
 #include "verdict/Failures.h"
 
 #include <algorithm>
@@ -64,12 +65,20 @@ std::string Trouble(const LineStory &story) {
     return isMarked ? story.complaint.substr(std::string(kErrorMark).size()) : story.complaint;
 }
 
+PartitionPebs PebsOf(const NandChip &chip, const WholeFlash &flash, const FlashRange &range) {
+    return {chip, flash.OnChip(range.begin), static_cast<std::uint64_t>(range.end - range.begin)};
+}
+
+UbiAttachment Attach(const NandChip &chip, const PartitionPebs &pebs) {
+    return AttachUbi(pebs, UbiGeometry::Of(chip), {chip.Geometry().Blocks()});
+}
+
 } // namespace
 
 SweepJudge::SweepJudge(const ReferenceRun &reference)
     : m_reference(reference), m_flash(reference.chip, reference.devices),
       m_mayChange(reference.chip.Geometry().Blocks(), false),
-      m_isEnvironment(reference.chip.Geometry().Blocks(), false) {
+      m_isEnvironment(reference.chip.Geometry().Blocks(), false), m_isUbi(reference.chip.Geometry().Blocks(), false) {
     bool startsPrograms = false;
     for (const UpdateLine &line : reference.lines) {
         startsPrograms = startsPrograms || line.kind == LineKind::HandEnv || line.kind == LineKind::Ubiformat;
@@ -85,6 +94,14 @@ SweepJudge::SweepJudge(const ReferenceRun &reference)
         const bool isEnvironment = reference.lines[i].kind == LineKind::SetEnv && range;
         for (const std::uint32_t block : isEnvironment ? m_flash.Blocks(*range) : std::vector<std::uint32_t>())
             m_isEnvironment[block] = true;
+        if (reference.lines[i].kind != LineKind::Ubiformat || !range)
+            continue;
+        UbiAttachment attachment = Attach(reference.chip, PebsOf(reference.chip, m_flash, *range));
+        if (!attachment.IsAttached())
+            continue;
+        m_ubi.push_back({reference.lines[i].number, *range, std::move(attachment)});
+        for (const std::uint32_t block : m_flash.Blocks(*range))
+            m_isUbi[block] = true;
     }
 }
 
@@ -97,6 +114,23 @@ std::optional<SweepComplaint> SweepJudge::JudgeBad(const NandChip &chip, const R
         auto complaint = JudgeOrder(chip, i);
         if (complaint)
             return complaint;
+    }
+    return JudgeUbi(chip);
+}
+
+/// Compares what UBI finds in its partitions with the reference.
+std::optional<SweepComplaint> SweepJudge::JudgeUbi(const NandChip &chip) const {
+    for (const GivenToUbi &given : m_ubi) {
+        const PartitionPebs pebs = PebsOf(chip, m_flash, given.range);
+        const UbiAttachment found = Attach(chip, pebs);
+        std::string loss = AttachmentLoss(given.attachment, found);
+        if (loss.empty())
+            loss = DataLoss(given.attachment, PebsOf(m_reference.chip, m_flash, given.range), found, pebs,
+                            UbiGeometry::Of(chip));
+        if (!loss.empty())
+            return SweepComplaint{
+                given.line, "UBI on the partition of the line is not as in the reference run: " + loss,
+                "use a ubiformat that checks what it writes, and a larger partition or smaller volumes"};
     }
     return std::nullopt;
 }
@@ -111,10 +145,10 @@ std::optional<SweepComplaint> SweepJudge::JudgeFault(const NandChip &chip, const
         return std::nullopt;
     const auto block = FirstDifference(chip);
     if (!block)
-        return std::nullopt;
+        return JudgeUbi(chip);
     // An older request in place of a raw write lets the kernel add its ECC, which is no loss.
     if (HasAllData(chip))
-        return std::nullopt;
+        return JudgeUbi(chip);
     return SweepComplaint{line != 0 ? line : LineOf(*block),
                           "no failure is reported, but flash differs from a run without the fault",
                           "let the program that makes the failing request check and report the failure"};
@@ -149,9 +183,7 @@ std::optional<SweepComplaint> SweepJudge::JudgeCut(const NandChip &chip, std::si
             return complaint;
     }
     const auto block = FirstDifference(chip);
-    if (!block)
-        return std::nullopt;
-    return JudgeLoss(chip, line, *block);
+    return block ? JudgeLoss(chip, line, *block) : JudgeUbi(chip);
 }
 
 SweepComplaint SweepJudge::JudgeLoss(const NandChip &chip, std::size_t line, std::uint32_t block) const {
@@ -290,5 +322,6 @@ std::optional<std::uint32_t> SweepJudge::FirstDifference(const NandChip &chip) c
 
 bool SweepJudge::Differs(const NandChip &chip, std::uint32_t block) const {
     const bool isTouched = chip.IsTouched(block) || m_reference.chip.IsTouched(block);
-    return isTouched && (!chip.HasCellsOf(m_reference.chip, block, block) || chip.IsUnstable(block));
+    return isTouched &&
+           (chip.IsUnstable(block) || (!m_isUbi[block] && !chip.HasCellsOf(m_reference.chip, block, block)));
 }

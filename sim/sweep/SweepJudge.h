@@ -3,6 +3,7 @@
 #include "chip/ChipFile.h"
 #include "sandbox/UpdateRun.h"
 #include "sweep/ReferenceRun.h"
+#include "ubi/UbiAttach.h"
 #include "verdict/FlashRanges.h"
 #include "verdict/RunStory.h"
 
@@ -68,6 +69,7 @@ private:
     std::size_t LineOf(std::uint32_t block) const;
     std::optional<SweepComplaint> JudgeOrder(const NandChip &chip, std::size_t line) const;
     std::string LossIn(const NandChip &chip, std::uint32_t block) const;
+    std::optional<SweepComplaint> JudgeUbi(const NandChip &chip) const;
     std::optional<std::uint32_t> FirstOutside(const NandChip &chip) const;
     std::optional<std::uint32_t> FirstDifference(const NandChip &chip) const;
 
@@ -76,4 +78,13 @@ private:
     std::vector<bool>
         m_mayChange; ///< by block: in a range of the script, or changed by a program that the updater starts
     std::vector<bool> m_isEnvironment; ///< by block
+    /// Partitions that the reference gave to UBI, with the numbers of their lines. Their erase counters and the place
+    /// of each LEB depend on the state before: they are compared as UBI reads them.
+    struct GivenToUbi {
+        std::size_t line;
+        FlashRange range;
+        UbiAttachment attachment;
+    };
+    std::vector<GivenToUbi> m_ubi;
+    std::vector<bool> m_isUbi; ///< by block
 };

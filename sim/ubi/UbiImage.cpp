@@ -100,6 +100,23 @@ std::string AttachmentLoss(const UbiAttachment &wanted, const UbiAttachment &fou
     return found.volumes.size() == wanted.volumes.size() ? "" : "there are other volumes";
 }
 
+std::string DataLoss(const UbiAttachment &wanted, const PebReader &wantedPebs, const UbiAttachment &found,
+                     const PebReader &foundPebs, const UbiGeometry &geometry) {
+    for (std::size_t i = 0; i < wanted.volumes.size(); ++i) {
+        const UbiVolume &volume = wanted.volumes[i];
+        std::vector<std::uint8_t> data(volume.lebSize);
+        std::vector<std::uint8_t> other(volume.lebSize);
+        for (const auto &[number, leb] : volume.lebs) {
+            const UbiLeb &now = found.volumes[i].lebs.at(number);
+            const auto before = wantedPebs.Read(leb.peb, geometry.DataOffset(), volume.lebSize, data.data());
+            const auto after = foundPebs.Read(now.peb, geometry.DataOffset(), volume.lebSize, other.data());
+            if (data != other || (after == NandChip::ReadResult::Uncorrectable && before != after))
+                return "volume \"" + volume.name + "\" has other data in LEB " + std::to_string(number);
+        }
+    }
+    return {};
+}
+
 std::string UbifsSuperblock::Problem(const UbiVolume &volume, const UbiGeometry &geometry) const {
     const auto differs = [](const char *option, std::uint32_t found, std::uint32_t wanted) {
         return "it is made with " + std::string(option) + " " + std::to_string(found) + " and needs " +

@@ -44,6 +44,10 @@ std::vector<std::uint32_t> UnreadableLebs(const UbiVolume &volume, const PebRead
 /// @return what is wrong, without a full stop; empty when both attach with the same volumes and mapped LEBs.
 std::string AttachmentLoss(const UbiAttachment &wanted, const UbiAttachment &found);
 
+/// @return how the data of volumes differs between two partitions without an AttachmentLoss; empty when it does not.
+std::string DataLoss(const UbiAttachment &wanted, const PebReader &wantedPebs, const UbiAttachment &found,
+                     const PebReader &foundPebs, const UbiGeometry &geometry);
+
 /// What the superblock of a UBIFS file system says.
 struct UbifsSuperblock {
     std::uint32_t minIoSize = 0;   ///< bytes

@@ -67,6 +67,29 @@ TEST_F(Sweep, PassesEverywhereForAnUpdateWithRoom) {
         << m_outcome.out;
 }
 
+TEST_F(Sweep, ComparesUbiPartitionsAsUbiReadsThem) {
+    File("update/flashrig.script", "ubiformat /dev/mtd9 image\n");
+    File("update/prepare.sh", "#!/bin/sh\n");
+    File("content", Pattern(std::size_t{3} * 15360, 1));
+    File("ini", "[v]\nmode=ubi\nimage=content\nvol_id=0\nvol_type=static\nvol_name=files\nvol_size=76800\n");
+    ASSERT_EQ(Shell("PATH=$PATH:/usr/sbin; ubinize -m 512 -s 512 -p 16KiB -o update/image ini").status, 0);
+    // Erase counters and the image sequence number differ from run to run.
+    File("update/ubiformat", "#!/bin/sh\nPATH=$PATH:/usr/sbin exec ubiformat -q \"$@\"\n");
+    const std::string sweeps = "--ecc chip --sweep cut --every 30 --sweep bad --sets 2";
+    Run(sweeps);
+    EXPECT_EQ(m_outcome.status, 0) << m_outcome.out << m_outcome.err;
+    // A second run finds UBI and leaves out the image.
+    File("update/ubiformat", "#!/bin/sh\nPATH=$PATH:/usr/sbin\n[ $(head -c 3 /dev/mtd9) = UBI ] || exec ubiformat -q "
+                             "\"$@\"\nexec ubiformat -q -y /dev/mtd9\n");
+    const auto cut = Run("--ecc chip --sweep cut --every 30")[0];
+    EXPECT_EQ(m_outcome.status, 1);
+    ASSERT_GT(cut["failures"].size(), 1U) << cut;
+    EXPECT_EQ(cut["failures"][0]["line"], 1) << cut;
+    EXPECT_EQ(cut["failures"][0]["happens"],
+              "UBI on the partition of the line is not as in the reference run: volume \"files\" is lost")
+        << cut;
+}
+
 TEST_F(Sweep, NamesTheVariablesThatACutDestroys) {
     File("update/flashrig.script", "setenv 4000 4000 bootslot b\n");
     const auto sweep = Run("--sweep cut")[0];
