@@ -235,8 +235,8 @@ int Rehearse(const Options &options, const RerunWords &words) {
     for (const auto &row : kReports)
         outputs.push_back(options.*row.path);
     CheckOutputs(inputs, outputs);
+    const HeldSignals signals; // ahead of the files: whoever sees them can end the run
     Outputs files(options);
-    const HeldSignals signals;
     const TempFolder folder;
     bool hasRun = false;
     try {
