@@ -1,5 +1,6 @@
 #include "mtd/SimState.h"
 
+#include "base/Text.h"
 #include "mtd/RunSteps.h"
 #include "mtd/RunTimeline.h"
 #include "mtd/Trace.h"
@@ -388,7 +389,7 @@ std::vector<ProgramNote> SimState::ProgramNotes() const {
 
 void SimState::SetProgram(const std::string &name, bool isUpdater, std::uint32_t eraseSize) {
     m_bIsUpdater = isUpdater;
-    m_program = name;
+    m_program = VisibleText(name); // a name is any bytes; the trace is lines
     m_eraseSize = eraseSize;
 }
 

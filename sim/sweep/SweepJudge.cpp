@@ -94,6 +94,9 @@ SweepJudge::SweepJudge(const ReferenceRun &reference)
         const bool isEnvironment = reference.lines[i].kind == LineKind::SetEnv && range;
         for (const std::uint32_t block : isEnvironment ? m_flash.Blocks(*range) : std::vector<std::uint32_t>())
             m_isEnvironment[block] = true;
+        // What a later line puts there is no longer UBI's.
+        for (const std::uint32_t block : range ? m_flash.Blocks(*range) : std::vector<std::uint32_t>())
+            m_isUbi[block] = false;
         if (reference.lines[i].kind != LineKind::Ubiformat || !range)
             continue;
         UbiAttachment attachment = Attach(reference.chip, PebsOf(reference.chip, m_flash, *range));

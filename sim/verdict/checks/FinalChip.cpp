@@ -112,11 +112,8 @@ std::string CulpritText(const Difference &difference, bool areNamed) {
     if (!areNamed)
         return "";
     if (difference.changers.empty())
-        return "; no other program changed those blocks: a request of the line failed silently";
-    std::string names;
-    for (const std::string &name : difference.changers)
-        names += (names.empty() ? "" : ", ") + name;
-    return "; changed by " + names;
+        return "; no request of another program changed those blocks: one of the line may have failed silently";
+    return "; changed by " + JoinWords({difference.changers.begin(), difference.changers.end()}, ", ");
 }
 
 } // namespace
