@@ -14,8 +14,8 @@ namespace {
 constexpr unsigned kKindBits = 0x07;
 constexpr unsigned kByProgram = 0x08;
 constexpr unsigned kWithEcc = 0x10;
-constexpr unsigned kData = 0x20;
-constexpr unsigned kOob = 0x40;
+constexpr unsigned kHasData = 0x20;
+constexpr unsigned kHasOob = 0x40;
 
 RunChange ChangeOf(const RecordEntry &entry) {
     const unsigned bits = static_cast<unsigned char>(entry.bytes[0]);
@@ -23,15 +23,15 @@ RunChange ChangeOf(const RecordEntry &entry) {
             (bits & kByProgram) != 0,
             static_cast<std::uint32_t>(entry.offset),
             (bits & kWithEcc) != 0,
-            (bits & kData) != 0,
-            (bits & kOob) != 0};
+            (bits & kHasData) != 0,
+            (bits & kHasOob) != 0};
 }
 
 } // namespace
 
 std::string RunChange::Line() const {
     const unsigned bits = static_cast<unsigned>(kind) | (isByProgram ? kByProgram : 0) | (withEcc ? kWithEcc : 0) |
-                          (hasData ? kData : 0) | (hasOob ? kOob : 0);
+                          (hasData ? kHasData : 0) | (hasOob ? kHasOob : 0);
     const auto byte = static_cast<unsigned char>(bits);
     return RecordLine(RecordKind::Change, &byte, sizeof byte, place);
 }

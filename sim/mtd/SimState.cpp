@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr char kMagic[16] = "flashsim run 02";
+constexpr char kRunMagic[16] = "flashsim run 02";
 constexpr std::size_t kMaxDevices = 32;
 constexpr std::size_t kMaxFaults = 64;
 constexpr std::size_t kMaxName = 63;
@@ -62,7 +62,7 @@ void Store(char (&to)[kMaxNoteText + 1], const std::string &text) {
 
 /// What the file holds; the trace follows it.
 struct SimState::Shared {
-    char magic[sizeof kMagic];
+    char magic[sizeof kRunMagic];
     std::uint64_t cutAtChange;
     Extent cutExtent;
     SimSettings::Record record;
@@ -139,7 +139,7 @@ void SimState::Create(const std::string &path, const SimSettings &settings) {
     auto *shared = reinterpret_cast<Shared *>(file.Data());
     shared->Begin(settings);
     shared->traceLimit = settings.traceLimit;
-    std::memcpy(shared->magic, kMagic, sizeof kMagic);
+    std::memcpy(shared->magic, kRunMagic, sizeof kRunMagic);
 }
 
 void SimState::Restart(const SimSettings &settings) {
@@ -152,7 +152,8 @@ void SimState::Restart(const SimSettings &settings) {
 
 SimState::SimState(const std::string &path)
     : m_file(SharedFile::Open(path)), m_shared(reinterpret_cast<Shared *>(m_file.Data())) {
-    const bool known = m_file.Size() >= sizeof(Shared) && std::memcmp(m_shared->magic, kMagic, sizeof kMagic) == 0 &&
+    const bool known = m_file.Size() >= sizeof(Shared) &&
+                       std::memcmp(m_shared->magic, kRunMagic, sizeof kRunMagic) == 0 &&
                        m_file.Size() - sizeof(Shared) == m_shared->traceLimit && m_shared->deviceCount <= kMaxDevices &&
                        m_shared->faultCount <= kMaxFaults;
     if (!known)

@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr const char *kDigits = "0123456789abcdef";
+constexpr const char *kHexDigits = "0123456789abcdef";
 
 char ValueOf(char digit) { return static_cast<char>(digit <= '9' ? digit - '0' : digit - 'a' + 10); }
 
@@ -25,8 +25,8 @@ std::string RecordLine(RecordKind kind, const void *bytes, std::size_t length, s
     line.reserve(line.size() + 2 * length);
     const auto *byte = static_cast<const unsigned char *>(bytes);
     for (std::size_t i = 0; i < length; ++i) {
-        line += kDigits[byte[i] / 16];
-        line += kDigits[byte[i] % 16];
+        line += kHexDigits[byte[i] / 16];
+        line += kHexDigits[byte[i] % 16];
     }
     return line;
 }

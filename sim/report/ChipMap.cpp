@@ -12,7 +12,7 @@ namespace {
 
 constexpr size_t kAddressWidth = 12;
 constexpr size_t kFewestCells = 16;
-constexpr size_t kMostCells = 128;
+constexpr size_t kMostCellsOfRow = 128;
 /// Cells between two marks of the scale; a gap follows.
 constexpr size_t kSection = 16;
 /// Chips that need more rows are drawn in groups of blocks, to be seen at once.
@@ -22,7 +22,7 @@ using Cell = std::vector<size_t>::const_iterator;
 
 size_t RowWidth(size_t cells) { return kAddressWidth + cells + (cells - 1) / kSection; }
 
-std::string Hex(const char *format, std::uint64_t number) {
+std::string FormatNumber(const char *format, std::uint64_t number) {
     char text[32];
     snprintf(text, sizeof(text), format, static_cast<unsigned long long>(number));
     return text;
@@ -56,7 +56,7 @@ std::string Scale(size_t cells, std::uint64_t bytesOfACell) {
     std::string text(kAddressWidth, ' ');
     for (size_t cell = 0; cell < cells; cell += kSection) {
         text.resize(RowWidth(cell + 1) - 1, ' ');
-        text += cell == 0 ? "+0" : Hex("+0x%llx", cell * bytesOfACell);
+        text += cell == 0 ? "+0" : FormatNumber("+0x%llx", cell * bytesOfACell);
     }
     return text + "\n";
 }
@@ -91,7 +91,7 @@ ChipMap::ChipMap(std::vector<BlockMark> marks, std::uint32_t eraseSize)
 std::string ChipMap::Text(size_t width, bool inColour) const {
     // Powers of two give rows and cells round addresses.
     size_t columns = kFewestCells;
-    while (columns < kMostCells && RowWidth(columns * 2) <= width && columns < m_marks.size())
+    while (columns < kMostCellsOfRow && RowWidth(columns * 2) <= width && columns < m_marks.size())
         columns *= 2;
     size_t group = 1;
     while ((m_marks.size() + group * columns - 1) / (group * columns) > kMostRows)
@@ -103,7 +103,7 @@ std::string ChipMap::Text(size_t width, bool inColour) const {
     for (size_t cell = 0; cell < cells.size(); cell += columns) {
         const Cell row = cells.begin() + static_cast<std::ptrdiff_t>(cell);
         const Cell end = row + static_cast<std::ptrdiff_t>(std::min(columns, cells.size() - cell));
-        text += Hex("0x%08llx  ", cell * bytesOfACell) + PaintRow(row, end, inColour);
+        text += FormatNumber("0x%08llx  ", cell * bytesOfACell) + PaintRow(row, end, inColour);
     }
 
     const auto counts = CountMarks(m_marks);

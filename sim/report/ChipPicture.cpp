@@ -64,17 +64,18 @@ constexpr LineLook kLineLooks[] = {{"carried out", "M1 5l3 4l5 -8", "#1a7f37", "
                                    {"never ran", "M1 5h8", "#59636e", "#9198a1"}};
 
 /// A property of a class of elements, for either background.
-struct Paint {
+struct PaintRule {
     const char *elements;
     const char *property;
     const char *light;
     const char *dark;
 };
-constexpr Paint kPaints[] = {{".paper", "fill", "#ffffff", "#0d1117"},   {".gap", "stroke", "#ffffff", "#0d1117"},
-                             {"text", "fill", "#1f2328", "#e6edf3"},     {".dim", "fill", "#59636e", "#9198a1"},
-                             {".rule", "stroke", "#d8dee4", "#30363d"},  {".range", "fill", "#cfd6de", "#3d4650"},
-                             {".range", "stroke", "#6e7781", "#8b949e"}, {".image", "fill", "#57606a", "#9aa4ae"},
-                             {".lost", "stroke", "#d1242f", "#ff5c50"},  {".curve", "stroke", "#1f6fd0", "#5aa7ff"}};
+constexpr PaintRule kPaints[] = {
+    {".paper", "fill", "#ffffff", "#0d1117"},   {".gap", "stroke", "#ffffff", "#0d1117"},
+    {"text", "fill", "#1f2328", "#e6edf3"},     {".dim", "fill", "#59636e", "#9198a1"},
+    {".rule", "stroke", "#d8dee4", "#30363d"},  {".range", "fill", "#cfd6de", "#3d4650"},
+    {".range", "stroke", "#6e7781", "#8b949e"}, {".image", "fill", "#57606a", "#9aa4ae"},
+    {".lost", "stroke", "#d1242f", "#ff5c50"},  {".curve", "stroke", "#1f6fd0", "#5aa7ff"}};
 constexpr const char *kShapes = "text{font:13px system-ui,'DejaVu Sans',Helvetica,Arial,sans-serif}"
                                 ".big{font-size:18px;font-weight:600}.head{font-size:14px;font-weight:600}"
                                 ".code{font:12px ui-monospace,'DejaVu Sans Mono',Menlo,Consolas,monospace}"
@@ -94,9 +95,9 @@ std::string At(double x, double y) { return Num(x) + " " + Num(y); }
 std::string Class(const char *name, std::size_t place) { return name + std::to_string(place); }
 
 /// The style sheet for one background.
-std::string Colours(const char *Paint::*ofPaint, const char *LineLook::*ofLine, const char *MarkLook::*ofMark) {
+std::string Colours(const char *PaintRule::*ofPaint, const char *LineLook::*ofLine, const char *MarkLook::*ofMark) {
     std::string text;
-    for (const Paint &paint : kPaints)
+    for (const PaintRule &paint : kPaints)
         text += std::string(paint.elements) + "{" + paint.property + ":" + paint.*ofPaint + "}";
     for (std::size_t place = 0; place < std::size(kLineLooks); ++place)
         text += Class(".line", place) + "{stroke:" + kLineLooks[place].*ofLine + "}";
@@ -178,9 +179,9 @@ public:
         const std::string size = " width=\"" + Num(kWidth) + "\" height=\"" + Num(m_y) + "\"";
         return "<svg xmlns=\"http://www.w3.org/2000/svg\"" + size + " viewBox=\"0 0 " + At(kWidth, m_y) +
                "\" role=\"img\">\n<title>" + Title() + "</title>\n<style>" + kShapes +
-               Colours(&Paint::light, &LineLook::light, &MarkLook::light) + "\n@media (prefers-color-scheme:dark){" +
-               Colours(&Paint::dark, &LineLook::dark, &MarkLook::dark) + "}</style>\n<rect class=\"paper\"" + size +
-               "/>\n" + m_body + "</svg>\n";
+               Colours(&PaintRule::light, &LineLook::light, &MarkLook::light) +
+               "\n@media (prefers-color-scheme:dark){" + Colours(&PaintRule::dark, &LineLook::dark, &MarkLook::dark) +
+               "}</style>\n<rect class=\"paper\"" + size + "/>\n" + m_body + "</svg>\n";
     }
 
 private:

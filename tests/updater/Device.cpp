@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char *kChip = "1M,16K,512,16";
+constexpr const char *kChipOptions = "1M,16K,512,16";
 
 std::string Quoted(const std::string &text) {
     std::string quoted = "'";
@@ -121,7 +121,7 @@ Outcome Device::RunImage(const std::string &image, const std::vector<std::string
 
 Outcome Device::Start(const std::string &update, const std::vector<std::string> &arguments) {
     std::vector<std::string> command = {FLASHSIM,  "--raw",
-                                        "--chip",  kChip,
+                                        "--chip",  kChipOptions,
                                         "--flash", m_sFolder + "/flash",
                                         "--root",  m_sFolder + "/root",
                                         "--trace", m_sFolder + "/trace"};

@@ -5,7 +5,7 @@
 namespace {
 
 constexpr std::size_t kRecord = Device::kPage + Device::kOob;
-constexpr std::size_t kPages = 32;
+constexpr std::size_t kRawPages = 32;
 
 } // namespace
 
@@ -14,7 +14,7 @@ TEST(WriteOob, PutsADumpedChipBackAroundOtherBadBlocks) {
     source.UseUp();
     source.File("image", Pattern(3 * Device::kBlock, 1));
     source.Run("write 0 14000 image\n");
-    const std::string dump = source.Raw(0, kPages) + source.Raw(2 * kPages, 2 * kPages);
+    const std::string dump = source.Raw(0, kRawPages) + source.Raw(2 * kRawPages, 2 * kRawPages);
 
     Device device("3,4");
     device.UseUp();
@@ -26,7 +26,7 @@ TEST(WriteOob, PutsADumpedChipBackAroundOtherBadBlocks) {
                                "erase complete\n offset=8000 size=14000\n" + bad +
                                "warning : file read datasize = 0, pending to pagesize = 512\n"
                                "write file complete\n read size = 50688\n");
-    EXPECT_EQ(device.Raw(2 * kPages, kPages) + device.Raw(5 * kPages, 2 * kPages), dump);
+    EXPECT_EQ(device.Raw(2 * kRawPages, kRawPages) + device.Raw(5 * kRawPages, 2 * kRawPages), dump);
     EXPECT_EQ(outcome.Only({"MEMWRITE"}).front(),
               "MEMWRITE mtd12 start=0x8000 len=512 ooblen=16 data=set oob=set mode=2 = 0");
 }
@@ -46,7 +46,7 @@ TEST(WriteOob, GivesAShortRecordTheTailOfTheOneBefore) {
               "warning : file read datasize = 0, pending to pagesize = 512\n"
               "write file complete\n read size = 100\n");
     EXPECT_EQ(device.Raw(0, 2), image.substr(0, kRecord) + image.substr(kRecord) + image.substr(100, kRecord - 100));
-    EXPECT_EQ(device.Raw(kPages, 1), image.substr(0, 100) + std::string(kRecord - 100, '\xFF'));
+    EXPECT_EQ(device.Raw(kRawPages, 1), image.substr(0, 100) + std::string(kRecord - 100, '\xFF'));
 }
 
 TEST(WriteOob, EndsLikeWriteAtFailuresAndAtTheEndOfTheFile) {
@@ -70,13 +70,13 @@ TEST(WriteOob, EndsLikeWriteAtFailuresAndAtTheEndOfTheFile) {
          "erase complete\n offset=8000 size=4000\nerror : write page return -1\n",
          ""},
         {"8000 4000 image",
-         (kPages + 1) * kRecord,
+         (kRawPages + 1) * kRecord,
          {},
          "erase complete\n offset=8000 size=4000\nerror : file outruns the erased range at c000\n",
          "100\n"},
-        {"f8000 8000 image", 2 * kPages * kRecord, {}, "erase complete\n offset=f8000 size=8000\n", "50\n100\n"},
+        {"f8000 8000 image", 2 * kRawPages * kRecord, {}, "erase complete\n offset=f8000 size=8000\n", "50\n100\n"},
         {"0 4000 image",
-         kPages * kRecord,
+         kRawPages * kRecord,
          {},
          "erase complete\n offset=0 size=4000\nwarning : file read datasize = 0, pending to pagesize = 512\n"
          "write file complete\n read size = 16896\n",

@@ -18,7 +18,7 @@ constexpr std::int64_t kBlock = 0x4000;
 constexpr std::int64_t kPage = 512;
 constexpr std::int64_t kOob = 16;
 constexpr std::int64_t kSize = 3 * kBlock;
-constexpr NandGeometry kGeometry = {5 * kBlock, kBlock, kPage, kOob};
+constexpr NandGeometry kFlash = {5 * kBlock, kBlock, kPage, kOob};
 
 struct PowerIsOff {
     std::uint64_t offset;
@@ -62,10 +62,10 @@ protected:
     static std::uint64_t Address(const void *data) { return reinterpret_cast<std::uintptr_t>(data); }
     const std::uint8_t *OobOfPage(std::uint32_t page) { return chip.Cells(kBlock / kPage + page) + kPage; }
 
-    std::vector<std::uint8_t> cells = std::vector<std::uint8_t>(kGeometry.RawSize());
-    std::vector<std::uint8_t> pages = std::vector<std::uint8_t>(kGeometry.Pages());
-    std::vector<std::uint8_t> blocks = std::vector<std::uint8_t>(kGeometry.Blocks());
-    NandChip chip = NandChip(kGeometry, Ecc::Host, {cells.data(), pages.data(), blocks.data()});
+    std::vector<std::uint8_t> cells = std::vector<std::uint8_t>(kFlash.RawSize());
+    std::vector<std::uint8_t> pages = std::vector<std::uint8_t>(kFlash.Pages());
+    std::vector<std::uint8_t> blocks = std::vector<std::uint8_t>(kFlash.Blocks());
+    NandChip chip = NandChip(kFlash, Ecc::Host, {cells.data(), pages.data(), blocks.data()});
     Notebook events;
     MtdCounters counters = {};
     PageCache cache = {{PageCache::kNone}, {0}};

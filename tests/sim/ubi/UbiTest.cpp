@@ -22,7 +22,7 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-constexpr UbiGeometry kGeometry = kUbiChip;
+constexpr UbiGeometry kUbiGeometry = kUbiChip;
 
 /// The images of make-images, made once.
 const Bytes &Image(const std::string &name) {
@@ -93,7 +93,7 @@ TEST(Ubi, TellsVolumesReserveAndRoomOfAWholeImage) {
     EXPECT_TRUE(data.isStatic);
     EXPECT_EQ(data.reservedPebs, 4U);
     EXPECT_EQ(data.dataBytes, 200000U);
-    EXPECT_TRUE(DamagedLebs(data, memory.Pebs(), kGeometry).empty());
+    EXPECT_TRUE(DamagedLebs(data, memory.Pebs(), kUbiGeometry).empty());
 }
 
 TEST(Ubi, CountsThePebsForBadBlocksOverTheWholeChip) {
@@ -139,15 +139,15 @@ TEST(Ubi, FindsWhatIsWrongWithTheContentsOfVolumes) {
     image[5UL * 131072 + 2048 + 100] ^= 0x80; // static volume, LEB 0
     MemoryChip memory(128);
     memory.Write(image);
-    const Bytes zeros(kGeometry.pageSize, 0);
+    const Bytes zeros(kUbiGeometry.pageSize, 0);
     NandChip::PageProgram program;
     program.data = zeros.data();
-    program.length = kGeometry.pageSize;
+    program.length = kUbiGeometry.pageSize;
     memory.chip.Program(3 * 64 + 10, program); // dynamic volume, LEB 1
     const UbiAttachment ubi = memory.Attach();
     ASSERT_TRUE(ubi.IsAttached()) << ubi.reason;
-    EXPECT_EQ(DamagedLebs(ubi.volumes[1], memory.Pebs(), kGeometry), (std::vector<std::uint32_t>{0}));
-    EXPECT_EQ(UnreadableLebs(ubi.volumes[0], memory.Pebs(), kGeometry), (std::vector<std::uint32_t>{1}));
+    EXPECT_EQ(DamagedLebs(ubi.volumes[1], memory.Pebs(), kUbiGeometry), (std::vector<std::uint32_t>{0}));
+    EXPECT_EQ(UnreadableLebs(ubi.volumes[0], memory.Pebs(), kUbiGeometry), (std::vector<std::uint32_t>{1}));
     EXPECT_EQ(ubi.pebs.unsound, 0U);
     memory.chip.Program(3 * 64, program);
     EXPECT_EQ(memory.Attach().pebs.unsound, 1U);
@@ -156,10 +156,10 @@ TEST(Ubi, FindsWhatIsWrongWithTheContentsOfVolumes) {
 TEST(Ubi, ReadsTheSuperblockOfUbifs) {
     const auto problem = [](const char *name, std::uint32_t pebs) {
         const Bytes &image = Image(name);
-        const ImagePebs reader(image.data(), image.size(), kGeometry.pebSize, pebs);
-        const UbiAttachment ubi = AttachUbi(reader, kGeometry, {2048, 20});
-        const auto super = ReadUbifs(ubi.volumes.at(0), reader, kGeometry);
-        return super ? super->Problem(ubi.volumes[0], kGeometry) : "none";
+        const ImagePebs reader(image.data(), image.size(), kUbiGeometry.pebSize, pebs);
+        const UbiAttachment ubi = AttachUbi(reader, kUbiGeometry, {2048, 20});
+        const auto super = ReadUbifs(ubi.volumes.at(0), reader, kUbiGeometry);
+        return super ? super->Problem(ubi.volumes[0], kUbiGeometry) : "none";
     };
     EXPECT_EQ(problem("files", 128), "");
     EXPECT_EQ(problem("subless", 128), "it is made with -e 126976 and needs 129024");
@@ -182,9 +182,9 @@ TEST(Ubi, LooksAtAnImageByItself) {
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         const Bytes &bytes = Image(row.name);
-        const UbiImage image = ReadUbiImage(bytes.data(), bytes.size(), kGeometry);
+        const UbiImage image = ReadUbiImage(bytes.data(), bytes.size(), kUbiGeometry);
         EXPECT_EQ(image.isUbi, row.isUbi);
-        EXPECT_EQ(FitsChip(image, kGeometry), row.fits);
+        EXPECT_EQ(FitsChip(image, kUbiGeometry), row.fits);
         EXPECT_EQ(image.isWhole, row.isWhole);
         EXPECT_EQ(image.vidHeaderOffset, row.vidHeaderOffset);
         EXPECT_EQ(image.dataOffset, row.dataOffset);
@@ -192,14 +192,14 @@ TEST(Ubi, LooksAtAnImageByItself) {
     }
     Bytes torn = Image("two");
     torn[4UL * 131072] ^= 0x01;
-    EXPECT_EQ(ReadUbiImage(torn.data(), torn.size(), kGeometry).damagedPebs, (std::vector<std::uint32_t>{4}));
+    EXPECT_EQ(ReadUbiImage(torn.data(), torn.size(), kUbiGeometry).damagedPebs, (std::vector<std::uint32_t>{4}));
 }
 
 TEST(Ubi, RefusesTheVolumeTableThatPanicsTheKernel) {
     const UbiPatch third{UbiPlace::VidHeader, 1, 15, 0x03, true};
     const Bytes image = Patched(Image("two"), {"", "", {third}, 0, false, 0, ""});
     const UbiAttachment ubi =
-        AttachUbi(ImagePebs(image.data(), image.size(), kGeometry.pebSize, 128), kGeometry, {2048, 20});
+        AttachUbi(ImagePebs(image.data(), image.size(), kUbiGeometry.pebSize, 128), kUbiGeometry, {2048, 20});
     EXPECT_EQ(ubi.reason, "the volume table has a LEB that isn't 0 or 1");
 }
 
@@ -225,8 +225,8 @@ std::string Told(const std::string &line, const Bytes &image, const Bytes &writt
     RunRecord record;
     record.script = line + "\n";
     record.devices = {{0, "all", 0, memory.geometry.size},
-                      {8, "tiny", 0, 3UL * kGeometry.pebSize},
-                      {9, "opt", std::uint64_t{kFirstBlock} * kGeometry.pebSize, 128UL * kGeometry.pebSize}};
+                      {8, "tiny", 0, 3UL * kUbiGeometry.pebSize},
+                      {9, "opt", std::uint64_t{kFirstBlock} * kUbiGeometry.pebSize, 128UL * kUbiGeometry.pebSize}};
     record.files = {{"one", static_cast<std::int64_t>(image.size())}};
     record.contents["one"].assign(image.begin(), image.end());
     record.out = "prepare ubi ...\nexecute /bin/sh status 0\nexecute /tmp/update/ubiformat status 0\n"
@@ -253,11 +253,11 @@ TEST(Ubi, IsJudgedBeforeAndAfterTheRun) {
     const Bytes marked = Patched(damaged({UbiPlace::Record, 0, 13, 0x01, true}),
                                  {"", "", {{UbiPlace::Record, 1, 13, 0x01, true}}, 0, false, 0, ""});
     Bytes gap = two;
-    std::fill_n(gap.begin() + 3L * kGeometry.pebSize + 512, 64, 0xFF);
+    std::fill_n(gap.begin() + 3L * kUbiGeometry.pebSize + 512, 64, 0xFF);
     const Bytes torn(two.begin(), two.end() - 2048);
-    const Bytes tornInHeader(two.begin(), two.end() - kGeometry.pebSize + 512);
+    const Bytes tornInHeader(two.begin(), two.end() - kUbiGeometry.pebSize + 512);
     Bytes wrongData = two;
-    wrongData[5UL * kGeometry.pebSize + 2048] ^= 0x01;
+    wrongData[5UL * kUbiGeometry.pebSize + 2048] ^= 0x01;
     const Bytes noise = Image("noise");
     EXPECT_EQ(Told(format, two, two), "");
     EXPECT_EQ(Told(format, two, {}), "ubi-untouched ");
@@ -288,7 +288,7 @@ TEST(Ubi, IsJudgedBeforeAndAfterTheRun) {
 TEST(Ubi, TellsWhatAPartitionLostAgainstAnother) {
     const auto attach = [](const std::string &image, const std::vector<UbiPatch> &patches) {
         const Bytes bytes = Patched(Image(image), {"", "", patches, 0, false, 0, ""});
-        return AttachUbi(ImagePebs(bytes.data(), bytes.size(), kGeometry.pebSize, 128), kGeometry, {2048, 20});
+        return AttachUbi(ImagePebs(bytes.data(), bytes.size(), kUbiGeometry.pebSize, 128), kUbiGeometry, {2048, 20});
     };
     const UbiAttachment two = attach("two", {});
     const auto inBoth = [](std::uint32_t offset, std::uint8_t flipped) {
@@ -322,7 +322,7 @@ TEST(Ubi, TakesAnyBytes) {
         }
         image = Patched(image, damage);
         image.resize(random() % 4 == 0 ? random() % image.size() : image.size());
-        const UbiGeometry geometry{random() % 8 == 0 ? 1024U : kGeometry.pebSize, 512U << random() % 3, 512};
+        const UbiGeometry geometry{random() % 8 == 0 ? 1024U : kUbiGeometry.pebSize, 512U << random() % 3, 512};
         const ImagePebs reader(image.data(), image.size(), geometry.pebSize, 64);
         const UbiAttachment ubi = AttachUbi(reader, geometry, {2048, 20});
         EXPECT_EQ(ubi.IsAttached(), ubi.reason.empty());

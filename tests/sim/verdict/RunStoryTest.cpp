@@ -28,7 +28,7 @@ std::string Follow(const std::string &script, const std::string &out, const std:
 }
 
 std::string Begun(const std::string &name) { return "write /u/" + name + " to flash address 0\nerase complete\n"; }
-const std::string kDone = "write file complete\n";
+const std::string kWriteDone = "write file complete\n";
 const std::string kFailedErase = "error : erase failed at 0\n";
 const std::string kBadBlock = "warning : skip bad block at 0\n";
 const std::string kUbi = "ubiformat /u/i to <MTD> /dev/mtd9\n";
@@ -50,10 +50,10 @@ TEST(RunStory, GivesEachMessageToItsLine) {
         {"setenv a b\nsetenv 0 1 a b", "write a = b to env\n" + kBadBlock + "write a = b to env\n",
          "C\nC [warning : skip bad block at 0]\n"},
         // A write ends with its own message, or silently at the end of the flash.
-        {"write 0 1 i\nerase 0 1", Begun("i") + kBadBlock + kDone + kBadBlock + "erase complete\n",
+        {"write 0 1 i\nerase 0 1", Begun("i") + kBadBlock + kWriteDone + kBadBlock + "erase complete\n",
          "C+ [warning : skip bad block at 0]\nC [warning : skip bad block at 0]\n"},
         {"write 0 1 i\nerase 0 1", Begun("i") + "erase complete\n", "C\nC\n"},
-        {"write 0 1 i\nwrite 0 1 j", Begun("i") + Begun("j") + kDone, "C\nC+\n"},
+        {"write 0 1 i\nwrite 0 1 j", Begun("i") + Begun("j") + kWriteDone, "C\nC+\n"},
         {"write 0 1 i", Begun("i"), "C\n"},
         {"write 0 1 i\nerase 0 1", Begun("i"), "F\nN\n"},
         {"write 0 1 i", Begun("i") + "error : write page return -1\n", "F error : write page return -1\n"},
@@ -61,10 +61,10 @@ TEST(RunStory, GivesEachMessageToItsLine) {
         {"write 0 1 i", "write /u/i to flash address 0\n" + kFailedErase + "erase complete\n",
          "F error : erase failed at 0\n"},
         {"write 0 0 i", Begun("i"), "F\n"},
-        {"writeoob a0 1 i", "write /u/i to flash address a0\nerase complete\n" + kDone, "C+\n"},
+        {"writeoob a0 1 i", "write /u/i to flash address a0\nerase complete\n" + kWriteDone, "C+\n"},
         // A write of another address or another file is another line's.
-        {"write 10 1 i", Begun("i") + kDone, "N\n"},
-        {"write 0 1 i", Begun("j") + kDone, "N\n"},
+        {"write 10 1 i", Begun("i") + kWriteDone, "N\n"},
+        {"write 0 1 i", Begun("j") + kWriteDone, "N\n"},
         // Skipped lines. The updater names unknown ones once when it counts, and again when it comes to them.
         {"burn\nerase 0 1", "Unknown script command burn\nUnknown script command burn\nerase complete\n",
          "S Unknown script command burn\nC\n"},
@@ -121,7 +121,7 @@ TEST(RunStory, FollowsUbiformatByBothStreams) {
 TEST(RunStory, TakesTheLineInProgressOfACutRunForFailed) {
     EXPECT_EQ(Follow("erase 0 1\nerase 0 1\nerase 0 1", kStart, "erase complete\n", true), "C\nF\nN\n");
     EXPECT_EQ(Follow("write 0 1 i", kStart, Begun("i"), true), "F\n");
-    EXPECT_EQ(Follow("write 0 1 i", kStart, Begun("i") + kDone, true), "C+\n");
+    EXPECT_EQ(Follow("write 0 1 i", kStart, Begun("i") + kWriteDone, true), "C+\n");
     EXPECT_EQ(Follow("erase 0 1", kStart, kFailedErase, true), "F error : erase failed at 0\n");
 }
 
