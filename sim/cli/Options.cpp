@@ -77,6 +77,15 @@ std::string CheckUpdate(const std::string &path) {
                                                                : path + " is neither a file nor a folder";
 }
 
+std::string CheckHistory(const std::string &list) {
+    for (const std::string &release : SplitList(list)) {
+        const std::string problem = CheckUpdate(release);
+        if (!problem.empty())
+            return problem;
+    }
+    return list.empty() ? "a history names no release" : "";
+}
+
 std::string CheckRoot(const std::string &path) {
     if (!fs::is_directory(path))
         return path + " is not a folder";
@@ -161,6 +170,9 @@ constexpr OptionRow kOptions[] = {
 
     {kChip, "--after", "UPDATE", &Options::after, Rerun::Repeated,
      "an earlier release that has run on a new chip; may be repeated", CheckUpdate},
+    {kChip, "--history", "UPDATE,...", &Options::histories, Rerun::Omitted,
+     "earlier releases of an upgrade path, as several --after; may be repeated: one verdict for each path",
+     CheckHistory},
     {kSandbox, "--mtd", "N:NAME[:OFFSET,SIZE]", &Options::devices, Rerun::Repeated,
      "an MTD device [0:boot 1:kernel 9:opt 12:all]"},
     {kSandbox, "--no-sysfs", "LIST", &Options::missingSysfs, Rerun::Repeated,
@@ -320,6 +332,8 @@ void Declare(CLI::App &app, Options &options) {
 void CheckTogether(const CLI::App &app, const Options &options) {
     if (!options.sweeps.empty() && (options.isRaw || !options.cut.empty()))
         throw std::invalid_argument("--sweep goes with neither --raw nor --cut");
+    if (!options.histories.empty() && (options.isRaw || !options.after.empty() || !options.flash.empty()))
+        throw std::invalid_argument("--history begins on a new chip: it goes with neither --after, --flash nor --raw");
     if (options.isCompared && (options.board.empty() || options.isRaw))
         throw std::invalid_argument("--compare needs --board, and goes without --raw");
     if (!options.sweeps.empty() && !options.board.empty())
@@ -407,6 +421,26 @@ std::vector<std::string> ExpandSweep(const std::vector<std::string> &words) {
 }
 
 } // namespace
+
+CommandLine ForHistory(CommandLine line, std::size_t history) {
+    Options &options = line.options;
+    options.after = SplitList(options.histories[history]);
+    std::string words;
+    for (const std::string &release : options.after)
+        words += " --after " + ShellWord(release);
+    line.rerun.options += words;
+    line.rerun.run.insert(std::strlen("flashsim"), words);
+    std::string *const files[] = {&options.trace, &options.report,      &options.sarif, &options.junit,
+                                  &options.map,   &options.codeQuality, &options.html};
+    for (std::string *file : files) {
+        fs::path path = *file;
+        if (file->empty() || options.histories.size() == 1)
+            continue;
+        path.replace_extension("." + std::to_string(history + 1) + path.extension().string());
+        *file = path;
+    }
+    return line;
+}
 
 CommandLine ReadCommandLine(const std::vector<std::string> &given) {
     const std::vector<std::string> words = ExpandSweep(given);

@@ -3,6 +3,7 @@
 #include "base/Workers.h"
 #include "report/SweepReport.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -20,6 +21,7 @@ struct Options {
     std::string flash;
     bool isUsed = false;
     std::vector<std::string> after;
+    std::vector<std::string> histories; ///< lists of earlier releases: each is an upgrade path of its own
 
     // The sandbox.
     std::vector<std::string> devices;
@@ -82,6 +84,9 @@ struct CommandLine {
     RerunWords rerun;   ///< what a sweep's rerun command repeats
     std::string notice; ///< text of --help, --version or --completion; when there is one, nothing else has been read
 };
+
+/// @return the command line for one of its histories, with files of that history's number when there are several.
+CommandLine ForHistory(CommandLine line, std::size_t history);
 
 /// Reads and checks the words after the program's name.
 /// @throws std::exception with one line about the first word that is wrong

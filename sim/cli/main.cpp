@@ -337,6 +337,26 @@ int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &wor
     return isJudged && verdict.IsClean() && hasPassed && isSame ? kClean : kFindings;
 }
 
+/// Rehearses the update after each history of the command line, and lists the verdicts of these upgrade paths.
+int RehearseHistories(const CommandLine &line) {
+    int worst = kClean;
+    std::string verdicts;
+    for (std::size_t i = 0; i < line.options.histories.size(); ++i) {
+        const CommandLine path = ForHistory(line, i);
+        const std::string name =
+            "upgrade path " + VisibleText(JoinWords(path.options.after, ", ") + ", " + line.options.update) + ": ";
+        printf("\n%s\n", name.c_str());
+        fflush(stdout);
+        const int status = Rehearse(path.options, path.rerun);
+        verdicts += name + (status == kClean ? "clean" : "NOT clean") + "\n";
+        worst = std::max(worst, status);
+    }
+    printf("\n%s", verdicts.c_str());
+    if (fflush(stdout) != 0)
+        throw std::runtime_error("can't write to standard output");
+    return worst;
+}
+
 /// Whatever the caller left to this process: with SIGCHLD ignored there is no waiting for a child, and a file that got
 /// the number of a closed standard stream would receive output.
 void NormalizeProcess() {
@@ -360,7 +380,7 @@ int main(int argc, char *argv[]) {
             return Diff({words.begin() + 1, words.end()});
         const CommandLine line = ReadCommandLine(words);
         if (line.notice.empty())
-            return Rehearse(line.options, line.rerun);
+            return line.options.histories.empty() ? Rehearse(line.options, line.rerun) : RehearseHistories(line);
         printf("%s", line.notice.c_str());
         return kClean;
     } catch (const std::system_error &failure) {

@@ -281,6 +281,16 @@ TEST_F(Sweep, PairsTroublesAndStartsFromEarlierReleases) {
     }
     Shell(std::string("flashsim") + kChip + "--flash new.nand --after old --raw old");
     EXPECT_NE(ReadAll(m_folder / "new.nand").find("version=1"), std::string::npos);
+    // The release after the old one has erased the environment.
+    File("erasing/flashrig.script", "erase 4000 4000\n");
+    const Outcome paths = Shell(std::string("flashsim") + kChip +
+                                "--used --history old --history old,erasing --report paths.json update quiet");
+    EXPECT_EQ(paths.status, 1);
+    EXPECT_NE(paths.out.find("\nupgrade path old, update: clean\nupgrade path old, erasing, update: NOT clean\n"),
+              std::string::npos)
+        << paths.out << paths.err;
+    EXPECT_NE(ReadAll(m_folder / "paths.1.json").find("\"clean\""), std::string::npos);
+    EXPECT_NE(ReadAll(m_folder / "paths.2.json").find("environment-absent"), std::string::npos);
 }
 
 TEST_F(Sweep, EndsAtASignalWithTheResultSoFar) {
