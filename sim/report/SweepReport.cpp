@@ -53,15 +53,16 @@ std::string KeptChip(const SweepCase &what, std::size_t number) {
     return "cut" + std::to_string(what.cutAtChange) + state + ".nand";
 }
 
-/// @return the command for the first run of a case; power cuts keep their chip in a file.
-std::string FirstCommand(const RerunWords &words, const SweepCase &what, const std::string &chip) {
+/// @return the command for the first run of a case.
+/// @param keepsChip whether the command keeps its chip in a file
+std::string FirstCommand(const RerunWords &words, const SweepCase &what, const std::string &chip, bool keepsChip) {
     std::string command = "flashsim" + words.options;
     std::string copy;
     if (words.flash.empty())
         command += " --used";
     else
         copy = "cp " + words.flash + " " + chip + " && cp " + words.flash + ".chip " + chip + ".chip && ";
-    if (!words.flash.empty() || what.cutAtChange != 0)
+    if (!words.flash.empty() || keepsChip)
         command += " --flash " + chip;
     std::vector<std::uint32_t> bad = words.bad;
     bad.insert(bad.end(), what.badBlocks.begin(), what.badBlocks.end());
@@ -106,8 +107,9 @@ void AddShard(ordered_json &whole, const ordered_json &part) {
 
 std::string RerunCommand(const RerunWords &words, const SweepFailure &failure) {
     const std::string chip = KeptChip(failure.what, failure.number);
-    std::string first = FirstCommand(words, failure.what, chip);
-    if (failure.what.cutAtChange == 0)
+    const bool hasSecond = failure.what.cutAtChange != 0 || failure.isOfSecondRun;
+    std::string first = FirstCommand(words, failure.what, chip, hasSecond);
+    if (!hasSecond)
         return first;
     const std::string again = "; flashsim" + words.options + " --flash " + chip;
     const PowerCut second = {failure.what.secondCutAtChange, failure.what.cutExtent};
@@ -156,7 +158,7 @@ std::string SweepText(const SweepResult &result, const RerunWords &words, const 
                             (gap.last == gap.first.cutAtChange ? "" : " and up to change " + std::to_string(gap.last)) +
                             ": " + gap.why,
                         gap.runs, {});
-        all += "    " + FirstCommand(words, gap.first, KeptChip(gap.first, 0)) + "\n";
+        all += "    " + FirstCommand(words, gap.first, KeptChip(gap.first, 0), true) + "\n";
     }
     return all;
 }
@@ -184,7 +186,7 @@ ordered_json DescribeSweep(const SweepResult &result, const RerunWords &words) {
                                        {"torn", ExtentsText({gap.first.cutExtent})},
                                        {"last", gap.last},
                                        {"why", gap.why},
-                                       {"command", FirstCommand(words, gap.first, KeptChip(gap.first, 0))}});
+                                       {"command", FirstCommand(words, gap.first, KeptChip(gap.first, 0), true)}});
     for (const UnsealedLine &unsealed : result.unsealed)
         sweep["unsealed"].push_back({{"line", unsealed.line}, {"text", unsealed.text}, {"runs", unsealed.runs}});
     if (UsesOption(*settings.kind, "sets"))

@@ -17,7 +17,8 @@ public:
         for (std::size_t i = 0; i < run.lines.size(); ++i) {
             const auto range = run.DoneRange(i);
             const auto file = run.files.find(run.lines[i].image);
-            if (!range || !run.lines[i].WritesImage() || file == run.files.end() || file->second < 0)
+            const bool isUbi = run.lines[i].kind == LineKind::Ubiformat;
+            if (!range || (!run.lines[i].WritesImage() && !isUbi) || file == run.files.end() || file->second < 0)
                 continue;
             const NandGeometry &geometry = run.chip.Geometry();
             const bool hasOob = run.lines[i].kind == LineKind::WriteOob;
@@ -25,8 +26,11 @@ public:
                 std::uint64_t{geometry.PagesPerBlock()} * (hasOob ? geometry.RawPageSize() : geometry.pageSize);
             const std::uint64_t needed = (static_cast<std::uint64_t>(file->second) + blockBytes - 1) / blockBytes;
             std::vector<std::uint32_t> blocks = flash.GoodBlocks(*range);
-            if (needed < blocks.size())
-                m_ranges.push_back({static_cast<std::size_t>(blocks.size() - needed), std::move(blocks)});
+            std::uint64_t spare = needed < blocks.size() ? blocks.size() - needed : 0;
+            if (isUbi)
+                spare = std::min<std::uint64_t>(spare, AttachRange(run.chip, flash, *range).SpareBlocks());
+            if (spare > 0)
+                m_ranges.push_back({static_cast<std::size_t>(spare), std::move(blocks)});
         }
     }
 

@@ -12,6 +12,21 @@ bool IsAs(const NandChip &chip, const NandChip &other, std::uint32_t block) {
     return chip.HasCellsOf(other, block, block) && !chip.IsUnstable(block);
 }
 
+/// @return whether a normal read of a range gives its bytes, today and later.
+bool IsReadable(const NandChip &chip, const WholeFlash &flash, const FlashRange &range) {
+    std::vector<std::uint8_t> data(chip.Geometry().pageSize);
+    const std::uint32_t pages = chip.Geometry().PagesPerBlock();
+    for (const std::uint32_t block : flash.Blocks(range)) {
+        if (chip.IsUnstable(block))
+            return false;
+        for (std::uint32_t page = block * pages; page < (block + 1) * pages; ++page) {
+            if (chip.Read(page, 0, chip.Geometry().pageSize, data.data()).failed > 0)
+                return false;
+        }
+    }
+    return true;
+}
+
 void Set(std::set<std::uint32_t> &blocks, std::uint32_t block, bool isIn) {
     if (isIn)
         blocks.insert(block);
@@ -61,7 +76,7 @@ void BootCheck::ReadEnvironments(const NandChip &chip) {
     m_entries.clear();
     for (const FlashRange &range : m_rules.environments) {
         const std::vector<char> bytes = flash.Read(range);
-        if (!HasValidCrc(bytes))
+        if (!HasValidCrc(bytes) || !IsReadable(chip, flash, range))
             continue;
         m_hasEnvironment = true;
         m_entries = UEnvTool(bytes.data(), static_cast<int>(bytes.size())).m_vEntry;

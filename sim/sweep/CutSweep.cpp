@@ -3,18 +3,17 @@
 #include "mtd/DeviceText.h"
 #include "sweep/BootCheck.h"
 #include "sweep/ChangeReplay.h"
-#include "sweep/KnownRun.h"
+#include "sweep/SecondRuns.h"
 #include "sweep/SweepTable.h"
 
 #include <algorithm>
 #include <deque>
 #include <memory>
 #include <optional>
-#include <set>
 
 namespace {
 
-/// Most recorded runs that a worker remembers.
+/// Most recorded runs of the boot command that a worker remembers.
 constexpr std::size_t kMostKnown = 256;
 
 /// Power cuts without the run that they cut, and with as few runs after them as the answers of the chip allow.
@@ -23,7 +22,8 @@ public:
     explicit CutReplay(const SweepTools &tools)
         : m_rig(tools.rig), m_judge(tools.judge), m_boot(tools.settings.boot),
           m_replay(tools.startPath, tools.judge.Reference().steps),
-          m_check(m_boot, tools.judge.Reference(), tools.start.Chip(), m_replay.Chip()) {}
+          m_check(m_boot, tools.judge.Reference(), tools.start.Chip(), m_replay.Chip()),
+          m_runs(tools.rig, tools.judge, FirstRun::Cut) {}
 
     CaseResult Try(const SweepCase &what) override {
         m_replay.AdvanceTo(what.cutAtChange, [this](std::uint32_t block) { Note(block); });
@@ -55,17 +55,10 @@ private:
     }
 
     void FollowAll(std::uint32_t block) {
-        for (KnownRun &known : m_known)
-            known.Follow(m_replay.Chip(), block);
+        m_runs.Follow(m_replay.Chip(), block);
         for (KnownBoot &known : m_boots)
             known.needs.Follow(m_replay.Chip(), block);
         m_check.Follow(m_replay.Chip(), block);
-        // The kernel takes such a block for bad from the next start on.
-        const NandChip &chip = m_replay.Chip();
-        if (chip.HasBadBlockMarker(block) && !chip.IsBad(block))
-            m_marked.insert(block);
-        else
-            m_marked.erase(block);
     }
 
     /// Judges the run after a cut in a line, which tore a block.
@@ -80,54 +73,26 @@ private:
         std::optional<std::uint32_t> outside = m_outside;
         if (m_judge.IsOutside(chip, block))
             outside = std::min(m_outside.value_or(block), block);
-        const auto known = !m_marked.empty() ? m_known.end()
-                                             : std::find_if(m_known.begin(), m_known.end(),
-                                                            [](const KnownRun &run) { return run.Applies(); });
-        if (known == m_known.end() || !known->Judge(chip, line, outside, result.complaint))
-            result.complaint = RunForReal(line);
+        result.complaint = m_runs.Judge(chip, line, outside);
         return result;
     }
 
     /// @return why the boot command fails, from a recorded run of it when there is one.
     std::string ProblemOfCommand() {
-        const auto known = !m_marked.empty() ? m_boots.end()
-                                             : std::find_if(m_boots.begin(), m_boots.end(),
-                                                            [](const KnownBoot &boot) { return boot.needs.AreMet(); });
+        const auto known = m_runs.HasMarked() ? m_boots.end()
+                                              : std::find_if(m_boots.begin(), m_boots.end(),
+                                                             [](const KnownBoot &boot) { return boot.needs.AreMet(); });
         if (known != m_boots.end())
             return known->problem;
         m_rig.Lay(m_replay.Chip());
         std::string problem = RunBootCommand(m_rig, m_boot.command, SimSettings::Record::Steps);
         std::vector<RunStep> steps;
-        if (ReadWhole(steps)) {
+        if (!m_runs.HasMarked() && ReadLastRun(m_rig, steps)) {
             m_boots.push_front({ChipNeeds(steps, m_replay.Chip()), problem});
             if (m_boots.size() > kMostKnown)
                 m_boots.pop_back();
         }
         return problem;
-    }
-
-    /// Reads the record of the rig's last run.
-    /// @return whether the record can stand for other runs.
-    bool ReadWhole(std::vector<RunStep> &steps) const {
-        std::size_t length = 0;
-        const std::uint8_t *record = m_rig.Record(length);
-        return m_marked.empty() && length > 0 && ReadSteps(record, length, m_rig.Chip().Geometry(), steps) &&
-               std::none_of(steps.begin(), steps.end(),
-                            [](const RunStep &step) { return step.kind == RunStep::Kind::MarkBad; });
-    }
-
-    std::optional<SweepComplaint> RunForReal(std::size_t line) {
-        m_rig.Lay(m_replay.Chip());
-        RigRun run;
-        run.record = SimSettings::Record::Steps;
-        const RunOutcome again = RunWhole(m_rig, run);
-        std::vector<RunStep> steps;
-        if (ReadWhole(steps) && !again.isOverdue && !again.leavesProcesses && !again.isBypassed) {
-            m_known.emplace_front(steps, again, m_replay.Chip(), m_rig.Chip(), m_judge);
-            if (m_known.size() > kMostKnown)
-                m_known.pop_back();
-        }
-        return m_judge.JudgeCut(m_rig.Chip(), line, again);
     }
 
     struct KnownBoot {
@@ -141,9 +106,8 @@ private:
     ChangeReplay m_replay;
     BootCheck m_check;
     std::deque<KnownBoot> m_boots;
-    std::deque<KnownRun> m_known;
+    SecondRuns m_runs;
     std::vector<std::uint32_t> m_noted;
-    std::set<std::uint32_t> m_marked; ///< good blocks with bad-block markers; runs from such a chip are not replayed
     std::optional<std::uint32_t> m_outside; ///< the first block outside the update that was touched before the cut
     bool m_isUnsealed = false;              ///< before the change that is cut
 };

@@ -3,8 +3,9 @@
 #include <algorithm>
 
 KnownRun::KnownRun(const std::vector<RunStep> &steps, const RunOutcome &outcome, const NandChip &before,
-                   const NandChip &after, const SweepJudge &judge)
-    : m_judge(judge), m_needs(steps, before), m_end(judge.JudgeEnd(outcome)), m_lines(judge.JudgeLines(outcome)) {
+                   const NandChip &after, const SweepJudge &judge, FirstRun first)
+    : m_judge(judge), m_first(first), m_needs(steps, before), m_end(judge.JudgeEnd(outcome)),
+      m_lines(judge.JudgeLines(outcome)) {
     bool isWholeEnvironmentErased = true;
     for (std::uint32_t block = 0; block < before.Geometry().Blocks(); ++block) {
         const bool isChanged = m_needs.Changes(block);
@@ -19,7 +20,7 @@ KnownRun::KnownRun(const std::vector<RunStep> &steps, const RunOutcome &outcome,
             m_left.insert(block);
     }
     if (m_loss)
-        m_lossWords = judge.JudgeLoss(after, 0, *m_loss);
+        m_lossWords = judge.JudgeLoss(after, 0, *m_loss, first);
     m_bHasSureWords = m_loss && (isWholeEnvironmentErased || !judge.IsInEnvironment(*m_loss));
 }
 
@@ -55,6 +56,6 @@ bool KnownRun::Judge(const NandChip &chip, std::size_t line, std::optional<std::
     // The words about an environment show the whole of the range, which the run may have changed in part.
     if (m_judge.IsInEnvironment(*left))
         return false;
-    complaint = m_judge.JudgeLoss(chip, line, *left);
+    complaint = m_judge.JudgeLoss(chip, line, *left, m_first);
     return true;
 }

@@ -19,8 +19,9 @@ public:
     /// @param outcome of the run
     /// @param before the chip at the run's start, which Follow goes on with
     /// @param after the chip as the run left it
+    /// @param first what the run before it was
     KnownRun(const std::vector<RunStep> &steps, const RunOutcome &outcome, const NandChip &before,
-             const NandChip &after, const SweepJudge &judge);
+             const NandChip &after, const SweepJudge &judge, FirstRun first);
 
     /// Takes note of a block of the chip that has changed.
     void Follow(const NandChip &chip, std::uint32_t block);
@@ -29,7 +30,7 @@ public:
     bool Applies() const { return m_needs.AreMet(); }
 
     /// Judges the run from the chip; Applies holds.
-    /// @param line in which power was lost ahead of the run
+    /// @param line in which the run before it went wrong
     /// @param outside the first block outside the update that was touched before the run
     /// @param complaint gets the complaint, or nothing when the run passed
     /// @return false when only a real run shows what there is to complain about.
@@ -38,6 +39,7 @@ public:
 
 private:
     const SweepJudge &m_judge;
+    FirstRun m_first;
     ChipNeeds m_needs;
     std::optional<SweepComplaint> m_end;
     std::optional<SweepComplaint> m_lines;

@@ -1,5 +1,6 @@
 #include "sweep/Rig.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -22,7 +23,12 @@ std::string MakeState(const std::string &path, SimSettings settings, const NandG
 
 Rig::Rig(const RunSettings &settings, const ChipFile &start, const std::string &path, const HeldSignals &signals)
     : m_settings(settings), m_start(start.Chip()), m_signals(signals), m_sPath(path), m_chip(path),
-      m_state(MakeState(path + ".state", settings.sim, start.Chip().Geometry())) {}
+      m_state(MakeState(path + ".state", settings.sim, start.Chip().Geometry())) {
+    for (std::uint32_t block = 0; block < m_start.Geometry().Blocks(); ++block) {
+        if (m_start.IsUnstable(block))
+            m_unstable.push_back(block);
+    }
+}
 
 void Rig::LayStart(const std::vector<std::uint32_t> &badBlocks) {
     Lay(m_start);
@@ -36,6 +42,8 @@ void Rig::Lay(const NandChip &chip) {
         if (own.IsTouched(block) || chip.IsTouched(block) || own.BlockTraits(block) != chip.BlockTraits(block))
             own.CopyBlock(chip, block);
     }
+    for (const std::uint32_t block : m_unstable)
+        own.CopyBlock(chip, block);
     for (std::vector<std::uint32_t> *further : {&m_worn, &m_misfits}) {
         for (const std::uint32_t block : *further)
             own.CopyBlock(chip, block);
@@ -80,8 +88,12 @@ RunOutcome Rig::RunIn(const RigRun &run, const std::vector<std::string> *command
     if (!m_chip.IsWhole())
         throw std::runtime_error("a program of the update cut or lengthened the files of the chip");
     const bool hasEnded = outcome.isInterrupted || outcome.isOverdue;
+    const auto &usual = m_habit.usualErr;
+    // A run that goes another way may leave files that change the next one; and no file in memory outlives a power cut.
+    const bool isUsual = !isUpdate || (!m_state.PowerWasCut() && outcome.status == 0 &&
+                                       std::find(usual.begin(), usual.end(), outcome.err) != usual.end());
     // Only after the update a sandbox is ready for the habit's command.
-    if (!m_habit.sharesSandbox || outcome.leavesProcesses || hasEnded || (isNew && !isUpdate))
+    if (!m_habit.sharesSandbox || outcome.leavesProcesses || hasEnded || !isUsual || (isNew && !isUpdate))
         m_sandbox.reset();
     outcome.isBypassed = FindMisfits();
     return outcome;

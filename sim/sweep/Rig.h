@@ -17,6 +17,7 @@ struct RigHabit {
     std::vector<std::string> command;     ///< for a sandbox in which the update has already run
     int milliseconds = Sandbox::kNoLimit; ///< time limit of a run
     std::vector<std::uint32_t> watched;   ///< blocks of which the judge looks at the bytes, touched or not
+    std::vector<std::string> usualErr;    ///< error output of runs without trouble
 };
 
 /// The trouble and the record of one run.
@@ -54,6 +55,7 @@ public:
     RunOutcome RunCommand(const std::vector<std::string> &command, SimSettings::Record record);
 
     NandChip &Chip() { return m_chip.Chip(); }
+    const NandChip &Chip() const { return m_chip.Chip(); }
     const SimState &State() const { return m_state; }
 
     /// @return the record of the last run, as ReadSteps takes it; valid until the next run. Empty when not whole.
@@ -72,6 +74,7 @@ private:
     std::unique_ptr<Sandbox> m_sandbox;
     RigHabit m_habit;
     bool m_bIsFirst = true;
-    std::vector<std::uint32_t> m_worn;    ///< blocks with worn-out pages
-    std::vector<std::uint32_t> m_misfits; ///< blocks that the last run changed other than by requests
+    std::vector<std::uint32_t> m_unstable; ///< blocks with unstable pages at the start, which reads change
+    std::vector<std::uint32_t> m_worn;     ///< blocks with worn-out pages
+    std::vector<std::uint32_t> m_misfits;  ///< blocks that the last run changed other than by requests
 };

@@ -88,8 +88,8 @@ std::vector<std::string> UnpackTexts(const std::string &packed) {
 std::string Pack(const CaseResult &result) {
     std::vector<std::string> texts = {std::to_string(result.unsealedLine), result.noBoot};
     if (result.complaint)
-        texts.insert(texts.end(),
-                     {std::to_string(result.complaint->line), result.complaint->happens, result.complaint->advice});
+        texts.insert(texts.end(), {std::to_string(result.complaint->line), result.complaint->happens,
+                                   result.complaint->advice, result.complaint->isOfSecondRun ? "2" : "1"});
     return PackTexts(texts);
 }
 
@@ -99,7 +99,7 @@ CaseResult Unpack(const std::string &packed) {
     result.unsealedLine = std::stoul(texts.at(0));
     result.noBoot = texts.at(1);
     if (texts.size() > 2)
-        result.complaint = SweepComplaint{std::stoul(texts[2]), texts.at(3), texts.at(4)};
+        result.complaint = SweepComplaint{std::stoul(texts[2]), texts.at(3), texts.at(4), texts.at(5) == "2"};
     return result;
 }
 
@@ -285,6 +285,7 @@ void Sweeper::MakeReference(Base &base) {
         reference->whyNoSteps = "the update changes flash other than by requests";
     else
         TakeRecord(*reference, rig, first.leavesProcesses || second.leavesProcesses);
+    base.habit.usualErr = {first.err, second.err};
     if (!first.isInterrupted && !second.isInterrupted)
         base.reference = std::move(reference);
 }
@@ -358,7 +359,7 @@ SweepResult Sweeper::Run(const SweepSettings &asked,
             if (tried.complaint)
                 result.failures.push_back({number + 1, plan.cases[number], tried.complaint->line,
                                            base.reference->TextOf(tried.complaint->line), tried.complaint->happens,
-                                           tried.complaint->advice});
+                                           tried.complaint->advice, tried.complaint->isOfSecondRun});
             ++number;
         }
         progress(result);

@@ -74,10 +74,11 @@ struct SweepCase {
 struct SweepFailure {
     std::size_t number = 0; ///< of the run in its sweep, from 1
     SweepCase what;
-    std::size_t line = 0; ///< number in the script; 0 for a failure of no line
-    std::string text;     ///< that line
-    std::string happens;  ///< equal for equal failures
-    std::string advice;   ///< what to change in the update; may be empty
+    std::size_t line = 0;       ///< number in the script; 0 for a failure of no line
+    std::string text;           ///< that line
+    std::string happens;        ///< equal for equal failures
+    std::string advice;         ///< what to change in the update; may be empty
+    bool isOfSecondRun = false; ///< a run after the one with the trouble shows the failure
 };
 
 /// A line whose cuts leave an environment with an invalid CRC until the second run writes the environment again.
@@ -122,8 +123,9 @@ struct SweepResult {
 ///   cut     power was lost at a change of flash, then the update was run again from its start, as if the device still
 ///           booted: every line succeeded and the chip is page by page what it is after an uncut run.
 ///   pairs   two of these: power cut after power cut, a bad or worn-out block and a power cut.
-///   faults  a request failed: a line reported a failure, or the chip is what it is without the fault.
-///   wear    erases or programs of a block failed: as faults.
+///   faults  a request failed: the chip is what it is without the fault, or a line reported a failure and, when the
+///           request failed once, the update was run again with the result of a cut.
+///   wear    erases or programs of a block failed: a line reported a failure, or the chip is what it is without.
 class Sweeper {
 public:
     /// Makes the reference run, twice.

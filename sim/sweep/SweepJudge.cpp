@@ -75,6 +75,10 @@ UbiAttachment Attach(const NandChip &chip, const PartitionPebs &pebs) {
 
 } // namespace
 
+UbiAttachment AttachRange(const NandChip &chip, const WholeFlash &flash, const FlashRange &range) {
+    return Attach(chip, PebsOf(chip, flash, range));
+}
+
 SweepJudge::SweepJudge(const ReferenceRun &reference)
     : m_reference(reference), m_flash(reference.chip, reference.devices),
       m_mayChange(reference.chip.Geometry().Blocks(), false),
@@ -99,7 +103,7 @@ SweepJudge::SweepJudge(const ReferenceRun &reference)
             m_isUbi[block] = false;
         if (reference.lines[i].kind != LineKind::Ubiformat || !range)
             continue;
-        UbiAttachment attachment = Attach(reference.chip, PebsOf(reference.chip, m_flash, *range));
+        UbiAttachment attachment = AttachRange(reference.chip, m_flash, *range);
         if (!attachment.IsAttached())
             continue;
         m_ubi.push_back({reference.lines[i].number, *range, std::move(attachment)});
@@ -118,7 +122,24 @@ std::optional<SweepComplaint> SweepJudge::JudgeBad(const NandChip &chip, const R
         if (complaint)
             return complaint;
     }
-    return JudgeUbi(chip);
+    const auto complaint = JudgeRest(chip);
+    return complaint ? complaint : JudgeUbi(chip);
+}
+
+/// Checks the good blocks that no image, environment or UBI fills: erased ones, and those that programs change.
+std::optional<SweepComplaint> SweepJudge::JudgeRest(const NandChip &chip) const {
+    for (std::uint32_t block = 0; block < m_mayChange.size(); ++block) {
+        if (chip.IsBad(block) || !Differs(chip, block))
+            continue;
+        const std::size_t number = LineOf(block);
+        const auto line = std::find_if(m_reference.lines.begin(), m_reference.lines.end(),
+                                       [number](const UpdateLine &it) { return it.number == number; });
+        if (line == m_reference.lines.end())
+            return SweepComplaint{0, "flash outside all ranges differs from a run without the bad block"};
+        if (line->kind == LineKind::Erase)
+            return SweepComplaint{number, "the good blocks of the range are not erased"};
+    }
+    return std::nullopt;
 }
 
 /// Compares what UBI finds in its partitions with the reference.
@@ -144,7 +165,7 @@ std::optional<SweepComplaint> SweepJudge::JudgeFault(const NandChip &chip, const
         if (complaint)
             return complaint;
     }
-    if (run.status != m_reference.outcome.status || IsReported(run))
+    if (IsReported(run))
         return std::nullopt;
     const auto block = FirstDifference(chip);
     if (!block)
@@ -167,8 +188,9 @@ bool SweepJudge::HasAllData(const NandChip &chip) const {
     return true;
 }
 
-/// @return whether the messages of a line differ from the reference.
 bool SweepJudge::IsReported(const RunOutcome &run) const {
+    if (run.status != m_reference.outcome.status)
+        return true;
     const RunStory story = Follow(run, false);
     for (std::size_t i = 0; i < story.lines.size(); ++i) {
         const LineStory &before = m_reference.story.lines[i];
@@ -179,22 +201,23 @@ bool SweepJudge::IsReported(const RunOutcome &run) const {
     return false;
 }
 
-std::optional<SweepComplaint> SweepJudge::JudgeCut(const NandChip &chip, std::size_t line,
-                                                   const RunOutcome &again) const {
+std::optional<SweepComplaint> SweepJudge::JudgeCut(const NandChip &chip, std::size_t line, const RunOutcome &again,
+                                                   FirstRun first) const {
     for (const auto &complaint : {JudgeEnd(again), JudgeOutside(FirstOutside(chip)), JudgeLines(again)}) {
         if (complaint)
             return complaint;
     }
     const auto block = FirstDifference(chip);
-    return block ? JudgeLoss(chip, line, *block) : JudgeUbi(chip);
+    return block ? JudgeLoss(chip, line, *block, first) : JudgeUbi(chip);
 }
 
-SweepComplaint SweepJudge::JudgeLoss(const NandChip &chip, std::size_t line, std::uint32_t block) const {
-    return {line, LossIn(chip, block),
-            m_isEnvironment[block]
-                ? "keep a second copy of the environment that survives a power cut, or do not let the "
-                  "device boot from the only one while the line rewrites it"
-                : "let the update write the range again whenever it runs"};
+SweepComplaint SweepJudge::JudgeLoss(const NandChip &chip, std::size_t line, std::uint32_t block,
+                                     FirstRun first) const {
+    const std::string survives = first == FirstRun::Cut ? "a power cut" : "a failure";
+    return {line, LossIn(chip, block, first),
+            m_isEnvironment[block] ? "keep a second copy of the environment that survives " + survives +
+                                         ", or do not let the device boot from the only one while the line rewrites it"
+                                   : "let the update write the range again whenever it runs"};
 }
 
 bool SweepJudge::HasUnsealed(const NandChip &chip) const {
@@ -284,23 +307,25 @@ std::optional<SweepComplaint> SweepJudge::JudgeOrder(const NandChip &chip, std::
 }
 
 /// @return what is wrong with a block that differs from an uncut run.
-std::string SweepJudge::LossIn(const NandChip &chip, std::uint32_t block) const {
+std::string SweepJudge::LossIn(const NandChip &chip, std::uint32_t block, FirstRun first) const {
+    const bool isCut = first == FirstRun::Cut;
     const WholeFlash flash(chip, m_reference.devices);
     const std::int64_t offset = m_flash.FromChip(std::uint64_t{block} * chip.Geometry().eraseSize);
     for (std::size_t i = 0; i < m_reference.lines.size(); ++i) {
         const std::optional<FlashRange> range = m_reference.DoneRange(i);
         if (m_reference.lines[i].kind != LineKind::SetEnv || !range || !range->Holds(offset))
             continue;
-        return "power lost while the environment at " + Hex(range->begin) +
+        return (isCut ? "power lost" : "a request that fails") + std::string(" while the environment at ") +
+               Hex(range->begin) +
                " is rewritten destroys the environment; the second run starts from what is left and " +
                EnvironmentLoss(m_flash.Read(*range), flash.Read(*range));
     }
     const std::size_t line = LineOf(block);
     if (chip.HasCellsOf(m_reference.chip, block, block))
-        return "the cut leaves unstable pages in block " + std::to_string(block) +
-               ", and the second run does not erase them";
+        return (isCut ? "the cut" : "the failure") + std::string(" leaves unstable pages in block ") +
+               std::to_string(block) + ", and the second run does not erase them";
     return (line == 0 ? "flash outside all ranges" : "the range of line " + std::to_string(line)) +
-           " differs from an uncut run";
+           (isCut ? " differs from an uncut run" : " differs after a second run from a run without the failure");
 }
 
 /// @return the number of the last line whose range holds a block; 0 for none.

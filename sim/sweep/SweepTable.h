@@ -83,6 +83,7 @@ std::unique_ptr<CaseReplay> ReplayCuts(const SweepTools &tools);
 SweepPlan PlanFaults(const ReferenceRun &reference, const SweepSettings &settings);
 CaseResult TryFault(const SweepCase &what, const SweepTools &tools);
 std::string FaultHeading(const SweepResult &result);
+std::unique_ptr<CaseReplay> ReplayFaults(const SweepTools &tools);
 
 SweepPlan PlanWear(const ReferenceRun &reference, const SweepSettings &settings);
 std::string WearHeading(const SweepResult &result);
@@ -96,7 +97,8 @@ inline constexpr SweepKind kSweepKinds[] = {
      BadHeading, nullptr},
     {"cut", "power lost at each change of flash, then the update run again", "every,torn,boots,keep,boot-env,slot,seed",
      PlanCuts, TryCut, CutHeading, ReplayCuts},
-    {"faults", "each request failing", "every", PlanFaults, TryFault, FaultHeading, nullptr},
+    {"faults", "each request failing, then the update run again", "every", PlanFaults, TryFault, FaultHeading,
+     ReplayFaults},
     {"wear", "each block of the ranges worn out: its erases fail, or its programs", "", PlanWear, TryFault, WearHeading,
      nullptr},
     {"pairs", "power cut after power cut, or a bad or worn-out block and a power cut", "sets,seed,torn", PlanPairs,

@@ -83,6 +83,8 @@ std::string AttachmentLoss(const UbiAttachment &wanted, const UbiAttachment &fou
         return {};
     if (!found.IsAttached())
         return "the kernel does not attach it: " + found.reason;
+    if (found.isReadOnly && !wanted.isReadOnly)
+        return "the kernel attaches it read-only";
     for (const UbiVolume &volume : wanted.volumes) {
         const auto isSame = [&](const UbiVolume &other) {
             return other.id == volume.id && other.name == volume.name && other.isStatic == volume.isStatic &&

@@ -236,7 +236,8 @@ TEST(SweepReport, DescribesFailuresAndTheOptionsThatTheSweepUses) {
 
 TEST(SweepReport, GathersEqualFailuresForPeople) {
     const std::string text = SweepText(Swept("faults"), {" --ecc chip", "update", "kept", {}}, "script");
-    EXPECT_EQ(text.rfind("sweep faults: one in 10 of 40 requests failing once, then kinds of requests failing always: "
+    EXPECT_EQ(text.rfind("sweep faults: one in 10 of 40 requests failing once, then the update run again, and kinds of "
+                         "requests failing always: "
                          "0 of 3 runs passed, interrupted with "
                          "1 run to go\n"
                          "script:1: sweep faults: erase 0 400: it is so [2 runs]\n"

@@ -68,6 +68,7 @@ TEST_F(Sweep, PassesEverywhereForAnUpdateWithRoom) {
 }
 
 TEST_F(Sweep, ComparesUbiPartitionsAsUbiReadsThem) {
+    const std::string kUbi = "--ecc chip --mtd 9:opt:768K,256K --mtd 12:all --sweep cut ";
     File("update/flashrig.script", "ubiformat /dev/mtd9 image\n");
     File("update/prepare.sh", "#!/bin/sh\n");
     File("content", Pattern(std::size_t{3} * 15360, 1));
@@ -75,19 +76,27 @@ TEST_F(Sweep, ComparesUbiPartitionsAsUbiReadsThem) {
     ASSERT_EQ(Shell("PATH=$PATH:/usr/sbin; ubinize -m 512 -s 512 -p 16KiB -o update/image ini").status, 0);
     // Erase counters and the image sequence number differ from run to run.
     File("update/ubiformat", "#!/bin/sh\nPATH=$PATH:/usr/sbin exec ubiformat -q \"$@\"\n");
-    const std::string sweeps = "--ecc chip --sweep cut --every 30 --sweep bad --sets 2";
-    Run(sweeps);
+    const auto bad = Run(kUbi + "--every 30 --sweep bad --sets 2")[1];
     EXPECT_EQ(m_outcome.status, 0) << m_outcome.out << m_outcome.err;
+    EXPECT_EQ(bad["held"], 16 + 2) << m_outcome.out;
     // A second run finds UBI and leaves out the image.
     File("update/ubiformat", "#!/bin/sh\nPATH=$PATH:/usr/sbin\n[ $(head -c 3 /dev/mtd9) = UBI ] || exec ubiformat -q "
                              "\"$@\"\nexec ubiformat -q -y /dev/mtd9\n");
-    const auto cut = Run("--ecc chip --sweep cut --every 30")[0];
+    const auto cut = Run(kUbi + "--every 30")[0];
     EXPECT_EQ(m_outcome.status, 1);
     ASSERT_GT(cut["failures"].size(), 1U) << cut;
     EXPECT_EQ(cut["failures"][0]["line"], 1) << cut;
     EXPECT_EQ(cut["failures"][0]["happens"],
               "UBI on the partition of the line is not as in the reference run: volume \"files\" is lost")
         << cut;
+    // What a later line writes there is no longer UBI's: here a second run writes another file.
+    File("update/flashrig.script", "ubiformat /dev/mtd9 image\nwrite fc000 4000 other\n");
+    File("update/other", "");
+    File("update/ubiformat", "#!/bin/sh\nPATH=$PATH:/usr/sbin\n[ $(head -c 3 /dev/mtd9) = UBI ] && n=2 || n=1\n"
+                             "echo $n >/tmp/update/other\nexec ubiformat -q \"$@\"\n");
+    const auto other = Run(kUbi + "--every 30")[0]["failures"];
+    ASSERT_GT(other.size(), 1U) << m_outcome.out;
+    EXPECT_EQ(other[0]["happens"], "the range of line 2 differs from an uncut run") << other;
 }
 
 TEST_F(Sweep, NamesTheVariablesThatACutDestroys) {
@@ -191,6 +200,40 @@ TEST_F(Sweep, WearsOutBlocksAndBlamesTheLineThatHidesAFailure) {
     EXPECT_EQ(hidden, 1) << sweeps[1];
 }
 
+TEST_F(Sweep, RepeatsTheRunAfterAReportedFailure) {
+    // The first page of the environment has all variables.
+    File("update/flashrig.script", "erase 8000 4000\nsetenv 4000 4000 bootslot b\n");
+    const auto sweep = Run("--sweep faults")[0];
+    EXPECT_EQ(sweep, Run("--sweep faults --exact")[0]);
+    ASSERT_EQ(sweep["failures"].size(), 2U) << sweep;
+    const auto failure = sweep["failures"][1];
+    EXPECT_EQ(failure["line"], 2);
+    EXPECT_EQ(failure["fault"], "write:1=EIO");
+    EXPECT_NE(std::string(failure["happens"]).find("a request that fails while the environment"), std::string::npos);
+    Shell(failure["command"]);
+    const std::string chip = ReadAll(m_folder / ("run" + std::to_string(failure["run"].get<int>()) + ".nand"));
+    EXPECT_NE(chip.find("bootslot=b"), std::string::npos) << failure;
+    EXPECT_EQ(chip.find("bootdelay=3"), std::string::npos);
+}
+
+TEST_F(Sweep, GivesEachRunAfterATroubleADeviceWithoutItsFiles) {
+    // A power cut leaves no lock, and a failure must not leave one to runs of other cases.
+    File("update/flashrig.script", "setenv name value\n");
+    File("root/bin/bootvars", "#!/bin/sh\n[ -e /tmp/lock ] && exit 1\ntouch /tmp/lock\n"
+                              "dd if=/bin/sh of=/dev/mtd12 bs=512 count=3 seek=66 conv=notrunc && rm /tmp/lock\n");
+    for (const char *mode : {"", "--exact "})
+        EXPECT_EQ(Run(std::string("--root root --sweep cut ") + mode)[0]["held"], 2 * 3) << m_outcome.out;
+}
+
+TEST_F(Sweep, ComparesWhatProgramsChangeWithoutTheBadBlock) {
+    File("update/flashrig.script", "erase 8000 4000\nsetenv name value\n");
+    File("root/bin/bootvars", "#!/bin/sh\n[ $(cat /sys/class/mtd/mtd12/bad_blocks) != 0 ] || "
+                              "dd if=/bin/sh of=/dev/mtd12 bs=512 count=1 seek=512 conv=notrunc\n");
+    const auto failures = Run("--root root --sweep bad --sets 0")[0]["failures"];
+    ASSERT_EQ(failures.size(), 1U) << m_outcome.out;
+    EXPECT_EQ(failures[0]["happens"], "flash outside all ranges differs from a run without the bad block");
+}
+
 TEST_F(Sweep, MakesAKeptChipThatIsMissing) {
     File("update/flashrig.script", "setenv 4000 4000 bootslot b\n");
     const auto failures = Run("--flash new.nand --sweep cut --torn half")[0]["failures"];
@@ -228,10 +271,15 @@ TEST_F(Sweep, FindsTheWindowsInWhichADeviceDoesNotBoot) {
     }
 }
 
-TEST_F(Sweep, AsksACommandWhetherTheDeviceBoots) {
-    File("update/flashrig.script", "write 8000 8000 image\n");
+TEST_F(Sweep, AsksWhetherTheDeviceBoots) {
     File("update/image", Pattern(Device::kBlock, 1));
     // A normal read of a raw write gives the data only with an ECC of the chip's own.
+    // Data without ECC, and pages that read well once, are no environment.
+    File("update/flashrig.script", "setenv 4000 4000 bootslot b\n");
+    const auto unreadable = Run("--sweep cut --torn bare,unstable --boot-env 0x4000,16K")[0]["unbootable"][0];
+    EXPECT_EQ(unreadable["last"], 33) << m_outcome.out;
+    EXPECT_EQ(unreadable["runs"], 2 * 33 - 1) << m_outcome.out; // the last page is zeros, whose ECC is 0xFF
+    File("update/flashrig.script", "write 8000 8000 image\n");
     const std::string boots =
         "--ecc chip --sweep cut --boots 'dd if=/dev/mtd12 bs=512 skip=64 count=1 2>/dev/null | cmp -s -n 512 - "
         "/tmp/update/image' ";
