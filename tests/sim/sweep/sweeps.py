@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
-"""reruns.py FLASHSIM MAKE: runs each command that sweeps of the examples print or report.
-
-Such a command ends with a finding of the failure's line, or of another line at the same place of the flash.
+"""sweeps.py FLASHSIM MAKE: sweeps of the examples give the same with replayed and with real runs, and their commands
+repeat their failures: each ends with a finding of the failure's line, or of another line at the same place of the flash.
 """
 import json
 import os
@@ -12,14 +11,16 @@ import sys
 import tempfile
 
 FLASHSIM, MAKE = sys.argv[1:]
-ALL = "--sweep cut --sweep bad --sets 3 --sweep faults --sweep wear"
-# Update, options and sweeps.
+OTHERS = "--sweep bad --sets 3 --sweep wear"  # these have real runs only
+# Update, options, options of sweeps with replayed runs, and other sweeps.
 UPDATES = [
-    *((f"ab/{name}", f"--device devices/{device}.toml {ALL}") for name, device in (
+    *((f"ab/{name}", f"--device devices/{device}.toml", "", OTHERS) for name, device in (
         ("boots-always", "ab"), ("early-selector", "ab"), ("environment-in-place", "ab-one-environment"),
         ("loader-in-place", "ab"))),
-    ("clean", "--chip 8M,16K,512,16 --root device --sweep cut --sweep faults --every 500"),
-    ("traps/lines", f"--chip 8M,16K,512,16 --every 200 {ALL}"),
+    ("clean", "--chip 8M,16K,512,16 --root device", "--every 400", ""),
+    ("traps/lines", "--chip 8M,16K,512,16", "--every 60", OTHERS + " --sweep pairs"),
+    ("traps/stop", "--chip 8M,16K,512,16", "--every 7", "--sweep wear"),
+    ("traps/ubi", "--chip 8M,16K,512,16 --mtd 9:opt:5M,1M --mtd 12:all", "--every 50", ""),
 ]
 
 
@@ -35,8 +36,9 @@ def places_of(script):
     return {number: line[1] for number, line in enumerate(words, 1) if len(line) > 1}
 
 
-def problems_of(folder, update, options):
-    swept = shell(f"flashsim {options} --report report.json {update} quiet", folder)
+def problems_of(folder, update, options, every, others):
+    replayed = f"flashsim {options} --sweep cut --sweep faults {every}"
+    swept = shell(f"{replayed} {others} --report report.json {update} quiet", folder)
     report = json.loads((folder / "report.json").read_text(encoding="utf-8"))
     reported = {(entry["command"], entry["line"]) for sweep in report["sweeps"]
                 for entry in sweep["failures"] + sweep["unbootable"]}
@@ -52,6 +54,9 @@ def problems_of(folder, update, options):
                    f"{again.stderr}")
         for chip in folder.glob("*.nand*"):
             chip.unlink()
+    shell(f"{replayed} --exact --report exact.json {update} quiet", folder)
+    if json.loads((folder / "exact.json").read_text(encoding="utf-8"))["sweeps"] != report["sweeps"][:2]:
+        yield f"{update}: --exact gives another result"
     yield len(reported)
 
 
@@ -61,8 +66,8 @@ def main():
     with tempfile.TemporaryDirectory() as place:
         folder = pathlib.Path(place, "examples")
         subprocess.run([MAKE, folder], check=True)
-        for update, options in UPDATES:
-            *found, count = problems_of(folder, update, options)
+        for update in UPDATES:
+            *found, count = problems_of(folder, *update)
             problems += found
             commands += count
     print(*problems, f"{commands} commands, {len(problems)} problems", sep="\n")
