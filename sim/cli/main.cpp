@@ -169,6 +169,7 @@ struct Outputs {
     }
 
     void SaveReports(const nlohmann::ordered_json &report, const FormatFacts &facts) {
+        hasReports = true;
         for (std::size_t i = 0; i < reports.size(); ++i) {
             if (reports[i].IsWanted())
                 reports[i].Save(kReports[i].makeText(report, facts));
@@ -178,6 +179,7 @@ struct Outputs {
     OutputFile trace;
     OutputFile map;
     std::vector<OutputFile> reports; ///< as kReports
+    bool hasReports = false;         ///< whether their writing has begun
 };
 
 Verdict InterruptedVerdict(const char *what) {
@@ -186,8 +188,10 @@ Verdict InterruptedVerdict(const char *what) {
     return verdict;
 }
 
-/// Writes the reports of a rehearsal that a signal ended before its run. They say so, and show a new chip.
-void ReportNoRun(const Options &options, const RerunWords &words, const TempFolder &folder, Outputs &outputs) {
+/// Writes the reports of a rehearsal that a signal ended where it had none. They show a new chip.
+/// @param what the finding
+void ReportNothing(const Options &options, const RerunWords &words, const TempFolder &folder, const char *what,
+                   Outputs &outputs) {
     const NandGeometry geometry = AskedGeometry(options);
     // Nobody looks into the cells of untouched blocks.
     std::vector<std::uint8_t> pages(geometry.Pages());
@@ -197,7 +201,7 @@ void ReportNoRun(const Options &options, const RerunWords &words, const TempFold
     SimState::Create(path, {});
     const SimState state(path);
     const RunRecord record;
-    const Verdict verdict = InterruptedVerdict("a signal ended the preparation of the chip; nothing was run");
+    const Verdict verdict = InterruptedVerdict(what);
     const PageRun run = {record, chip, verdict, RunTimeline("")};
     FormatFacts facts = {RelativeScript(options), words.run, FLASHSIM_VERSION, UpdateName(options.update), &run};
     outputs.SaveReports(MakeReport(record, verdict, chip, state), facts);
@@ -242,9 +246,11 @@ int Rehearse(const Options &options, const RerunWords &words) {
     try {
         return RehearseInto(files, options, words, folder, signals, hasRun);
     } catch (const std::exception &) {
-        if (hasRun || !signals.HasCome() || !options.WantsVerdict())
+        if (files.hasReports || !signals.HasCome() || !options.WantsVerdict())
             throw;
-        ReportNoRun(options, words, folder, files);
+        const char *what = hasRun ? "a signal ended the rehearsal after its run; the results are lost"
+                                  : "a signal ended the preparation of the chip; nothing was run";
+        ReportNothing(options, words, folder, what, files);
         return kFindings;
     }
 }

@@ -162,7 +162,7 @@ struct Sweeper::Base {
     const HeldSignals &signals;
     ChipFile start;
     std::unique_ptr<const ChipFile> end;
-    std::unique_ptr<const ReferenceRun> reference; ///< null when interrupted
+    std::unique_ptr<const ReferenceRun> reference; ///< null until made, and when interrupted
     RigHabit habit;
 };
 
@@ -221,16 +221,17 @@ void TakeRecord(ReferenceRun &reference, const Rig &rig, bool leavesProcesses) {
 } // namespace
 
 Sweeper::Sweeper(const RunSettings &settings, const std::string &start, const HeldSignals &signals) {
-    ChipFile::AddSums(start);
-    auto base = std::make_unique<Base>(settings, start, signals);
     try {
+        ChipFile::AddSums(start);
+        auto base = std::make_unique<Base>(settings, start, signals);
         MakeReference(*base);
+        if (base->reference)
+            m_base = std::move(base);
     } catch (const std::system_error &failure) {
-        // A signal ends the copying of a chip too: the sweeps are interrupted like those of which a run was ended.
+        // A signal ends the making of a file too: the sweeps are interrupted like those of which a run was ended.
         if (failure.code() != std::errc::interrupted || !signals.HasCome())
             throw;
     }
-    m_base = std::move(base);
 }
 
 void Sweeper::MakeReference(Base &base) {
@@ -295,7 +296,7 @@ Sweeper::~Sweeper() = default;
 std::size_t Sweeper::Places(const SweepKind &kind) const {
     SweepSettings all;
     all.kind = &kind;
-    return m_base->reference ? kind.plan(*m_base->reference, all).places : 0;
+    return m_base ? kind.plan(*m_base->reference, all).places : 0;
 }
 
 SweepResult Sweeper::Run(const SweepSettings &asked,
@@ -303,7 +304,7 @@ SweepResult Sweeper::Run(const SweepSettings &asked,
     SweepResult result;
     result.settings = asked;
     result.isInterrupted = true;
-    if (!m_base->reference)
+    if (!m_base)
         return result;
     SweepSettings &settings = result.settings;
     settings.boot = ResolveRules(asked.boot, *m_base->reference);

@@ -148,5 +148,5 @@ private:
     struct Base;
     static void MakeReference(Base &base);
 
-    std::unique_ptr<const Base> m_base;
+    std::unique_ptr<const Base> m_base; ///< null when interrupted
 };
