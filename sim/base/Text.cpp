@@ -48,6 +48,39 @@ bool IsSteering(unsigned code) {
 /// @return a byte as a shell's $'' and people read it.
 std::string ByteText(char byte) { return FormatText("\\x%02x", static_cast<unsigned char>(byte)); }
 
+/// @param show makes a line, without its end, another one
+template <typename Show> std::string EachLine(const std::string &text, const Show &show) {
+    std::string shown;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find('\n', at), text.size());
+        const std::size_t lineEnd = end < text.size() && end > at && text[end - 1] == '\r' ? end - 1 : end;
+        shown += show(text.substr(at, lineEnd - at)) + text.substr(lineEnd, end + 1 - lineEnd);
+        at = end + 1;
+    }
+    return shown;
+}
+
+/// @return the parts of a line that a terminal shows one over the other, in visible characters.
+std::vector<std::string> Rewrites(const std::string &line) {
+    std::vector<std::string> parts;
+    for (std::size_t at = 0; at <= line.size();) {
+        const std::size_t end = std::min(line.find('\r', at), line.size());
+        parts.push_back(VisibleText(line.substr(at, end - at)));
+        at = end + 1;
+    }
+    return parts;
+}
+
+bool IsFirstByte(char byte) { return (static_cast<unsigned char>(byte) & 0xc0U) != 0x80; }
+
+/// Puts a text over the start of another one, both of visible characters.
+std::string Over(const std::string &under, const std::string &text) {
+    auto left = std::count_if(text.begin(), text.end(), IsFirstByte);
+    const auto rest =
+        std::find_if(under.begin(), under.end(), [&left](char byte) { return IsFirstByte(byte) && left-- == 0; });
+    return text + std::string(rest, under.end());
+}
+
 } // namespace
 
 std::string FormatText(const char *format, ...) {
@@ -135,15 +168,19 @@ std::string VisibleText(const std::string &text) {
     return visible;
 }
 
-std::string VisibleLines(const std::string &text) {
-    std::string visible;
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t end = std::min(text.find('\n', at), text.size());
-        const std::size_t lineEnd = end < text.size() && end > at && text[end - 1] == '\r' ? end - 1 : end;
-        visible += VisibleText(text.substr(at, lineEnd - at)) + text.substr(lineEnd, end + 1 - lineEnd);
-        at = end + 1;
-    }
-    return visible;
+std::string VisibleLines(const std::string &text) { return EachLine(text, VisibleText); }
+
+std::string LiveLines(const std::string &text) {
+    return EachLine(text, [](const std::string &line) { return JoinWords(Rewrites(line), "\r"); });
+}
+
+std::string SettledLines(const std::string &text) {
+    return EachLine(text, [](const std::string &line) {
+        std::string shown;
+        for (const std::string &part : Rewrites(line))
+            shown = Over(shown, part);
+        return shown;
+    });
 }
 
 std::size_t WholeCharacters(const std::string &text) {

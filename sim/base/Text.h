@@ -33,5 +33,11 @@ std::string VisibleText(const std::string &text);
 /// The same for a text of lines: their ends stay, also "\r\n".
 std::string VisibleLines(const std::string &text);
 
+/// The same for a terminal, which rewrites a line after any other "\r": that stays too.
+std::string LiveLines(const std::string &text);
+
+/// The same for a log: of a rewritten line what a terminal shows in the end.
+std::string SettledLines(const std::string &text);
+
 /// @return the length of a text without the start of a character that the text ends in, if there is one.
 std::size_t WholeCharacters(const std::string &text);

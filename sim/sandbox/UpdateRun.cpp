@@ -171,8 +171,9 @@ struct Sandbox::Stream {
     ScopedFd source;
     int passTo;
     bool isForPeople; ///< passed on in visible characters, and no more than kMostOutput
+    bool isTerminal;  ///< output is passed on to a terminal
     std::string text;
-    std::string begun; ///< the start of a character that is not passed on yet
+    std::string begun; ///< what is not passed on yet: the start of a character, or of a line where lines settle
     bool isCut = false;
     bool isLost = false;
 
@@ -182,8 +183,7 @@ struct Sandbox::Stream {
         const ssize_t count = read(source.Get(), buffer, sizeof(buffer));
         if (count <= 0) {
             source.Close();
-            const std::string rest = VisibleLines(std::exchange(begun, ""));
-            Pass(rest.data(), rest.size());
+            PassBegun(begun.size());
             return;
         }
         const auto length = static_cast<size_t>(count);
@@ -195,12 +195,13 @@ struct Sandbox::Stream {
             return;
         }
         begun.append(buffer, kept);
-        if (begun.empty())
-            return;
-        // A line end may follow its "\r".
-        const std::size_t whole = begun.back() == '\r' ? begun.size() - 1 : WholeCharacters(begun);
-        const std::string visible = VisibleLines(begun.substr(0, whole));
-        begun.erase(0, whole);
+        PassBegun(isTerminal ? WholeCharacters(begun) : begun.rfind('\n') + 1);
+    }
+
+    void PassBegun(std::size_t length) {
+        const std::string part = begun.substr(0, length);
+        const std::string visible = isTerminal ? LiveLines(part) : SettledLines(part);
+        begun.erase(0, length);
         Pass(visible.data(), visible.size());
     }
 
@@ -307,7 +308,8 @@ Sandbox::Sandbox(const RunSettings &settings, const std::string &chip, const std
         RunSandbox(job, {out.writer.Get(), err.writer.Get(), control.Get(), m_report.Get()});
     }
     const auto stream = [&settings](Channel &channel, int passTo) {
-        return std::make_unique<Stream>(Stream{std::move(channel.reader), passTo, settings.isConsole, "", ""});
+        return std::make_unique<Stream>(
+            Stream{std::move(channel.reader), passTo, settings.isConsole, isatty(passTo) == 1, "", ""});
     };
     m_out = stream(out, settings.passOut);
     m_err = stream(err, settings.passErr);

@@ -80,6 +80,18 @@ TEST(ReportFormats, ShowWhatWouldSteerADisplay) {
         for (const char character : texts)
             EXPECT_TRUE(character == '\n' || static_cast<unsigned char>(character) >= ' ');
     }
+    const struct {
+        const char *text, *live, *settled;
+    } lines[] = {{"\r 1 %\r 12 %\r100 %\nend\r\n", "\r 1 %\r 12 %\r100 %\nend\r\n", "100 %\nend\r\n"},
+                 {"long text\rshort", "long text\rshort", "shorttext"},
+                 {"\xc3\xa4\xc3\xb6\xc3\xbc\r\xe2\x82\xac\x1b\r", "\xc3\xa4\xc3\xb6\xc3\xbc\r\xe2\x82\xac\\x1b\r",
+                  "\xe2\x82\xac\\x1b"},
+                 {"\xc3\xa4\xc3\xb6\xc3\xbc\rx", "\xc3\xa4\xc3\xb6\xc3\xbc\rx", "x\xc3\xb6\xc3\xbc"},
+                 {"error\n\rgone\r", "error\n\rgone\r", "error\ngone"}};
+    for (const auto &row : lines) {
+        EXPECT_EQ(LiveLines(row.text), row.live);
+        EXPECT_EQ(SettledLines(row.text), row.settled);
+    }
     EXPECT_EQ(XmlMarkupEscaped("<a b=\"c\">&'"), "&#60;a b=&#34;c&#34;&#62;&#38;'");
 }
 

@@ -4,6 +4,7 @@ import contextlib
 import json
 import os
 import pathlib
+import pty
 import re
 import signal
 import subprocess
@@ -140,7 +141,7 @@ def check_hostile(folder):
     script = f"write 0 20000 image\nfrob{steering} 1\nerase 20000 4000\n"
     (update / "flashrig.script").write_bytes(script.encode() + b"frob\xff\xc2")
     (update / "progress_script.sh").write_text(f"#!/bin/sh\nprintf '%s\\r\\n' '{steering}'\n"
-                                               "printf '\\342\\200'; printf '\\256\\r' >&2; printf '\\256'\n")
+                                               "printf '\\342\\200'; printf '\\256\\r' >&2; printf '\\256\\r\\n 1 %%\\r12 %%'\n")
     (update / "progress_script.sh").chmod(0o755)
     run = subprocess.run([flashsim, *CHIP, "--ecc", "chip", *files("hostile"), "--map", "hostile.svg", "--trace", "hostile.trace",
                           "--sweep", "bad", "--sets", "0", f"--mtd=12:all{steering}", update],
@@ -148,6 +149,16 @@ def check_hostile(folder):
     assert run.returncode == 1, run
     assert b"\\x1b[2J\\x07\\x7f\\u009b31m\\u202e\r\n" in run.stdout, run.stdout
     assert b'volume 0 "\\x1b[2J"' in run.stdout and b"up\\x1b[2J" in run.stdout, run.stdout
+    assert "\u202e".encode() not in run.stdout and b"\n12 %\n" in run.stdout, run.stdout
+    # A terminal shows a line that is rewritten.
+    reader, writer = pty.openpty()
+    with subprocess.Popen([flashsim, *CHIP, update], stdout=writer, stderr=subprocess.DEVNULL):
+        os.close(writer)
+        shown = b""
+        with contextlib.suppress(OSError):
+            while part := os.read(reader, 4096):
+                shown += part
+    assert b"\r\n 1 %\r12 %\r\n  " in shown, shown
     wrong = subprocess.run([flashsim, f"none{steering}"], cwd=folder, capture_output=True, check=False)
     assert wrong.returncode == 2 and b"none\\x1b[2J" in wrong.stderr, wrong
     texts = {path.name: path.read_bytes() for path in folder.glob("hostile.*")}
