@@ -139,6 +139,16 @@ TEST_F(SimStateTest, TraceKeepsWholeLinesUpToItsLimit) {
     EXPECT_TRUE(state.TraceOverflowed());
 }
 
+TEST_F(SimStateTest, ProgramNameStaysInItsLineOfTheTrace) {
+    SimSettings settings;
+    settings.traceLimit = kTraceLimit;
+    Begin(settings);
+    SimState state(statePath());
+    state.SetProgram("evil\n\1c1 \x1b[2J", false, kGeometry.eraseSize);
+    state.BeginChange(0x20000);
+    EXPECT_EQ(state.TraceText(), PageNoteText(0x20000, "changed by evil\\x0a\\x01c1 \\x1b[2J") + "\n");
+}
+
 TEST_F(SimStateTest, PowerCutKillsEveryProcessThatGoesOn) {
     SimSettings settings;
     settings.cutAtChange = 2;
