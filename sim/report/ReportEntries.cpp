@@ -1,6 +1,7 @@
 #include "report/ReportEntries.h"
 
 #include "base/Text.h"
+#include "report/SweepReport.h"
 #include "sweep/SweepTable.h"
 #include "verdict/Finding.h"
 
@@ -95,12 +96,13 @@ void AddSweep(const ordered_json &sweep, EntryList &list) {
     }
     for (const ordered_json &gap : sweep.at("unbootable"))
         list.Add(gap, {kUnbootable, kError, 0, "",
-                       "the device does not boot after power cuts from change " + gap.at("first").dump() + " to " +
-                           gap.at("last").dump() + ": " + gap.at("why").get<std::string>(),
+                       Join(BootGapText(gap.at("first").get<std::uint64_t>(), gap.at("last").get<std::uint64_t>(),
+                                        gap.at("why").get<std::string>()),
+                            kUnbootableAdvice),
                        gap.at("command").get<std::string>(), kind, gap.at("runs").get<std::size_t>(), ""});
     for (const ordered_json &line : sweep.at("unsealed"))
         list.Add(line, {kUnsealed, "note", 0, "",
-                        "power cuts leave an environment with an invalid CRC; the boot loader finds none until a "
+                        "power cuts leave an environment with an invalid CRC; the boot loader cannot use it until a "
                         "second run has finished",
                         "", kind, line.at("runs").get<std::size_t>(), ""});
 }
@@ -115,7 +117,7 @@ std::vector<ReportRule> ReportRules() {
     for (const SweepKind &kind : kSweepKinds)
         rules.push_back(
             {std::string("sweep-") + kind.name, kError, std::string("make the update survive this: ") + kind.summary});
-    rules.push_back({kUnbootable, kError, "keep one bootable system whole until the other one is complete"});
+    rules.push_back({kUnbootable, kError, kUnbootableAdvice});
     rules.push_back({kUnsealed, "note", "keep a second copy of the environment that survives a power cut"});
     return rules;
 }

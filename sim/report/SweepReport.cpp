@@ -80,6 +80,17 @@ std::string FirstCommand(const RerunWords &words, const SweepCase &what, const s
     return copy + command + " " + words.update;
 }
 
+std::string WhyText(const BootGap &gap) {
+    if (gap.selectors.empty())
+        return gap.why;
+    std::vector<std::string> numbers;
+    for (const std::size_t number : gap.selectors)
+        numbers.push_back(std::to_string(number));
+    const bool isOne = numbers.size() == 1;
+    return gap.why + "; line" + (isOne ? " " : "s ") + JoinWords(numbers, ", ") + (isOne ? " selects" : " select") +
+           " this slot before line " + std::to_string(gap.line) + " has written it";
+}
+
 /// Adds a later shard's part of a sweep.
 void AddShard(ordered_json &whole, const ordered_json &part) {
     for (const char *count : {"runs", "done", "held"})
@@ -117,6 +128,12 @@ std::string RerunCommand(const RerunWords &words, const SweepFailure &failure) {
            words.update;
 }
 
+std::string BootGapText(std::uint64_t first, std::uint64_t last, const std::string &why) {
+    const std::string changes = std::to_string(first) + (first == last ? "" : " to " + std::to_string(last));
+    return "the device does not boot after " +
+           std::string(first == last ? "a power cut at change " : "power cuts at changes ") + changes + ": " + why;
+}
+
 std::string SweepText(const SweepResult &result, const RerunWords &words, const std::string &scriptName) {
     const std::string name = std::string("sweep ") + result.settings.kind->name;
     if (result.planned == 0)
@@ -148,16 +165,12 @@ std::string SweepText(const SweepResult &result, const RerunWords &words, const 
     for (const UnsealedLine &unsealed : result.unsealed)
         all += describe(
             unsealed.line, unsealed.text,
-            "note: the cut leaves an environment with an invalid CRC; the boot loader finds none until a second run "
+            "note: the cut leaves an environment with an invalid CRC; the boot loader cannot use it until a second run "
             "has finished",
             unsealed.runs, {});
     for (const BootGap &gap : result.gaps) {
-        all += describe(gap.line, gap.text,
-                        "the device does not boot after a power cut at change " +
-                            CutText({gap.first.cutAtChange, gap.first.cutExtent}) +
-                            (gap.last == gap.first.cutAtChange ? "" : " and up to change " + std::to_string(gap.last)) +
-                            ": " + gap.why,
-                        gap.runs, {});
+        all += describe(gap.line, gap.text, BootGapText(gap.first.cutAtChange, gap.last, WhyText(gap)), gap.runs, {});
+        all.append("    ").append(kUnbootableAdvice).append("\n");
         all += "    " + FirstCommand(words, gap.first, KeptChip(gap.first, 0), true) + "\n";
     }
     return all;
@@ -185,7 +198,9 @@ ordered_json DescribeSweep(const SweepResult &result, const RerunWords &words) {
                                        {"first", gap.first.cutAtChange},
                                        {"torn", ExtentsText({gap.first.cutExtent})},
                                        {"last", gap.last},
-                                       {"why", gap.why},
+                                       {"why", WhyText(gap)},
+                                       {"change", kUnbootableAdvice},
+                                       {"selectedBy", gap.selectors},
                                        {"command", FirstCommand(words, gap.first, KeptChip(gap.first, 0), true)}});
     for (const UnsealedLine &unsealed : result.unsealed)
         sweep["unsealed"].push_back({{"line", unsealed.line}, {"text", unsealed.text}, {"runs", unsealed.runs}});

@@ -40,9 +40,17 @@ std::string SweepText(const SweepResult &result, const RerunWords &words, const 
 ///                runs: number of such cuts
 ///   unbootable   lines with power cuts after which the device does not boot, each: line, text; runs: number of such
 ///   cuts;
-///                first, torn: the first of them; last: change of the last; why; command: for a shell, makes the chip
+///                first, torn: the first of them; last: change of the last; why and change: for people; selectedBy:
+///                numbers of earlier lines that select the slot which the line writes; command: for a shell, makes the
+///                chip
 ///   shard        "2/4" when only that part of the runs was made; else the key is missing
 nlohmann::ordered_json DescribeSweep(const SweepResult &result, const RerunWords &words);
+
+/// @return what power cuts at changes from `first` to `last` lead to, for people.
+std::string BootGapText(std::uint64_t first, std::uint64_t last, const std::string &why);
+
+/// What to change in an update with power cuts after which the device does not boot.
+constexpr const char *kUnbootableAdvice = "keep one bootable system whole until the other one is complete";
 
 /// Combines the reports of all shards into the report that one run would have given.
 /// @throws std::invalid_argument with one line when they are not all shards of the same sweeps

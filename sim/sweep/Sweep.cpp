@@ -66,6 +66,25 @@ BootRules ResolveRules(BootRules rules, const ReferenceRun &reference) {
     return rules;
 }
 
+/// @return the lines ahead of a line that make the boot loader select the slot which that line writes.
+std::vector<std::size_t> SelectorsAhead(std::size_t number, const BootRules &boot, const ReferenceRun &reference) {
+    const WholeFlash flash(reference.chip, reference.devices);
+    const auto writer = std::find_if(reference.lines.begin(), reference.lines.end(),
+                                     [number](const UpdateLine &line) { return line.number == number; });
+    const auto written = writer == reference.lines.end() ? std::nullopt : flash.RangeOf(*writer);
+    std::vector<std::size_t> selectors;
+    for (auto line = reference.lines.begin(); written && line != writer; ++line) {
+        const auto range = line->kind == LineKind::SetEnv ? flash.RangeOf(*line) : std::nullopt;
+        const bool isForLoader = range && std::any_of(boot.environments.begin(), boot.environments.end(),
+                                                      [&](const FlashRange &it) { return it.Overlaps(*range); });
+        if (isForLoader && std::any_of(boot.slots.begin(), boot.slots.end(), [&](const BootSlot &slot) {
+                return slot.range.Overlaps(*written) && line->Name() == slot.name && line->Value() == slot.value;
+            }))
+            selectors.push_back(line->number);
+    }
+    return selectors;
+}
+
 /// Texts as one message, and back.
 std::string PackTexts(const std::vector<std::string> &texts) {
     std::string packed;
@@ -390,7 +409,8 @@ SweepResult Sweeper::Run(const SweepSettings &asked,
         auto gap =
             std::find_if(result.gaps.begin(), result.gaps.end(), [line](const BootGap &it) { return it.line == line; });
         if (gap == result.gaps.end())
-            gap = result.gaps.insert(gap, {line, base.reference->TextOf(line), 0, what, 0, why});
+            gap = result.gaps.insert(gap, {line, base.reference->TextOf(line), 0, what, 0, why,
+                                           SelectorsAhead(line, settings.boot, *base.reference)});
         ++gap->runs;
         gap->last = what.cutAtChange;
     }

@@ -92,10 +92,11 @@ struct UnsealedLine {
 struct BootGap {
     std::size_t line = 0; ///< number in the script; 0 when unknown
     std::string text;
-    std::size_t runs = 0;   ///< number of such cuts
-    SweepCase first;        ///< the first of them
-    std::uint64_t last = 0; ///< change of the last of them
-    std::string why;        ///< of the first
+    std::size_t runs = 0;               ///< number of such cuts
+    SweepCase first;                    ///< the first of them
+    std::uint64_t last = 0;             ///< change of the last of them
+    std::string why;                    ///< of the first
+    std::vector<std::size_t> selectors; ///< earlier lines that select the slot which the line writes
 };
 
 struct SweepResult {

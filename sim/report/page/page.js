@@ -197,13 +197,35 @@ const failedRuns = data.sweeps.reduce((sum, sweep) => sum + sweep.done - sweep.h
 const severities = {error: 0, warning: 0, note: 0};
 for (const finding of data.findings) ++severities[finding.severity];
 
+/// "change 5", "changes 5 to 9".
+const changesText = gap => gap.first === gap.last ? `change ${gap.first}` : `changes ${gap.first} to ${gap.last}`;
+
+/// "line 2", "lines 2, 3".
+const linesText = lines => `line${lines.length === 1 ? '' : 's'} ${lines.join(', ')}`;
+
+/// Lines that select a slot before a later line has written it; reports of older versions have none.
+const selectorsOf = gap => gap.selectedBy || [];
+
+/// The flash that a line changes from one change to another, in whole blocks.
+function placeText(gap) {
+  if (!history) return '';
+  let begin = Infinity, end = 0;
+  for (let change = gap.first - 1; change < gap.last; ++change) {
+    if (history.lines[change] !== gap.line) continue;
+    begin = Math.min(begin, history.blocks[change]);
+    end = Math.max(end, history.blocks[change] + 1);
+  }
+  return begin < end ? `, while ${hex(begin * chip.eraseSize)} to ${hex(end * chip.eraseSize - 1)} of the chip is changed` : '';
+}
+
 function showVerdict() {
   $('update').textContent = `Update ${data.update}`;
   const isSafe = data.verdict === 'clean' && failedRuns === 0 && unbootable.length === 0 && !isInterrupted;
   $('verdict').className = isSafe ? 'safe' : 'unsafe';
-  const linesText = gaps => [...new Set(gaps.map(gap => gap.line))].join(', ');
+  const early = [...new Set(unbootable.flatMap(selectorsOf))];
   $('headline').textContent =
-    unbootable.length ? `NOT SAFE: a power cut in line ${linesText(unbootable)} leaves a device that does not boot`
+    unbootable.length ? `NOT SAFE: a power cut in ${linesText([...new Set(unbootable.map(gap => gap.line))])} leaves a device that does not boot` +
+      (early.length ? `, as ${linesText(early)} switch${early.length === 1 ? 'es' : ''} to the new system too early` : '')
     : failedRuns ? `NOT SAFE: ${count(failedRuns, 'rehearsed trouble')} did damage`
     : isInterrupted ? 'INCOMPLETE: interrupted before the end'
     : data.verdict !== 'clean' ? `NOT CLEAN: ${count(severities.error, 'error')}, ${count(severities.warning, 'warning')}`
@@ -214,14 +236,14 @@ function showVerdict() {
   fact(`The run: ${data.verdict === 'clean' ? 'clean' : 'not clean'}, ${carried} of ${count(data.lines.length, 'line')} ran to the end`,
        data.verdict === 'clean' ? 'good' : 'bad');
   for (const sweep of data.sweeps) {
-    const title = {cut: 'Power cuts', bad: 'Bad blocks', faults: 'Failing requests', wear: 'Worn-out blocks', pairs: 'Pairs of troubles'}[sweep.kind];
+    const title = {cut: 'Power cut, then the update again', bad: 'Bad blocks', faults: 'Failing requests', wear: 'Worn-out blocks', pairs: 'Pairs of troubles'}[sweep.kind];
     fact(`${title || sweep.kind}: ${sweep.held} of ${count(sweep.done, 'run')} passed` +
          (sweep.every > 1 ? ` (one in ${sweep.every} places)` : '') +
          (sweep.interrupted ? `, interrupted with ${sweep.runs - sweep.done} to go` : ''),
          sweep.held === sweep.done && !sweep.interrupted ? 'good' : 'bad');
     const gaps = sweep.unbootable.reduce((sum, gap) => sum + gap.runs, 0);
-    if (gaps) fact(`Does not boot after ${count(gaps, 'power cut')}`, 'bad');
-    else if (sweep.bootChecked && !sweep.interrupted) fact('Boots after each rehearsed power cut', 'good');
+    if (gaps) fact(`Power cut alone: does not boot after ${gaps} of ${sweep.done}`, 'bad');
+    else if (sweep.bootChecked && !sweep.interrupted) fact('Power cut alone: boots after each', 'good');
     else if (sweep.kind === 'cut') fact('Whether the device boots was not checked', 'warn');
   }
   const missing = data.kinds.filter(kind => !data.sweeps.some(sweep => sweep.kind === kind));
@@ -248,9 +270,10 @@ function showProblems() {
   for (const gap of unbootable) {
     const show = history ? [showButton(gap.first, () => { select(null); setTime(gap.first); })] : [];
     add('error', 'Does not boot', gap, [
-      make('p', {}, `Power lost ${gap.first === gap.last ? `at change ${gap.first}` : `at changes ${gap.first} to ${gap.last}`}` +
-           ` (${count(gap.runs, 'cut')} of ${gap.sweep.done}) leaves a device that does not boot: ${gap.why}.`),
-      make('p', {class: 'dim'}, 'To reproduce, make the chip that does not boot:'), copyable(gap.command, ...show)]);
+      make('p', {}, `Power lost at ${changesText(gap)}${placeText(gap)} (${count(gap.runs, 'cut')} of ${gap.sweep.done}) ` +
+           `leaves a device that does not boot, so that the update cannot run again: ${gap.why}.`),
+      make('p', {class: 'dim'}, 'To reproduce, make the chip that does not boot:'), copyable(gap.command, ...show),
+      ...(gap.change ? [make('p', {class: 'advice'}, `${capital(gap.change)}.`)] : [])]);
   }
   for (const sweep of data.sweeps) {
     // One card for a line, with all that can happen there.
@@ -278,7 +301,7 @@ function showProblems() {
   for (const sweep of data.sweeps) {
     for (const line of sweep.unsealed)
       notes.append(make('article', {class: 'problem note'}, lineTitle('note', line.line, line.text),
-        make('p', {}, `${count(line.runs, 'power cut')} leave an environment with an invalid CRC; the boot loader finds none until a second run has finished.`)));
+        make('p', {}, `${count(line.runs, 'power cut')} leave an environment with an invalid CRC; the boot loader cannot use it until a second run has finished.`)));
   }
   if (!box.children.length) box.append(make('p', {class: 'good'}, 'Nothing: there is no error and no warning.'));
   const noteCount = notes.children.length - 1;
@@ -302,7 +325,9 @@ function showScript() {
       if (severity === 'error' || (severity === 'warning' && worst !== 'error')) worst = severity;
       notes.append(make('p', {class: severity}, make('span', {class: 'tag'}, severity), text));
     };
-    for (const gap of unbootable) if (gap.line === number) add('error', `does not boot after a power cut at changes ${gap.first} to ${gap.last}`);
+    for (const gap of unbootable) if (gap.line === number) add('error', `does not boot after a power cut at ${changesText(gap)}`);
+    for (const gap of unbootable)
+      if (selectorsOf(gap).includes(number)) add('error', `selects the slot that line ${gap.line} has not written yet: no boot after a power cut in that line`);
     for (const sweep of data.sweeps) for (const group of sweep.failures)
       if (group.line === number) add('error', `sweep ${sweep.kind}: ${group.happens} [${count(group.count, 'run')}]`);
     for (const finding of data.findings) if (finding.line === number) add(finding.severity, `${finding.happens} [${finding.kind}]`);
@@ -431,7 +456,7 @@ function makeStrips() {
   for (const sweep of data.sweeps) {
     const timed = sweep.runsFailed.filter(run => run.time !== null);
     if (sweep.unbootable.length)
-      addStrip('Does not boot', `Power cuts after which the device does not boot: ${sweep.unbootable.map(gap => `changes ${gap.first} to ${gap.last}, line ${gap.line}`).join('; ')}`, (context, width) => {
+      addStrip('Does not boot', `Power cuts after which the device does not boot: ${sweep.unbootable.map(gap => `${changesText(gap)}, line ${gap.line}`).join('; ')}`, (context, width) => {
         context.fillStyle = colour('--window');
         for (const gap of sweep.unbootable) {
           const left = xOf(gap.first - 0.5, width), right = xOf(gap.last + 0.5, width);
@@ -471,7 +496,7 @@ function drawStrips() {
   }
 }
 
-const map = {columns: 1, cell: 1};
+const map = {columns: 1, cell: 1, image: document.createElement('canvas')};
 
 function layOutMap() {
   const width = $('map').parentElement.clientWidth;
@@ -496,12 +521,25 @@ function drawMap() {
   const colours = data.looks.map((look, mark) => markColour(mark));
   const counts = new Array(data.looks.length).fill(0);
   const at = block => [block % columns * cell, Math.floor(block / columns) * cell];
+  // One scaled image: thousands of rectangles make the slider slow.
+  const image = new ImageData(columns, rows);
+  const states = new Uint8Array(blockCount);
+  const bytes = colours.map(text => [1, 3, 5].map(place => parseInt(text.substr(place, 2), 16)));
   for (let block = 0; block < blockCount; ++block) {
-    const state = history.state(block, shown.time);
+    const state = states[block] = history.state(block, shown.time);
     ++counts[state];
-    const [x, y] = at(block);
-    context.fillStyle = colours[state];
-    context.fillRect(x, y, cell - gap, cell - gap);
+    image.data.set(bytes[state], 4 * block);
+    image.data[4 * block + 3] = 255;
+  }
+  const small = map.image;
+  [small.width, small.height] = [columns, rows];
+  small.getContext('2d').putImageData(image, 0, 0);
+  context.imageSmoothingEnabled = false;
+  context.drawImage(small, 0, 0, columns, rows, 0, 0, width, height);
+  for (let column = 1; gap && column <= columns; ++column) context.clearRect(column * cell - gap, 0, gap, height);
+  for (let row = 1; gap && row <= rows; ++row) context.clearRect(0, row * cell - gap, width, gap);
+  for (let block = 0; block < blockCount; ++block) {
+    const [state, [x, y]] = [states[block], at(block)];
     if (state >= BAD && cell >= 8) {
       // Not by colour alone.
       context.strokeStyle = colour('--back');

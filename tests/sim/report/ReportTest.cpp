@@ -65,7 +65,7 @@ SweepResult Swept(const char *kind) {
                        {3, {{}, 31, Extent::Complete}, 0, "", "otherwise", "change it"},
                        {4, fault, 1, "erase 0 400", "it is so", ""}};
     result.unsealed = {{1, "erase 0 400", 2}};
-    result.gaps = {{1, "erase 0 400", 3, {{}, 31, Extent::Complete}, 33, "why"}};
+    result.gaps = {{1, "erase 0 400", 3, {{}, 31, Extent::Complete}, 33, "why", {}}};
     return result;
 }
 
@@ -169,6 +169,8 @@ TEST(Report, HasTheseKeysAndNoOthers) {
                                            "sweeps.unbootable.torn",
                                            "sweeps.unbootable.last",
                                            "sweeps.unbootable.why",
+                                           "sweeps.unbootable.change",
+                                           "sweeps.unbootable.selectedBy",
                                            "sweeps.unbootable.command"}));
 }
 

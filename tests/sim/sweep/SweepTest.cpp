@@ -249,9 +249,10 @@ TEST_F(Sweep, FindsTheWindowsInWhichADeviceDoesNotBoot) {
     const struct {
         const char *update, *device;
         int line, first, last;
+        std::vector<int> selectors = {};
     } rows[] = {
         {"boots-always", "ab", 0, 0, 0},
-        {"early-selector", "ab", 4, 67, 166},
+        {"early-selector", "ab", 4, 67, 166, {2, 3}},
         {"environment-in-place", "ab-one-environment", 3, 101, 133},
         {"loader-in-place", "ab", 2, 1, 33},
     };
@@ -265,6 +266,7 @@ TEST_F(Sweep, FindsTheWindowsInWhichADeviceDoesNotBoot) {
             continue;
         EXPECT_EQ(gaps[0]["line"], row.line) << gaps;
         EXPECT_EQ(gaps[0]["first"], row.first) << gaps;
+        EXPECT_EQ(gaps[0]["selectedBy"], row.selectors) << gaps;
         EXPECT_EQ(gaps[0]["last"], row.last) << gaps;
         // Each torn change and each finished one but the last.
         EXPECT_EQ(gaps[0]["runs"], 2 * (row.last - row.first + 1) - 1) << gaps;
