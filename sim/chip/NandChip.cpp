@@ -475,8 +475,11 @@ NandChip::Programmed NandChip::Program(std::uint32_t page, const PageProgram &pr
     return {(state & kWeakPage) == 0, lost};
 }
 
-/// Puts the ECC of a program's data into the page's OOB bytes.
+/// Puts the ECC of a program's data into the page's OOB bytes. The kernel fills the page up with 0xFF, whose ECC is
+/// 0xFF as well: that of the other steps changes no cell, whatever OOB bytes the request has there.
 void NandChip::FillEcc(const PageProgram &program, std::uint8_t *oob) const {
+    for (const std::uint32_t other : m_eccOob)
+        oob[other] = kErasedByte;
     const std::uint32_t *place = &m_eccOob[std::size_t{program.column / Hamming::kStep} * Hamming::kBytes];
     for (std::uint32_t done = 0; done < program.length; done += Hamming::kStep) {
         for (const std::uint8_t code : Hamming::Compute(program.data + done))

@@ -155,6 +155,10 @@ TEST_F(MtdDeviceTest, PageWritesFollowTheKernelsChecks) {
     EXPECT_EQ(oobText(3), all);
     EXPECT_EQ(oobText(4).substr(8), all.substr(8));
     EXPECT_EQ(oobText(5), all);
+    // Half a page with OOB bytes: those of the other half's ECC stay erased.
+    EXPECT_EQ(WritePage(7 * kPage + kPage / 2, kPage / 2, kOob, MTD_OPS_PLACE_OOB), 0);
+    EXPECT_EQ(oobText(7).substr(0, 3), untouched.substr(0, 3));
+    EXPECT_EQ(oobText(7).substr(8), all.substr(8));
     EXPECT_EQ(events.notes, "");
     EXPECT_EQ(WritePage(0, kPage, 0, MTD_OPS_PLACE_OOB), 0);
     buffer[0] = 0xFF;
