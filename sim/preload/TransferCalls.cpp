@@ -266,7 +266,10 @@ INTERPOSED void *mmap64(void *place, size_t length, int protection, int flags, i
     if (!IsSimulated(fd) || (flags & MAP_ANONYMOUS) != 0)
         return nextMmap64(place, length, protection, flags, fd, offset);
     NoteCall("mmap", fd);
-    errno = ENODEV;
+    // The kernel looks at the access mode before it asks the device.
+    const int access = FlagsOfDevice(fd) & O_ACCMODE;
+    const bool writes = (flags & MAP_TYPE) != MAP_PRIVATE && (protection & PROT_WRITE) != 0;
+    errno = access == O_WRONLY || (writes && access == O_RDONLY) ? EACCES : ENODEV;
     return MAP_FAILED;
 }
 

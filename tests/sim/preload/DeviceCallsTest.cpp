@@ -248,13 +248,20 @@ TEST_F(Devices, MoveVectorsAndAtOffsets) {
 TEST_F(Devices, RefuseWhatACharacterDeviceWithoutTheOperationRefuses) {
     const int file = open("/tmp/file", O_RDWR | O_CREAT | O_TRUNC, 0600);
     ASSERT_EQ(write(file, page, kPage), kPage);
+    const int reader = open("/dev/mtd0", O_RDONLY);
+    const int writer = open("/dev/mtd0", O_WRONLY);
+    const auto map = [](int device, int protection) {
+        return mmap(nullptr, kPage, protection, MAP_SHARED, device, 0) == MAP_FAILED ? -1L : 0L;
+    };
     epoll_event event = {};
     const struct {
         const char *name;
         std::function<long()> call;
         int error;
     } rows[] = {
-        {"mmap", [&] { return mmap(nullptr, kPage, PROT_READ, MAP_SHARED, fd, 0) == MAP_FAILED ? -1L : 0L; }, ENODEV},
+        {"mmap", [&] { return map(fd, PROT_READ | PROT_WRITE); }, ENODEV},
+        {"mmap to read what is open to write", [&] { return map(writer, PROT_READ); }, EACCES},
+        {"mmap to write what is open to read", [&] { return map(reader, PROT_WRITE); }, EACCES},
         {"ftruncate", [&]() -> long { return ftruncate(fd, 0); }, EINVAL},
         {"fallocate", [&]() -> long { return fallocate(fd, 0, 0, kPage); }, ENODEV},
         {"fsync", [&]() -> long { return fsync(fd); }, EINVAL},
@@ -274,7 +281,8 @@ TEST_F(Devices, RefuseWhatACharacterDeviceWithoutTheOperationRefuses) {
     int number = -1;
     EXPECT_EQ(ioctl(fd, static_cast<unsigned long>(static_cast<int>(MEMGETREGIONCOUNT)), &number), 0);
     EXPECT_EQ(number, 0);
-    close(file);
+    for (const int open : {file, reader, writer})
+        close(open);
 }
 
 TEST_F(Devices, AreAlwaysReady) {
