@@ -384,6 +384,9 @@ void MtdDevice::Shorten(std::uint64_t start, Operation &operation) const {
 int MtdDevice::CheckRange(std::uint64_t start, const Operation &operation) const {
     if (start > m_part.size || operation.length > m_part.size - start)
         return -EINVAL;
+    // OOB bytes alone, be it none, begin on a page of the device.
+    if (start == m_part.size && operation.data == nullptr && operation.out == nullptr)
+        return -EINVAL;
     if (operation.oobLength == 0)
         return 0;
     const std::uint32_t available = OobAvailable(operation.mode);

@@ -60,6 +60,12 @@ ssize_t MoveParts(Direction direction, int fd, const iovec *parts, int count, co
     constexpr int kMostParts = 1024;
     if (count < 0 || count > kMostParts)
         return Return<ssize_t>(-EINVAL);
+    // The kernel never asks the device for nothing at all.
+    if (std::all_of(parts, parts + count, [](const iovec &part) { return part.iov_len == 0; })) {
+        const int unfit = direction == Direction::Read ? O_WRONLY : O_RDONLY;
+        const bool isNegative = offset != nullptr && *offset < 0;
+        return Return<ssize_t>(isNegative ? -EINVAL : (FlagsOfDevice(fd) & O_ACCMODE) == unfit ? -EBADF : 0);
+    }
     ssize_t total = 0;
     for (int i = 0; i < count; ++i) {
         const off64_t place = offset != nullptr ? *offset + total : 0;

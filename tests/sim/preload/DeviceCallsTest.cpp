@@ -241,6 +241,13 @@ TEST_F(Devices, MoveVectorsAndAtOffsets) {
     EXPECT_EQ(pwritev(fd, parts, 1, kBlock), kPage);
     EXPECT_EQ(pwrite(fd, page, kPage, kBlock + 1), -1);
     EXPECT_EQ(errno, EINVAL);
+    // Nothing at all is no write at the end, which would have no room.
+    const iovec none[] = {{page, 0}, {other, 0}};
+    EXPECT_EQ(pwritev(fd, none, 2, 64 * kBlock), 0);
+    EXPECT_EQ(pwrite(fd, page, 0, 64 * kBlock), -1);
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(pwritev(fd, none, 2, -1), -1);
+    EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(pread(fd, page, kPage, -1), -1);
     EXPECT_EQ(errno, EINVAL);
 }
