@@ -24,8 +24,9 @@ remove_flash() {
         umount "$place" || umount -l "$place"
     done
     [ ! -e /sys/class/ubi/ubi0 ] || ubidetach -d 0
-    rmmod rawwrite
-    rmmod nandsim
+    for module in rawwrite flashlog nandsim; do
+        rmmod $module || true
+    done
     ! grep -q ^nandsim /proc/modules
 } >/dev/null 2>&1
 
