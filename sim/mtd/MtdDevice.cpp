@@ -415,6 +415,9 @@ int MtdDevice::WriteData(std::uint64_t start, const Operation &operation) {
         program.column = static_cast<std::uint32_t>((start + done) % pageSize);
         program.length =
             static_cast<std::uint32_t>(std::min<std::uint64_t>(pageSize - program.column, operation.length - done));
+        // The kernel completes a part of a page in the buffer that holds the kept page.
+        if (program.length < pageSize)
+            m_part.cache.page = PageCache::kNone;
         const std::uint64_t oobPart =
             std::min<std::uint64_t>(operation.oobLength - oobDone, OobAvailable(operation.mode));
         if (const int error = ProgramPage(start + done, program, operation, oobDone, oobPart))

@@ -366,6 +366,11 @@ TEST_F(MtdDeviceTest, PageReadsTellTheWorkOfTheEcc) {
     file.position = 0;
     EXPECT_EQ(device.Read(file, buffer.data(), 10), 10);
     EXPECT_EQ(counters.corrected, 4U);
+    // A write of a part of any page takes that memory.
+    EXPECT_EQ(WritePage(8 * kPage, kPage / 2, 0, MTD_OPS_RAW), 0);
+    file.position = 0;
+    EXPECT_EQ(device.Read(file, buffer.data(), 10), 10);
+    EXPECT_EQ(counters.corrected, 5U);
 }
 
 /// The argument of MTDFILEMODE, a number in place of an address.
