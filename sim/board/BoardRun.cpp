@@ -4,6 +4,8 @@
 #include "base/Text.h"
 #include "chip/ChipFile.h"
 #include "mtd/ErasedLook.h"
+#include "verdict/FlashRanges.h"
+#include "verdict/UpdateLines.h"
 
 #include <algorithm>
 #include <array>
@@ -35,6 +37,7 @@ constexpr std::size_t kMostParameter = 1000; ///< characters of one parameter of
 constexpr int kSlowness = 10;                ///< seconds of the board for each of --timeout
 constexpr int kBootSeconds = 300;
 constexpr char kRecordMark = '\1';
+constexpr const char *kUpdateMark = "board: the update begins"; ///< in the kernel's log
 
 /// Sizes of pages that the kernel's NAND simulator and its ECC know, with the ID byte for them.
 constexpr struct {
@@ -192,7 +195,7 @@ public:
     const std::string &Path() const { return m_path; }
     std::string Result(const char *name) const { return Content(m_path + "/results/" + name); }
 
-    void Fill(const NandChip &chip, const std::string &cells) const {
+    void Fill(const NandChip &chip, const std::string &cells, const std::string &script) const {
         const NandGeometry &geometry = chip.Geometry();
         const auto link = [this](const std::string &target, const char *name) {
             if (!target.empty())
@@ -211,7 +214,8 @@ public:
         job << "nandsim=" << ShellWord(NandsimParameters(chip)) << "\npage=" << geometry.pageSize
             << "\nerase=" << geometry.eraseSize << "\nbytes=" << geometry.size << "\nraw=" << geometry.RawSize()
             << "\nloads=" << (isErased ? "no" : "yes") << "\nresults_at=" << ResultsAt(geometry)
-            << "\ndisk_size=" << ResultsAt(geometry) * kMiB + kResultRoom << "\ncut=" << m_settings.sim.cutAtChange
+            << "\nstart_at=" << StartAt(geometry) << "\ndisk_size=" << (StartAt(geometry) + ResultsAt(geometry)) * kMiB
+            << "\ncut=" << m_settings.sim.cutAtChange
             << "\nextent=" << ExtentNumber(m_settings.sim.cutExtent).value_or(1) << "\nseconds=" << Seconds()
             << "\nstream=" << (m_settings.isConsole ? "console" : "pipe") << "\nplace=" << ShellWord(m_settings.place)
             << "\nprogram=" << ShellWord(program) << "\n";
@@ -224,13 +228,31 @@ public:
         Write(m_path + "/arguments", Lines(m_settings.arguments));
         Write(m_path + "/mounts", Lines(m_settings.mounts));
         Write(m_path + "/starts", Lines(m_settings.starts));
+        std::string environments;
+        for (const SetRange &range :
+             FindSetRanges(ReadUpdateLines(VisibleScript(script)), chip, m_settings.sim.devices)) {
+            const std::string line = std::to_string(range.offset) + " " + std::to_string(range.size) + "\n";
+            if (environments.find(line) == std::string::npos)
+                environments += line;
+        }
+        Write(m_path + "/environments", environments);
+    }
+
+    /// The cells that the board read after the run, or from ahead of it.
+    std::ifstream CellsAfter() const { return std::ifstream(m_path + "/disk", std::ios::binary); }
+    std::ifstream CellsBefore(const NandGeometry &geometry) const {
+        std::ifstream file = CellsAfter();
+        file.seekg(static_cast<std::streamoff>(StartAt(geometry) * kMiB));
+        return file;
     }
 
     /// Seconds that the update may take on the board.
     int Seconds() const { return std::max(m_settings.milliseconds / 1000, 1) * kSlowness; }
 
 private:
+    // Places on the disk in MiB: cells, results, cells before the run.
     static std::uint64_t ResultsAt(const NandGeometry &geometry) { return geometry.RawSize() / kMiB + 1; }
+    static std::uint64_t StartAt(const NandGeometry &geometry) { return ResultsAt(geometry) + kResultRoom / kMiB; }
 
     const RunSettings &m_settings;
     const std::string m_path;
@@ -271,6 +293,33 @@ bool Boot(const std::string &command, const std::string &folder, int seconds, co
     if (status != 0)
         throw std::runtime_error("the board did not run: " + command + " failed");
     return true;
+}
+
+/// Makes the chip what the board's was when the update began: mounting may have changed cells.
+void TakeStart(std::ifstream file, NandChip &chip) {
+    const NandGeometry &geometry = chip.Geometry();
+    const std::uint32_t pages = geometry.PagesPerBlock();
+    const std::size_t raw = geometry.RawPageSize();
+    std::vector<std::uint8_t> cells(pages * raw);
+    for (std::uint32_t block = 0; block < geometry.Blocks(); ++block) {
+        if (!file.read(reinterpret_cast<char *>(cells.data()), static_cast<std::streamsize>(cells.size())))
+            throw std::runtime_error("the board left no whole chip from before the run");
+        if (std::equal(cells.begin(), cells.end(), chip.Cells(block * pages)))
+            continue;
+        chip.Erase(block);
+        for (std::uint32_t page = 0; page < pages; ++page) {
+            const std::uint8_t *bytes = cells.data() + page * raw;
+            if (std::all_of(bytes, bytes + raw, [](std::uint8_t byte) { return byte == 0xFF; }))
+                continue;
+            NandChip::PageProgram program;
+            program.data = bytes;
+            program.length = geometry.pageSize;
+            program.oob = bytes + geometry.pageSize;
+            program.oobLength = geometry.oobSize;
+            chip.Program(block * pages + page, program);
+        }
+    }
+    chip.ForgetMarks();
 }
 
 /// Brings the requests and the updater's record into the state of the run.
@@ -321,10 +370,9 @@ public:
     }
 
     /// @throws std::runtime_error when a block differs that has not been changed: nothing on the board is trusted then
-    void TakeCells(const std::string &path) {
+    void TakeCells(std::ifstream file) {
         const NandGeometry &geometry = m_chip.Geometry();
         const std::uint32_t pages = geometry.PagesPerBlock();
-        std::ifstream file(path, std::ios::binary);
         NandChip::BlockImage image;
         for (std::uint32_t block = 0; block < geometry.Blocks(); ++block) {
             m_chip.SaveBlock(block, image);
@@ -372,11 +420,12 @@ void TakeMarks(const std::string &trace, const std::vector<SimDevice> &devices, 
     }
 }
 
-void TakeCounters(const std::string &text, SimState &state) {
+void TakeCounters(const std::string &text, SimState &state, BoardFinds &finds) {
     const std::vector<SimDevice> devices = state.Devices();
     std::istringstream lines(text);
     int number = 0;
     for (std::uint32_t corrected, failed, bad; lines >> number >> corrected >> failed >> bad;) {
+        finds.counters.push_back({number, corrected, failed, bad});
         for (std::size_t i = 0; i < devices.size(); ++i) {
             if (devices[i].number != number)
                 continue;
@@ -384,6 +433,17 @@ void TakeCounters(const std::string &text, SimState &state) {
             state.Counters(i).failed = failed;
             state.Counters(i).badBlocks = bad;
         }
+    }
+}
+
+/// Takes the kernel's log from the mark on with which the board begins the update.
+void TakeLog(const std::string &text, BoardFinds &finds) {
+    std::istringstream lines(text);
+    bool hasBegun = false;
+    for (std::string line; std::getline(lines, line);) {
+        if (hasBegun)
+            finds.kernelLog.push_back(VisibleText(line));
+        hasBegun = hasBegun || line.find(kUpdateMark) != std::string::npos;
     }
 }
 
@@ -425,15 +485,28 @@ void CheckBoard(const RunSettings &settings, const NandChip &chip) {
         throw std::invalid_argument("the board has " + lack);
 }
 
+std::vector<SetRange> FindSetRanges(const std::vector<UpdateLine> &lines, const NandChip &chip,
+                                    const std::vector<SimDevice> &devices) {
+    const WholeFlash flash(chip, devices);
+    std::vector<SetRange> ranges;
+    for (const UpdateLine &line : lines) {
+        const std::optional<FlashRange> range = flash.RangeOf(line);
+        if (line.kind == LineKind::SetEnv && line.isComplete && range && flash.IsOnFlash(*range))
+            ranges.push_back({line, static_cast<std::int64_t>(flash.OnChip(range->begin)), range->end - range->begin});
+    }
+    return ranges;
+}
+
 RunOutcome RunOnBoard(const RunSettings &settings, const std::string &command, const std::string &chip,
-                      const std::string &statePath, const HeldSignals &signals, std::string &found) {
+                      const std::string &statePath, const HeldSignals &signals, const std::string &twin,
+                      BoardFinds &finds) {
     ChipFile file(chip);
     CheckBoard(settings, file.Chip());
     RunOutcome outcome = ReadUpdate(settings, chip, statePath, signals);
     if (outcome.isInterrupted || outcome.isOverdue)
         return outcome;
     const Folder folder(settings, statePath + ".board");
-    folder.Fill(file.Chip(), chip);
+    folder.Fill(file.Chip(), chip, outcome.script);
     SimState::Create(statePath, settings.sim);
     SimState state(statePath);
     state.BeginCounters(file.Chip());
@@ -444,7 +517,13 @@ RunOutcome RunOnBoard(const RunSettings &settings, const std::string &command, c
     const std::string problem = folder.Result("problem");
     if (!problem.empty())
         throw std::runtime_error("the board could not run the update: " + problem.substr(0, problem.find('\n')));
-    found = folder.Result("found");
+    if (!folder.Result("start").empty())
+        TakeStart(folder.CellsBefore(file.Chip().Geometry()), file.Chip());
+    if (!twin.empty())
+        ChipFile::Copy(chip, twin);
+    ReadFound(folder.Result("found"), finds);
+    TakeLog(folder.Result("dmesg"), finds);
+    finds.bootSeconds = std::strtod(folder.Result("started").c_str(), nullptr);
     outcome.out = folder.Result("out");
     outcome.err = folder.Result("err");
     for (std::string *text : {&outcome.out, &outcome.err}) {
@@ -455,9 +534,9 @@ RunOutcome RunOnBoard(const RunSettings &settings, const std::string &command, c
     TakeTrace(trace, state);
     ChangeTaker taker(file.Chip(), state);
     taker.TakeChanges(folder.Result("changes"));
-    taker.TakeCells(folder.Path() + "/disk");
+    taker.TakeCells(folder.CellsAfter());
     TakeMarks(trace, settings.sim.devices, file.Chip());
-    TakeCounters(folder.Result("counters"), state);
+    TakeCounters(folder.Result("counters"), state, finds);
     // Last: no request is noted without power.
     TakeEnd(folder.Result("end"), outcome, state);
     Pass(settings.passOut, outcome.out);

@@ -192,6 +192,8 @@ constexpr OptionRow kOptions[] = {
      "run the update on the virtual ARM board that COMMAND boots: board/machine"},
     {kRun, "--compare", "", &Options::isCompared, Rerun::Omitted,
      "with --board: also run the update on the simulator, and show the first difference"},
+    {kRun, "--expect", "FILE", &Options::expect, Rerun::Repeated,
+     "with --board: files of UBI volumes after the update, as sha256sum lists them: SUM  VOLUME/PATH", CheckPresent},
     {kRun, "--fault", "KIND[:N]=ERRNO", &Options::faults, Rerun::Repeated,
      "each request of the kind fails, or only the N-th", nullptr, FaultWords},
     {kRun, "--cut", "N[:STATE]", &Options::cut, Rerun::OfTheRun,
@@ -336,6 +338,8 @@ void CheckTogether(const CLI::App &app, const Options &options) {
         throw std::invalid_argument("--history begins on a new chip: it goes with neither --after, --flash nor --raw");
     if (options.isCompared && (options.board.empty() || options.isRaw))
         throw std::invalid_argument("--compare needs --board, and goes without --raw");
+    if (!options.expect.empty() && (options.board.empty() || options.isRaw))
+        throw std::invalid_argument("--expect needs --board, and goes without --raw");
     if (!options.sweeps.empty() && !options.board.empty())
         throw std::invalid_argument("the board makes no sweeps: --sweep goes without --board");
     for (const OptionRow &row : kOptions) {

@@ -35,6 +35,7 @@ struct Options {
     std::string program;
     std::string board;
     bool isCompared = false;
+    std::string expect;
     std::vector<std::string> faults;
     std::string cut; ///< empty: never
     std::string eraseFails;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
+#include <regex>
 #include <sstream>
 #include <vector>
 
@@ -17,11 +18,14 @@ std::string Differ(const std::string &what, const std::string &simulator, const 
     return what + ": " + simulator + " on the simulator, " + board + " on the board";
 }
 
+/// @return the lines of the updater's output. Process ids, which it prints as "####123###", are those of the machine:
+///         "####?###".
 std::vector<std::string> LinesOf(const std::string &text) {
+    static const std::regex processId("####[0-9]+###");
     std::vector<std::string> lines;
     std::istringstream stream(text);
     for (std::string line; std::getline(stream, line);)
-        lines.push_back(line);
+        lines.push_back(std::regex_match(line, processId) ? "####?###" : line);
     return lines;
 }
 
@@ -39,12 +43,17 @@ std::string CompareLines(const std::string &what, const std::vector<std::string>
     return "";
 }
 
-/// @return a line for each finding, but for the note that the simulator ran another program in place of one for ARM.
+/// Findings that one of both alone can have: the simulator ran another program in place of one for ARM; the board's
+/// tools looked at the chip.
+constexpr FindingId kOneSided[] = {FindingId::ReplacedProgram, FindingId::EnvironmentUnreadable,
+                                   FindingId::UnexpectedFile};
+
+/// @return a line for each other finding.
 std::vector<std::string> FindingLines(const Verdict &verdict) {
-    const std::string replaced = FindingRows()[static_cast<std::size_t>(FindingId::ReplacedProgram)].kind;
     std::vector<std::string> lines;
     for (const Finding &finding : verdict.findings) {
-        if (finding.kind == replaced)
+        if (std::any_of(std::begin(kOneSided), std::end(kOneSided),
+                        [&](FindingId id) { return finding.kind == FindingRows()[static_cast<std::size_t>(id)].kind; }))
             continue;
         lines.push_back("line " + std::to_string(finding.line) + ": " + finding.happens + " [" + finding.kind + "]");
     }

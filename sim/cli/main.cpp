@@ -5,6 +5,7 @@
 #include "base/ScopedFd.h"
 #include "base/TempFolder.h"
 #include "base/Text.h"
+#include "board/BoardFinds.h"
 #include "board/BoardRun.h"
 #include "chip/ChipFile.h"
 #include "cli/Options.h"
@@ -228,6 +229,20 @@ bool IsSameOnSimulator(const RunSettings &settings, const JudgedRun &board, cons
     return difference.empty();
 }
 
+/// Adds what the board's kernel finds after the run to the verdict. A run that was cut leaves environments as it will.
+void AddFinds(const BoardFinds &finds, const std::vector<ExpectedFile> &expected, const NandChip &chip,
+              const RunRecord &record, Verdict &verdict) {
+    std::vector<UpdateLine> setters;
+    for (const LineVerdict &line : verdict.lines) {
+        if (line.ChangedVariable() && record.cutPlace.empty())
+            setters.push_back(line.line);
+    }
+    std::vector<Finding> findings = JudgeFinds(finds, FindSetRanges(setters, chip, record.devices), expected);
+    std::move(findings.begin(), findings.end(), std::back_inserter(verdict.findings));
+    std::stable_sort(verdict.findings.begin(), verdict.findings.end(),
+                     [](const Finding &a, const Finding &b) { return a.line < b.line; });
+}
+
 int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &words, const TempFolder &folder,
                  const HeldSignals &signals, bool &hasRun);
 
@@ -279,13 +294,13 @@ int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &wor
     const RunSettings settings = MakeSettings(options, files, chip.Chip().Geometry());
     if (!options.board.empty())
         CheckBoard(settings, chip.Chip());
-    const std::string twin = folder.File("twin");
-    if (options.isCompared)
-        ChipFile::Copy(path, twin);
-    std::string found;
+    const std::vector<ExpectedFile> expected =
+        options.expect.empty() ? std::vector<ExpectedFile>() : ReadExpectedFiles(options.expect);
+    const std::string twin = options.isCompared ? folder.File("twin") : "";
+    BoardFinds finds;
     const RunOutcome outcome = options.board.empty()
                                    ? RunUpdate(settings, path, statePath, signals)
-                                   : RunOnBoard(settings, options.board, path, statePath, signals, found);
+                                   : RunOnBoard(settings, options.board, path, statePath, signals, twin, finds);
     hasRun = true;
     const SimState state(statePath);
     if (!chip.IsWhole())
@@ -301,13 +316,15 @@ int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &wor
     Verdict verdict;
     if (isJudged)
         verdict = Judge(RunFacts(record, chip.Chip()));
-    else if (outcome.isInterrupted)
+    if (isJudged && !options.board.empty())
+        AddFinds(finds, expected, chip.Chip(), record, verdict);
+    if (outcome.isInterrupted)
         verdict = InterruptedVerdict("a signal ended the run before its verdict");
     if (!options.isRaw) {
         const RunSummary summary(chip.Chip(), state, outcome);
         printf("\n%s", summary.Text(TerminalWidth(), WantsColour()).c_str());
         if (isJudged)
-            printf("%s%s", found.c_str(), VerdictText(verdict, ScriptPath(options)).c_str());
+            printf("%s%s", FindsText(finds).c_str(), VerdictText(verdict, ScriptPath(options)).c_str());
         fflush(stdout);
     }
     const bool isSame =
@@ -327,6 +344,8 @@ int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &wor
     if (options.WantsVerdict()) {
         nlohmann::ordered_json report = MakeReport(record, verdict, chip.Chip(), state);
         report["sweeps"] = std::move(results);
+        if (!options.board.empty() && !outcome.isInterrupted)
+            report["board"] = DescribeFinds(finds);
         FormatFacts facts = {RelativeScript(options), words.run, FLASHSIM_VERSION, UpdateName(options.update)};
         std::optional<PageRun> run;
         if (!options.html.empty())

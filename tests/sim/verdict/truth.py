@@ -367,7 +367,7 @@ TEXTS = {
 }
 # Other tests have the means for these: attacks on the sandbox, images, other processors, messages without work.
 ELSEWHERE = {"interrupted", "too-much", "chip-bypassed", "prepare-failed", "handover-failed", "replaced-program",
-             "static-program", "not-done"}
+             "static-program", "not-done", "environment-unreadable", "unexpected-file"}
 
 
 def judge(update):
