@@ -14,9 +14,9 @@ FLASHSIM, MAKE = sys.argv[1:]
 OTHERS = "--sweep bad --sets 3 --sweep wear"  # these have real runs only
 # Update, options, options of sweeps with replayed runs, and other sweeps.
 UPDATES = [
-    *((f"ab/{name}", f"--device devices/{device}.toml", "", OTHERS) for name, device in (
-        ("boots-always", "ab"), ("early-selector", "ab"), ("environment-in-place", "ab-one-environment"),
-        ("loader-in-place", "ab"))),
+    *((f"ab/{name}", f"--device devices/{device}.toml", every, OTHERS) for name, device, every in (
+        ("boots-always", "ab", ""), ("early-selector", "ab", "--every 5"),
+        ("environment-in-place", "ab-one-environment", "--every 5"), ("loader-in-place", "ab", "--every 5"))),
     ("clean", "--chip 8M,16K,512,16 --root device", "--every 400", ""),
     ("traps/lines", "--chip 8M,16K,512,16", "--every 60", OTHERS + " --sweep pairs"),
     ("traps/stop", "--chip 8M,16K,512,16", "--every 7", "--sweep wear"),
