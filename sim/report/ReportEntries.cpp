@@ -69,9 +69,11 @@ void AddSweep(const ordered_json &sweep, EntryList &list) {
     if (sweep.at("interrupted").get<bool>())
         list.Add({{"line", nullptr}, {"text", ""}},
                  {rule, kError, 0, "",
-                  "interrupted with " +
-                      Count(sweep.at("runs").get<std::int64_t>() - sweep.at("done").get<std::int64_t>(), "run") +
-                      " to go",
+                  sweep.at("runs") == 0
+                      ? "interrupted before its first run"
+                      : "interrupted with " +
+                            Count(sweep.at("runs").get<std::int64_t>() - sweep.at("done").get<std::int64_t>(), "run") +
+                            " to go",
                   "", kind, 0, ""},
                  "interrupted");
     struct Group {

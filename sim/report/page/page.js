@@ -17,7 +17,8 @@ function make(tag, attributes, ...children) {
 }
 
 const count = (number, noun) => `${number} ${noun}${number === 1 ? '' : 's'}`;
-const capital = text => text.charAt(0).toUpperCase() + text.slice(1);
+/// Begins a sentence, unless with the name of a file.
+const capital = text => text.replace(/^[a-z](?=[a-z]*( |$))/, letter => letter.toUpperCase());
 const hex = number => '0x' + number.toString(16);
 
 /// Reads packed numbers: what goes along with them is given to `low`, if any.
@@ -218,6 +219,8 @@ function placeText(gap) {
   return begin < end ? `, while ${hex(begin * chip.eraseSize)} to ${hex(end * chip.eraseSize - 1)} of the chip is changed` : '';
 }
 
+const interruptedText = sweep => sweep.runs ? `interrupted with ${count(sweep.runs - sweep.done, 'run')} to go` : 'interrupted before its first run';
+
 function showVerdict() {
   $('update').textContent = `Update ${data.update}`;
   const isSafe = data.verdict === 'clean' && failedRuns === 0 && unbootable.length === 0 && !isInterrupted;
@@ -232,14 +235,15 @@ function showVerdict() {
     : data.sweeps.length ? 'CLEAN: no finding, and all rehearsed troubles passed'
     : 'CLEAN: this one run; no trouble was rehearsed';
   const fact = (text, look) => $('facts').append(make('li', {class: look}, text));
-  const carried = data.lines.filter(line => line.result === 'clean').length;
-  fact(`The run: ${data.verdict === 'clean' ? 'clean' : 'not clean'}, ${carried} of ${count(data.lines.length, 'line')} ran to the end`,
+  const wrong = new Set(data.findings.filter(finding => finding.severity === 'error').map(finding => finding.line));
+  const carried = data.lines.filter(line => line.result === 'clean' && !wrong.has(line.number)).length;
+  fact(`The run: ${data.verdict === 'clean' ? 'clean' : 'not clean'}, ${carried} of ${count(data.lines.length, 'line')} carried out`,
        data.verdict === 'clean' ? 'good' : 'bad');
   for (const sweep of data.sweeps) {
     const title = {cut: 'Power cut, then the update again', bad: 'Bad blocks', faults: 'Failing requests', wear: 'Worn-out blocks', pairs: 'Pairs of troubles'}[sweep.kind];
     fact(`${title || sweep.kind}: ${sweep.held} of ${count(sweep.done, 'run')} passed` +
          (sweep.every > 1 ? ` (one in ${sweep.every} places)` : '') +
-         (sweep.interrupted ? `, interrupted with ${sweep.runs - sweep.done} to go` : ''),
+         (sweep.interrupted ? `, ${interruptedText(sweep)}` : ''),
          sweep.held === sweep.done && !sweep.interrupted ? 'good' : 'bad');
     const gaps = sweep.unbootable.reduce((sum, gap) => sum + gap.runs, 0);
     if (gaps) fact(`Power cut alone: does not boot after ${gaps} of ${sweep.done}`, 'bad');
@@ -253,7 +257,7 @@ function showVerdict() {
 // Problems.
 
 function lineTitle(severity, line, text) {
-  return make('h3', {}, make('span', {class: 'tag'}, severity), line ? `Line ${line}: ` : 'The whole run: ',
+  return make('h3', {}, make('span', {class: 'tag'}, severity), line ? `Line ${line}: ` : 'The whole run',
               text ? make('code', {}, text) : '');
 }
 
@@ -276,6 +280,7 @@ function showProblems() {
       ...(gap.change ? [make('p', {class: 'advice'}, `${capital(gap.change)}.`)] : [])]);
   }
   for (const sweep of data.sweeps) {
+    if (sweep.interrupted) add('error', `sweep ${sweep.kind}`, {line: null, text: ''}, [make('p', {}, `The sweep was ${interruptedText(sweep)}.`)]);
     // One card for a line, with all that can happen there.
     const lines = new Map();
     for (const group of sweep.failures) lines.set(group.line, [...lines.get(group.line) || [], group]);
