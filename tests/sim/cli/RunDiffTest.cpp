@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr NandGeometry kGeometry = {1 << 20, 16384, 512, 16};
+constexpr NandGeometry kRunGeometry = {1 << 20, 16384, 512, 16};
 
 /// A run that erased block 1 and programmed its first page, with a note as its only finding.
 struct Rehearsed {
@@ -20,20 +20,20 @@ struct Rehearsed {
     }
 
     void Program(std::uint32_t page, std::vector<std::uint8_t> data, std::vector<std::uint8_t> oob = {}) {
-        data.resize(kGeometry.pageSize, 0xFF);
+        data.resize(kRunGeometry.pageSize, 0xFF);
         NandChip::PageProgram program;
         program.data = data.data();
-        program.length = kGeometry.pageSize;
+        program.length = kRunGeometry.pageSize;
         program.oob = oob.empty() ? nullptr : oob.data();
         program.oobLength = static_cast<std::uint32_t>(oob.size());
         chip.Program(page, program);
     }
     void Find(FindingId id) { verdict.findings.push_back(ForRun(id, "happens")); }
 
-    std::vector<std::uint8_t> cells = std::vector<std::uint8_t>(kGeometry.RawSize());
-    std::vector<std::uint8_t> pages = std::vector<std::uint8_t>(kGeometry.Pages());
-    std::vector<std::uint8_t> blocks = std::vector<std::uint8_t>(kGeometry.Blocks());
-    NandChip chip = NandChip(kGeometry, Ecc::Host, {cells.data(), pages.data(), blocks.data()});
+    std::vector<std::uint8_t> cells = std::vector<std::uint8_t>(kRunGeometry.RawSize());
+    std::vector<std::uint8_t> pages = std::vector<std::uint8_t>(kRunGeometry.Pages());
+    std::vector<std::uint8_t> blocks = std::vector<std::uint8_t>(kRunGeometry.Blocks());
+    NandChip chip = NandChip(kRunGeometry, Ecc::Host, {cells.data(), pages.data(), blocks.data()});
     RunRecord record;
     Verdict verdict;
 };
