@@ -16,6 +16,7 @@
 #include <iterator>
 #include <limits>
 #include <stdexcept>
+#include <unistd.h>
 
 namespace {
 
@@ -84,6 +85,7 @@ struct SimState::Shared {
     PageCache cache;
     Flag noteCount;
     StoredNote notes[kMaxNotes];
+    Flag updaterProcess; ///< 0 for none yet
     Flag openFileCount;
     OpenFile openFiles[kMaxOpenFiles];
 
@@ -131,6 +133,7 @@ void SimState::Shared::Begin(const SimSettings &settings) {
     for (StoredNote &note : notes)
         note.isReady = 0;
     noteCount = 0;
+    updaterProcess = 0;
     openFileCount = 0;
 }
 
@@ -387,6 +390,18 @@ std::vector<ProgramNote> SimState::ProgramNotes() const {
     }
     return notes;
 }
+
+bool SimState::ClaimUpdater() {
+    const auto own = static_cast<std::uint32_t>(getpid());
+    std::uint32_t holder = m_shared->updaterProcess;
+    while (holder == 0 || (holder != own && kill(static_cast<pid_t>(holder), 0) != 0 && errno == ESRCH)) {
+        if (m_shared->updaterProcess.compare_exchange_strong(holder, own))
+            return true;
+    }
+    return holder == own;
+}
+
+void SimState::HandOverUpdater() { m_shared->updaterProcess = 0; }
 
 void SimState::SetProgram(const std::string &name, bool isUpdater, std::uint32_t eraseSize) {
     m_bIsUpdater = isUpdater;

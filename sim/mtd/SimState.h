@@ -119,6 +119,10 @@ public:
     /// such, and the trace names others that change flash.
     /// @param eraseSize of the chip, in bytes: changes of one block one after the other are named once
     void SetProgram(const std::string &name, bool isUpdater, std::uint32_t eraseSize);
+    /// Of the programs with the updater's name, the first is the updater until the process ends or hands over.
+    /// @return whether this process is.
+    bool ClaimUpdater();
+    void HandOverUpdater();
     /// @return the record so far, as ReadSteps takes it; no bytes when steps are missing for want of room.
     const std::uint8_t *RecordBytes(std::size_t &length) const;
     void Saw(const ChipAccess &access) override;

@@ -2,15 +2,12 @@
 
 #include "mtd/ErasedLook.h"
 #include "mtd/UpdaterRecord.h"
-#include "preload/Interface.h"
 #include "preload/Next.h"
 #include "preload/Simulation.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <unistd.h>
 
@@ -60,14 +57,11 @@ __attribute__((constructor)) void RecordOwnStreams() {
 } // namespace
 
 SimState *ProgramTrace() {
-    static const bool traced = [] {
-        const char *program = std::getenv(kProgramVariable);
-        return program != nullptr && std::strcmp(program, program_invocation_short_name) == 0;
-    }();
-    if (!traced)
+    static const bool hasName = HasUpdaterName();
+    if (!hasName)
         return nullptr;
     Simulation *simulation = FindSimulation();
-    return simulation != nullptr && simulation->state.Traces() ? &simulation->state : nullptr;
+    return simulation != nullptr && simulation->isUpdater && simulation->state.Traces() ? &simulation->state : nullptr;
 }
 
 void RecordRead(std::uint64_t offset, const void *data, std::size_t length) {

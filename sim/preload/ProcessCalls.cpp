@@ -51,6 +51,16 @@ template <typename Call> int Sync(int fd, Call call) {
     return IsSimulated(fd) ? SyncDevice(fd) : Traced(call(fd), [fd] { return FormatText("fsync fd=%d", fd); });
 }
 
+/// The updater runs a copy of itself, which is the updater from then on.
+void LetCopyTakeOver(const char *command) {
+    SimState *state = ProgramTrace();
+    if (state == nullptr || command == nullptr)
+        return;
+    const std::string path(command, std::strcspn(command, " "));
+    if (path.substr(path.rfind('/') + 1) == program_invocation_short_name) // npos + 1 is 0
+        state->HandOverUpdater();
+}
+
 } // namespace
 
 INTERPOSED int fsync(int fd) { return Sync(fd, nextFsync); }
@@ -91,6 +101,7 @@ INTERPOSED pid_t waitpid(pid_t process, int *status, int options) {
 INTERPOSED int system(const char *command) {
     NeedPower();
     TraceAhead([command] { return ShellCallText(command); });
+    LetCopyTakeOver(command);
     const int status = nextSystem(command);
     const int error = errno;
     NeedPower();

@@ -43,20 +43,24 @@ const char *StartVariable(const char *name) {
     return nullptr;
 }
 
+bool HasUpdaterName() {
+    const char *program = StartVariable(kProgramVariable);
+    return program != nullptr && std::strcmp(program, program_invocation_short_name) == 0;
+}
+
 Simulation::Simulation(const char *chipPath, const char *statePath)
-    : chip(chipPath), state(statePath), devices(state.Devices()), hasNodes(StartVariable(kNodesVariable) != nullptr) {
+    : chip(chipPath), state(statePath), devices(state.Devices()), hasNodes(StartVariable(kNodesVariable) != nullptr),
+      isUpdater(HasUpdaterName() && state.ClaimUpdater()) {
     const NandGeometry &geometry = chip.Chip().Geometry();
     for (const SimDevice &device : devices) {
         const bool whole = device.offset % geometry.eraseSize == 0 && device.size % geometry.eraseSize == 0;
         if (!whole || device.offset > geometry.size || device.size > geometry.size - device.offset)
             throw std::runtime_error(device.name + ": isn't a part of the chip in whole blocks");
     }
-    const char *program = StartVariable(kProgramVariable);
     // The kernel's name: that of the script, where an interpreter runs one.
     char name[16] = "";
     prctl(PR_GET_NAME, name);
-    state.SetProgram(name, program != nullptr && std::strcmp(program, program_invocation_short_name) == 0,
-                     geometry.eraseSize);
+    state.SetProgram(name, isUpdater, geometry.eraseSize);
     chip.Chip().LetReadsAge();
     // From here on: the counters depend on the chip too.
     if (state.Records() || state.Traces())

@@ -8,6 +8,9 @@
 #include <string>
 #include <vector>
 
+/// @return whether this program has the file name of the program under test.
+bool HasUpdaterName();
+
 /// The run that this process takes part in.
 struct Simulation {
     Simulation(const char *chipPath, const char *statePath);
@@ -18,7 +21,8 @@ struct Simulation {
     ChipFile chip;
     SimState state;
     std::vector<SimDevice> devices;
-    bool hasNodes; ///< the devices have nodes in the file system
+    bool hasNodes;  ///< the devices have nodes in the file system
+    bool isUpdater; ///< this process is the updater itself
 };
 
 /// @return an environment variable as the program got it, which may have cleared its environment since; nullptr for
