@@ -6,9 +6,11 @@
 #include "preload/Next.h"
 #include "preload/Simulation.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -106,11 +108,9 @@ bool MayOpen(int folder, const char *path, int flags) {
     return !FindSimulation()->hasNodes || nextFaccessat(folder, path, mode, AT_EACCESS) == 0;
 }
 
-void NoteUnservedPath(const char *path) {
-    for (const char *prefix : kUnservedPrefixes) {
-        if (BeginsWith(path, prefix))
-            NoteUnserved(std::string("open of ") + path);
-    }
+bool IsUnservedPath(const char *path) {
+    return std::any_of(std::begin(kUnservedPrefixes), std::end(kUnservedPrefixes),
+                       [path](const char *prefix) { return BeginsWith(path, prefix); });
 }
 
 } // namespace
@@ -148,11 +148,16 @@ int OpenPath(int folder, const char *path, int flags, int (*next)(void *context)
     if (minor < 0) {
         if (IsDeviceTable(path))
             return OpenDeviceTable(flags);
+        // A shell's > would make a file of it.
+        if (IsUnservedPath(path) && (flags & O_CREAT) != 0) {
+            NoteUnserved(std::string("open of ") + path);
+            return Return<int>(-ENOENT);
+        }
         const int fd = next(context);
         if (fd >= 0)
             return FinishOpen(fd, flags);
-        if (errno == ENOENT)
-            NoteUnservedPath(path);
+        if (errno == ENOENT && IsUnservedPath(path))
+            NoteUnserved(std::string("open of ") + path);
         if (errno != ENXIO && errno != EACCES)
             return fd;
         const int failure = errno;

@@ -4,12 +4,14 @@
 #include "preload/Next.h"
 #include "preload/Simulation.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <elf.h>
 #include <fcntl.h>
+#include <iterator>
 #include <link.h>
 #include <spawn.h>
 #include <string>
@@ -130,20 +132,30 @@ int ChooseProgram(const char *path, std::string &substitute) {
 /// What every program of the simulation gets.
 constexpr const char *kVariables[] = {"LD_PRELOAD", kChipVariable, kStateVariable, kProgramVariable, kNodesVariable};
 
-/// The environment of a program that starts: that which it is to get, and the simulation's variables where they are
-/// missing.
+/// The environment of a program that starts: that which it is to get, with the simulation's variables as they are here.
+/// Libraries that it is to preload come after the simulation's.
 class SimulatedEnvironment {
 public:
     explicit SimulatedEnvironment(char *const given[]) {
-        for (; given != nullptr && *given != nullptr; ++given)
-            m_pointers.push_back(*given);
-        if (FindSimulation() != nullptr && !Has(kStateVariable)) {
-            for (const char *name : kVariables) {
-                const char *value = StartVariable(name);
-                if (value != nullptr && !Has(name))
-                    m_added.push_back(std::string(name) + "=" + value);
-            }
+        const bool isSimulated = FindSimulation() != nullptr;
+        std::string preloaded;
+        for (; given != nullptr && *given != nullptr; ++given) {
+            if (isSimulated && Names(*given, "LD_PRELOAD"))
+                preloaded = *given + std::strlen("LD_PRELOAD=");
+            if (!isSimulated || std::none_of(std::begin(kVariables), std::end(kVariables),
+                                             [&](const char *name) { return Names(*given, name); }))
+                m_pointers.push_back(*given);
         }
+        for (const char *name : kVariables) {
+            const char *value = isSimulated ? StartVariable(name) : nullptr;
+            if (value != nullptr)
+                m_added.push_back(std::string(name) + "=" + value);
+        }
+        const char *own = StartVariable("LD_PRELOAD");
+        if (own != nullptr && !preloaded.empty() && preloaded.find(own) == std::string::npos)
+            m_added.front() += ":" + preloaded;
+        else if (own != nullptr && !preloaded.empty())
+            m_added.front() = "LD_PRELOAD=" + preloaded;
         for (std::string &variable : m_added)
             m_pointers.push_back(variable.data());
         m_pointers.push_back(nullptr);
@@ -152,13 +164,10 @@ public:
     char *const *Get() const { return m_pointers.data(); }
 
 private:
-    bool Has(const char *name) const {
+    /// @return whether a NAME=VALUE has this name.
+    static bool Names(const char *variable, const char *name) {
         const std::size_t length = std::strlen(name);
-        for (const char *variable : m_pointers) {
-            if (std::strncmp(variable, name, length) == 0 && variable[length] == '=')
-                return true;
-        }
-        return false;
+        return std::strncmp(variable, name, length) == 0 && variable[length] == '=';
     }
 
     std::vector<std::string> m_added;

@@ -2,6 +2,7 @@
 
 #include "preload/Devices.h"
 #include "preload/Next.h"
+#include "preload/Nodes.h"
 #include "preload/Simulation.h"
 
 #include <algorithm>
@@ -327,7 +328,7 @@ INTERPOSED int pselect(int count, fd_set *readers, fd_set *writers, fd_set *fail
     });
 }
 
-/// System calls by number: a device's descriptor is none for the kernel, which refuses it.
+/// System calls by number: the kernel refuses a device's descriptor and the nodes.
 INTERPOSED long syscall(long number, ...) noexcept {
     va_list arguments;
     va_start(arguments, number);
@@ -341,5 +342,10 @@ INTERPOSED long syscall(long number, ...) noexcept {
     const auto *end = std::end(kOnDescriptors);
     if (IsSimulated(fd) && std::find(std::begin(kOnDescriptors), end, number) != end)
         NoteCall("raw system call", fd);
+    const bool isOpen = number == SYS_openat || number == SYS_openat2;
+    const auto *path = reinterpret_cast<const char *>(values[1]);
+    const int minor = isOpen && path != nullptr ? MinorOfPath(static_cast<int>(values[0]), path) : -1;
+    if (minor >= 0)
+        NoteUnserved("raw system call on " + NodePath(minor));
     return nextSyscall(number, values[0], values[1], values[2], values[3], values[4], values[5]);
 }
