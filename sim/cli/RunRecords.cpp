@@ -12,6 +12,7 @@ RunRecord RecordOf(const RunSettings &settings, const RunOutcome &outcome, const
     record.isOverdue = outcome.isOverdue;
     record.isOutputCut = outcome.isCut;
     record.excess = outcome.excess;
+    record.leftPrograms = outcome.leftPrograms;
     record.trace = state.TraceText();
     record.programs = state.ProgramNotes();
     record.updater = UpdaterRecord(state.RecordText());

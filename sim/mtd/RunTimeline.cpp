@@ -2,39 +2,10 @@
 
 #include "mtd/SimState.h"
 #include "mtd/Trace.h"
-#include "mtd/UpdaterRecord.h"
 
 #include <map>
 #include <sstream>
 #include <utility>
-
-namespace {
-
-// A change in the record: a byte with the kind of access and these.
-constexpr unsigned kKindBits = 0x07;
-constexpr unsigned kByProgram = 0x08;
-constexpr unsigned kWithEcc = 0x10;
-constexpr unsigned kHasData = 0x20;
-constexpr unsigned kHasOob = 0x40;
-
-RunChange ChangeOf(const RecordEntry &entry) {
-    const unsigned bits = static_cast<unsigned char>(entry.bytes[0]);
-    return {static_cast<AccessKind>(bits & kKindBits),
-            (bits & kByProgram) != 0,
-            static_cast<std::uint32_t>(entry.offset),
-            (bits & kWithEcc) != 0,
-            (bits & kHasData) != 0,
-            (bits & kHasOob) != 0};
-}
-
-} // namespace
-
-std::string RunChange::Line() const {
-    const unsigned bits = static_cast<unsigned>(kind) | (isByProgram ? kByProgram : 0) | (withEcc ? kWithEcc : 0) |
-                          (hasData ? kHasData : 0) | (hasOob ? kHasOob : 0);
-    const auto byte = static_cast<unsigned char>(bits);
-    return RecordLine(RecordKind::Change, &byte, sizeof byte, place);
-}
 
 RunTimeline::RunTimeline(const std::string &text) {
     std::map<std::string, std::size_t> kinds;
@@ -55,7 +26,7 @@ RunTimeline::RunTimeline(const std::string &text) {
                 outputs.push_back({changes.size(), entry.kind == RecordKind::Err, std::move(entry.bytes)});
             if (entry.kind != RecordKind::Change)
                 continue;
-            const RunChange change = ChangeOf(entry);
+            const RunChange change = RunChange::Of(entry);
             if (change.kind == AccessKind::MarkBad)
                 badMarks.push_back({changes.size(), change.place});
             else

@@ -1,27 +1,13 @@
 #pragma once
 
-#include "chip/NandChip.h"
 #include "mtd/Requests.h"
+#include "mtd/UpdaterRecord.h"
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
-
-/// One change of a chip in a run.
-struct RunChange {
-    AccessKind kind;     ///< Erase, Program or MarkBad
-    bool isByProgram;    ///< of the updater itself, not of a program that it starts
-    std::uint32_t place; ///< the page of a program, else the block
-    // Of a program:
-    bool withEcc = false;
-    bool hasData = false;
-    bool hasOob = false;
-
-    /// @return a line for SimState::Record.
-    std::string Line() const;
-};
 
 /// A traced run in its order: changes of the chip, and when other things happened among them. A time is the number of
 /// page programs and block erases that were made before.

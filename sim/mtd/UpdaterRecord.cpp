@@ -18,6 +18,13 @@ std::string BytesOf(const std::string &digits) {
     return bytes;
 }
 
+// A change in the record: a byte with the kind of access and these.
+constexpr unsigned kKindBits = 0x07;
+constexpr unsigned kByProgram = 0x08;
+constexpr unsigned kWithEcc = 0x10;
+constexpr unsigned kHasData = 0x20;
+constexpr unsigned kHasOob = 0x40;
+
 } // namespace
 
 std::string RecordLine(RecordKind kind, const void *bytes, std::size_t length, std::uint64_t offset) {
@@ -41,6 +48,23 @@ bool RecordEntry::Read(const std::string &line) {
     return true;
 }
 
+std::string RunChange::Line() const {
+    const unsigned bits = static_cast<unsigned>(kind) | (isByProgram ? kByProgram : 0) | (withEcc ? kWithEcc : 0) |
+                          (hasData ? kHasData : 0) | (hasOob ? kHasOob : 0);
+    const auto byte = static_cast<unsigned char>(bits);
+    return RecordLine(RecordKind::Change, &byte, sizeof byte, place);
+}
+
+RunChange RunChange::Of(const RecordEntry &entry) {
+    const unsigned bits = static_cast<unsigned char>(entry.bytes[0]);
+    return {static_cast<AccessKind>(bits & kKindBits),
+            (bits & kByProgram) != 0,
+            static_cast<std::uint32_t>(entry.offset),
+            (bits & kWithEcc) != 0,
+            (bits & kHasData) != 0,
+            (bits & kHasOob) != 0};
+}
+
 UpdaterRecord::UpdaterRecord(const std::string &text) {
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
@@ -61,7 +85,9 @@ UpdaterRecord::UpdaterRecord(const std::string &text) {
             erased.push_back({entry.offset, std::move(entry.bytes)});
             break;
         case RecordKind::Change:
-            break; // see RunTimeline
+            if (!entry.bytes.empty() && RunChange::Of(entry).kind != AccessKind::MarkBad)
+                changes.push_back(RunChange::Of(entry));
+            break;
         }
     }
 }

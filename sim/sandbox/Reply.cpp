@@ -46,6 +46,8 @@ void ReadReply(const std::string &text, RunOutcome &outcome) {
     while (words >> word) {
         if (word == "busy")
             outcome.leavesProcesses = true;
+        else if (word == "left")
+            words >> outcome.leftPrograms;
         else if (word == "limit")
             words >> outcome.excess;
     }

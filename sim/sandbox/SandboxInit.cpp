@@ -3,10 +3,12 @@
 #include "base/Places.h"
 #include "base/ScopedFd.h"
 #include "base/SystemError.h"
+#include "base/Text.h"
 #include "sandbox/Confinement.h"
 #include "sandbox/UpdateReader.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -37,6 +39,10 @@ using Clock = std::chrono::steady_clock;
 /// How often the limits are checked while a program runs.
 constexpr std::chrono::milliseconds kLookPeriod(100);
 constexpr timespec kLookWait = {0, 100'000'000};
+/// How many of these waits others get to end after the updater.
+constexpr int kLooksForOthers = 10;
+/// Most names of those that have not.
+constexpr std::size_t kMostNames = 8;
 
 constexpr int kLookMicroseconds = 500;
 /// A command that never sleeps (a busy loop) is taken as up after so many looks.
@@ -93,6 +99,27 @@ const char *FindExcess() {
     return pages > kMostMemory / static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)) ? "memory" : nullptr;
 }
 
+/// @return the names of the sandbox's processes but this one, with commas: "sh,sleep". A name may be any bytes: other
+/// than
+///         letters, digits and a few marks are shown as "?".
+std::string OtherNames() {
+    std::set<std::string> names;
+    VisitProcesses([&](const std::string &process) {
+        std::string name;
+        std::getline(std::ifstream("/proc/" + process + "/comm"), name);
+        std::replace_if(
+            name.begin(), name.end(),
+            [](char character) {
+                return std::isalnum(static_cast<unsigned char>(character)) == 0 && character != '-' &&
+                       character != '_' && character != '.';
+            },
+            '?');
+        if (!name.empty() && names.size() < kMostNames)
+            names.insert(name);
+    });
+    return names.empty() ? "?" : JoinWords({names.begin(), names.end()}, ",");
+}
+
 class Init {
 public:
     Init(const SandboxJob &job, const SandboxStreams &streams)
@@ -141,9 +168,17 @@ public:
         }
         if (command.describes == Describes::AsLeft)
             kill(-1, SIGKILL);
-        const bool isAlone = ReapAll(command.describes == Describes::AsLeft);
-        dprintf(m_nReport, "status %d%s%s%s\n", status, isAlone ? "" : " busy", excess != nullptr ? " limit " : "",
-                excess != nullptr ? excess : "");
+        bool isAlone = ReapAll(command.describes == Describes::AsLeft);
+        for (int look = 0; m_job.waitsForOthers && !isAlone && excess == nullptr && look < kLooksForOthers; ++look) {
+            sigtimedwait(&child, nullptr, &kLookWait);
+            isAlone = ReapAll(false);
+            excess = FindExcess();
+        }
+        if (m_job.waitsForOthers && excess != nullptr)
+            kill(-1, SIGKILL);
+        const std::string left = m_job.waitsForOthers && !isAlone && excess == nullptr ? " left " + OtherNames() : "";
+        dprintf(m_nReport, "status %d%s%s%s%s\n", status, isAlone ? "" : " busy", left.c_str(),
+                excess != nullptr ? " limit " : "", excess != nullptr ? excess : "");
         if (command.describes != Describes::Nothing)
             Report(command.describes == Describes::AsGiven ? m_sGiven : DescribeUpdate(m_job.update));
         Reply();

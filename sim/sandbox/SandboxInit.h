@@ -15,6 +15,7 @@ struct SandboxJob {
     std::vector<std::string> environment; ///< NAME=VALUE, all that the sandbox's programs get
     std::vector<std::string> starts;      ///< shell commands that run in the background, started in this order
     std::string update;                   ///< folder in the sandbox that holds the unpacked update
+    bool waitsForOthers = false;          ///< after a program, others get a moment to end; their names are replied
 };
 
 /// Whether a reply describes the update, and in which state.
@@ -42,8 +43,10 @@ struct SandboxStreams {
 /// commands one by one and waits for each until it is up (all it started sleep, or it has ended well). Then it runs the
 /// commands from `control`, one at a time. A byte sent there says that the report holds the reply:
 ///
-///   status N [busy] [limit WORD]    N as waitpid gives it; busy: other processes are left; WORD: "processes" or
-///                                   "memory", of which the sandbox took too much, so that all of them were killed
+///   status N [busy] [left NAMES] [limit WORD]
+///                                   N as waitpid gives it; busy: other processes are left; NAMES: theirs, with commas;
+///                                   WORD: "processes" or "memory", of which the sandbox took too much, so that all of
+///                                   them were killed
 ///   SIZE COUNT WORD                 a line for each word of the script that leads to a file from the script's folder,
 ///                                   and COUNT bytes after it: all of a regular file up to kMostContents; SIZE is
 ///                                   kNoSize for one that isn't regular

@@ -143,6 +143,7 @@ SandboxJob MakeJob(const RunSettings &settings, const std::string &chip, const s
                                 {seen(chip + kChipSums), std::string(kChipPlace) + kChipSums, Showing::Shared});
     job.environment = Environment(std::filesystem::path(settings.program).filename());
     job.starts = settings.starts;
+    job.waitsForOthers = settings.waitsForOthers;
     job.update = IsImage(settings) ? kUnpackedUpdate : settings.place;
     return job;
 }
@@ -411,7 +412,10 @@ std::vector<std::string> UpdaterCommand(const RunSettings &settings) {
 RunOutcome RunUpdate(const RunSettings &settings, const std::string &chip, const std::string &state,
                      const HeldSignals &signals) {
     SimState::Create(state, settings.sim);
-    return Sandbox(settings, chip, state).Run(UpdaterCommand(settings), true, signals, settings.milliseconds);
+    RunSettings patient = settings;
+    // Background commands keep on running.
+    patient.waitsForOthers = settings.starts.empty();
+    return Sandbox(patient, chip, state).Run(UpdaterCommand(settings), true, signals, settings.milliseconds);
 }
 
 RunOutcome ReadUpdate(const RunSettings &settings, const std::string &chip, const std::string &state,

@@ -35,6 +35,7 @@ struct RunSettings {
                                            ///< in visible characters; -1 for none
     int passErr = -1;                      ///< the same for its error output
     int milliseconds = -1;                 ///< how long the update may take; -1 for no limit
+    bool waitsForOthers = false;           ///< programs that the updater leaves get a second to end
 };
 
 /// The result of a run. The counters and the trace are in the state file.
@@ -46,6 +47,7 @@ struct RunOutcome {
     bool isBypassed = false;                     ///< a rig's chip was changed other than by requests
     std::string excess;                          ///< "processes" or "memory": the run took too much and was killed
     bool leavesProcesses = false;                ///< others than the updater still run in the sandbox
+    std::string leftPrograms;                    ///< their names, where the run has waited for them to end: "sh,sleep"
     int status = 0;                              ///< the updater's, as waitpid gives it; 0 when ended early
     std::string out;                             ///< all output of the updater and of all other programs
     std::string err;                             ///< the same for the error output

@@ -21,7 +21,11 @@ WholeFlash::WholeFlash(const NandChip &chip, const std::vector<SimDevice> &devic
 
 std::optional<FlashRange> WholeFlash::RangeOf(const UpdateLine &line) const {
     if (line.hasRange) {
-        const FlashRange range = {line.offset.value, std::int64_t{line.offset.value} + line.size.value};
+        // The updater divides a negative size of blocks as a large one, and erases up to the end of the flash.
+        const std::int64_t size = line.kind == LineKind::SetEnv
+                                      ? std::int64_t{line.size.value}
+                                      : std::int64_t{static_cast<std::uint32_t>(line.size.value)};
+        const FlashRange range = {line.offset.value, line.offset.value + size};
         return range.begin < range.end ? std::optional(range) : std::nullopt;
     }
     if (line.kind != LineKind::Ubiformat || !line.isComplete)

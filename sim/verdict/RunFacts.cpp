@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <sys/wait.h>
 #include <utility>
 
@@ -50,6 +51,11 @@ RunFacts::RunFacts(const RunRecord &record, const NandChip &chip)
     for (std::size_t i = 0; i < updateLines.size(); ++i)
         lines.push_back(TakeLine(updateLines[i], story.lines[i].result, *this));
     ubi = FindUbiPartitions(*this);
+    for (const PageNote &note : calls.notes) {
+        if (BeginsWith(note.text, kChangedByNote))
+            changers[static_cast<std::uint32_t>(note.offset / chip.Geometry().eraseSize)].insert(
+                note.text.substr(std::strlen(kChangedByNote)));
+    }
 }
 
 std::optional<std::int64_t> RunFacts::ImageSize(const UpdateLine &line) const {

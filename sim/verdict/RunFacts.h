@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,7 @@ struct RunRecord {
     bool isOverdue = false;                      ///< the run timed out and was killed
     bool isOutputCut = false;                    ///< `out` or `err` lacks what came after a limit
     std::string excess;                          ///< "processes" or "memory" when the run took too much and was killed
+    std::string leftPrograms;                    ///< programs that still ran when the update had ended: "sh,sleep"
     UpdaterRecord updater;                       ///< what the updater itself printed and read; may be empty
     std::string trace;                           ///< SimState::TraceText
     std::string cutPlace;                        ///< SimState::CutPlace
@@ -112,6 +114,8 @@ struct RunFacts {
     RunStory story;   ///< its lines are those of `lines`
     std::vector<LineVerdict> lines;
     std::vector<UbiPartition> ubi; ///< FindUbiPartitions
+    /// The programs beside the updater that changed each block of the chip, as far as they are named.
+    std::map<std::uint32_t, std::set<std::string>> changers;
 };
 
 /// @return those of the requested cut and faults that the run never reached: "cut 100: there were 65 changes".

@@ -96,24 +96,27 @@ struct Difference {
     std::set<std::string> changers;
 };
 
-/// The programs beside the updater that changed each block.
-std::map<std::uint32_t, std::set<std::string>> ChangersOfBlocks(const RunFacts &facts) {
-    std::map<std::uint32_t, std::set<std::string>> changers;
-    for (const PageNote &note : facts.calls.notes) {
-        if (note.text.compare(0, std::strlen(kChangedByNote), kChangedByNote) == 0)
-            changers[static_cast<std::uint32_t>(note.offset / facts.chip.Geometry().eraseSize)].insert(
-                note.text.substr(std::strlen(kChangedByNote)));
-    }
-    return changers;
-}
-
-/// @return what made the difference, as far as the run shows it.
-std::string CulpritText(const Difference &difference, bool areNamed) {
+/// @param areNamed whether the run shows the programs that changed flash
+Finding SpoiledFinding(const UpdateLine &line, const Difference &difference, bool areNamed) {
+    std::string happens;
+    if (difference.image > 0)
+        happens = Count(difference.image, "page") + " of the image differ" + (difference.image == 1 ? "s" : "") +
+                  " on the chip";
+    if (difference.erased > 0)
+        happens += (happens.empty() ? "" : ", and ") + Count(difference.erased, "page") + " of the erased range " +
+                   (difference.erased == 1 ? "is" : "are") + " not erased";
+    happens += " when the update ends, first at " + Hex(difference.first);
     if (!areNamed)
-        return "";
+        return ForLine(line, FindingId::Spoiled, happens);
     if (difference.changers.empty())
-        return "; no request of another program changed those blocks: one of the line may have failed silently";
-    return "; changed by " + JoinWords({difference.changers.begin(), difference.changers.end()}, ", ");
+        return ForLine(line, FindingId::Spoiled,
+                       happens +
+                           "; no other program changed those blocks: a request of the line failed silently, or the "
+                           "file changed during the run",
+                       "see what the device reports of its flash, the trace, and what programs do to the file");
+    return ForLine(line, FindingId::Spoiled,
+                   happens + "; changed by " +
+                       JoinWords({difference.changers.begin(), difference.changers.end()}, ", "));
 }
 
 } // namespace
@@ -122,7 +125,6 @@ std::string CulpritText(const Difference &difference, bool areNamed) {
 /// place of the line, shows here.
 std::vector<Finding> CheckFinalChip(const RunFacts &facts) {
     const IntendedChip intended(facts);
-    const auto changers = ChangersOfBlocks(facts);
     std::map<const LineVerdict *, Difference> differences;
     const NandGeometry &geometry = facts.chip.Geometry();
     for (std::uint32_t page = 0; page < geometry.Pages(); ++page) {
@@ -135,22 +137,13 @@ std::vector<Finding> CheckFinalChip(const RunFacts &facts) {
         if (difference.image + difference.erased == 0)
             difference.first = facts.flash.FromChip(std::uint64_t{page} * geometry.pageSize);
         ++(intent.page == Intent::kErased ? difference.erased : difference.image);
-        const auto others = changers.find(page / geometry.PagesPerBlock());
-        if (others != changers.end())
+        const auto others = facts.changers.find(page / geometry.PagesPerBlock());
+        if (others != facts.changers.end())
             difference.changers.insert(others->second.begin(), others->second.end());
     }
     std::vector<Finding> findings;
-    for (const auto &[line, difference] : differences) {
-        std::string happens;
-        if (difference.image > 0)
-            happens = Count(difference.image, "page") + " of the image differ" + (difference.image == 1 ? "s" : "") +
-                      " on the chip";
-        if (difference.erased > 0)
-            happens += (happens.empty() ? "" : ", and ") + Count(difference.erased, "page") + " of the erased range " +
-                       (difference.erased == 1 ? "is" : "are") + " not erased";
-        findings.push_back(ForLine(line->line, FindingId::Spoiled,
-                                   happens + " when the update ends, first at " + Hex(difference.first) +
-                                       CulpritText(difference, facts.record.namesChangers)));
-    }
+    findings.reserve(differences.size());
+    for (const auto &[line, difference] : differences)
+        findings.push_back(SpoiledFinding(line->line, difference, facts.record.namesChangers));
     return findings;
 }

@@ -2,6 +2,11 @@
 #include "verdict/BlockContent.h"
 #include "verdict/CheckText.h"
 #include "verdict/Checks.h"
+#include "verdict/LineFinder.h"
+
+#include <algorithm>
+#include <map>
+#include <set>
 
 namespace {
 
@@ -49,9 +54,89 @@ std::optional<FlashRange> ChangedRange(const RunFacts &facts, const LineVerdict 
     return range && facts.flash.IsAligned(*range) ? range : std::nullopt;
 }
 
+/// What a line erased of the work of programs that earlier lines started.
+struct Loss {
+    std::set<std::uint32_t> blocks;
+    std::set<std::string> programs;
+};
+
+/// @return whether an offset is in the partition of a `ubiformat` line.
+bool IsOwnPartition(const RunFacts &facts, std::size_t number, std::int64_t offset) {
+    return std::any_of(facts.lines.begin(), facts.lines.end(), [&](const LineVerdict &verdict) {
+        const std::optional<FlashRange> range = facts.RangeOf(verdict);
+        return verdict.line.number == number && verdict.line.kind == LineKind::Ubiformat && range &&
+               range->Holds(offset);
+    });
+}
+
+/// @return the losses by line number.
+std::map<std::size_t, Loss> FindLosses(const RunFacts &facts) {
+    std::map<std::size_t, Loss> losses;
+    // Without names, a run elsewhere, the changes of programs can't be told from the updater's.
+    if (!facts.record.namesChangers || facts.changers.empty())
+        return losses;
+    std::vector<UpdateLine> lines;
+    for (const LineVerdict &verdict : facts.lines)
+        lines.push_back(verdict.line);
+    LineFinder finder(facts.chip, facts.record.devices, lines, facts.story);
+    std::map<std::uint32_t, std::size_t> written; // blocks with data of other programs, and the line that started them
+    for (const RunChange &change : facts.record.updater.changes) {
+        const std::size_t number = finder.Change(change);
+        if (change.kind != AccessKind::Erase) {
+            const std::uint32_t block = change.place / facts.chip.Geometry().PagesPerBlock();
+            const std::int64_t offset = facts.flash.FromChip(std::uint64_t{block} * facts.chip.Geometry().eraseSize);
+            // What a ubiformat line does to its partition is the line's own work.
+            if (change.isByProgram || IsOwnPartition(facts, number, offset))
+                written.erase(block);
+            else
+                written[block] = number;
+            continue;
+        }
+        const auto found = written.find(change.place);
+        if (found == written.end())
+            continue;
+        const auto line = std::find_if(facts.lines.begin(), facts.lines.end(),
+                                       [&](const LineVerdict &verdict) { return verdict.line.number == number; });
+        const std::size_t writer = found->second;
+        written.erase(found);
+        // A change of a variable keeps what it finds, and a program may erase what another one wrote for it.
+        if (line == facts.lines.end() || line->line.kind == LineKind::SetEnv ||
+            (!change.isByProgram && (line->line.kind != LineKind::Ubiformat || writer == number)))
+            continue;
+        const std::optional<FlashRange> range = facts.RangeOf(*line);
+        const std::int64_t offset = facts.flash.FromChip(std::uint64_t{change.place} * facts.chip.Geometry().eraseSize);
+        if (!range || !range->Holds(offset))
+            continue;
+        Loss &loss = losses[number];
+        loss.blocks.insert(change.place);
+        const auto programs = facts.changers.find(change.place);
+        if (programs != facts.changers.end())
+            loss.programs.insert(programs->second.begin(), programs->second.end());
+        if (!change.isByProgram)
+            loss.programs.erase("ubiformat");
+    }
+    return losses;
+}
+
+void CheckLosses(const RunFacts &facts, std::vector<Finding> &findings) {
+    const std::map<std::size_t, Loss> losses = FindLosses(facts);
+    for (const LineVerdict &verdict : facts.lines) {
+        const auto found = losses.find(verdict.line.number);
+        if (found == losses.end())
+            continue;
+        const Loss &loss = found->second;
+        const std::int64_t first =
+            facts.flash.FromChip(std::uint64_t{*loss.blocks.begin()} * facts.chip.Geometry().eraseSize);
+        findings.push_back(ForLine(verdict.line, FindingId::Overlap,
+                                   "the line erases " + Count(static_cast<std::int64_t>(loss.blocks.size()), "block") +
+                                       " that " + JoinWords({loss.programs.begin(), loss.programs.end()}, ", ") +
+                                       " wrote earlier in the run, first at " + Hex(first)));
+    }
+}
+
 } // namespace
 
-/// Ranges in each other's way.
+/// Ranges in each other's way, and what programs of the update wrote there.
 std::vector<Finding> CheckOverlaps(const RunFacts &facts) {
     std::vector<Finding> findings;
     for (auto later = facts.lines.begin(); later != facts.lines.end(); ++later) {
@@ -69,5 +154,6 @@ std::vector<Finding> CheckOverlaps(const RunFacts &facts) {
                                        "its range " + Hex(range->begin) + " to " + Hex(range->end) +
                                            " erases data written earlier by " + LinesText(numbers)));
     }
+    CheckLosses(facts, findings);
     return findings;
 }

@@ -57,7 +57,8 @@ std::vector<Finding> CheckPercentages(const RunFacts &facts) {
     for (const NotifyCall &call : facts.NotifyCalls())
         percentages.push_back(call.percent);
     const std::string oddity = percentages.empty() ? "" : OddityOf(percentages);
-    if (oddity.empty())
+    // Of a run that was killed they say nothing.
+    if (oddity.empty() || facts.record.isOverdue)
         return {};
     const std::string happens = "the percentages " + oddity;
     const bool allRan = std::none_of(facts.lines.begin(), facts.lines.end(), [](const LineVerdict &line) {

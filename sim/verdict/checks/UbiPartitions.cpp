@@ -1,10 +1,12 @@
 #include "base/Bytes.h"
 #include "base/Text.h"
 #include "ubi/UbiImage.h"
+#include "ubi/UbiMedia.h"
 #include "verdict/Checks.h"
 #include "verdict/UbiFacts.h"
 
 #include <algorithm>
+#include <set>
 
 namespace {
 
@@ -56,6 +58,67 @@ void CheckVolume(const RunFacts &facts, const UbiPartition &partition, const Ubi
                                            " end in programmed pages of 0xFF, which UBIFS takes for erased and writes");
 }
 
+/// @return the programs beside the updater that changed a partition: "ubiformat, bootvars".
+std::string ChangersOf(const RunFacts &facts, const UbiPartition &partition) {
+    std::set<std::string> names;
+    for (const std::uint32_t block : facts.flash.Blocks(partition.range)) {
+        const auto found = facts.changers.find(block);
+        if (found != facts.changers.end())
+            names.insert(found->second.begin(), found->second.end());
+    }
+    return JoinWords({names.begin(), names.end()}, ", ");
+}
+
+/// @return how what the kernel reads from a partition differs from the image of its line; empty when it does not.
+std::string LossOf(const RunFacts &facts, const UbiPartition &partition) {
+    const UbiGeometry geometry = UbiGeometry::Of(facts.chip);
+    const std::vector<std::uint8_t> bytes = UbiImageBytes(facts, partition.line);
+    if (!FitsChip(ReadUbiImage(bytes.data(), bytes.size(), geometry), geometry))
+        return {};
+    const ImagePebs image(bytes.data(), bytes.size(), geometry.pebSize, partition.pebs.Pebs());
+    const UbiAttachment wanted = AttachUbi(image, geometry, {facts.chip.Geometry().Blocks(), 0});
+    const std::string loss = AttachmentLoss(wanted, partition.attachment);
+    return !loss.empty() || !wanted.IsAttached()
+               ? loss
+               : DataLoss(wanted, image, partition.attachment, partition.pebs, geometry);
+}
+
+/// @return the PEBs that this run wrote with something else than UBI's: UBI erases them.
+std::int64_t ForeignPebs(const RunFacts &facts, const UbiPartition &partition) {
+    std::int64_t foreign = 0;
+    const std::vector<std::uint32_t> blocks = facts.flash.Blocks(partition.range);
+    for (std::uint32_t peb = 0; peb < blocks.size(); ++peb) {
+        std::uint8_t start[kUbiHeaderSize];
+        const std::int64_t offset = facts.flash.FromChip(std::uint64_t{blocks[peb]} * facts.chip.Geometry().eraseSize);
+        const UpdateLine *writer = facts.WriterOf(offset); // a later line's own work is an overlap
+        if (partition.pebs.IsBad(peb) || !facts.chip.IsTouched(blocks[peb]) || writer == nullptr ||
+            writer->number != partition.line.number)
+            continue;
+        partition.pebs.Read(peb, 0, kUbiHeaderSize, start);
+        foreign += EcHeader().Parse(start) == UbiHeaderState::NoMagic ? 1 : 0;
+    }
+    return foreign;
+}
+
+/// What a ubiformat line and all that ran later left of its image. Images of other lines are compared page by page.
+void CheckContents(const RunFacts &facts, const UbiPartition &partition, std::vector<Finding> &findings) {
+    const std::int64_t foreign = ForeignPebs(facts, partition);
+    const std::string loss = LossOf(facts, partition);
+    const std::string changers = ChangersOf(facts, partition);
+    const std::string culprits = changers.empty() ? "" : "; changed by " + changers;
+    if (!loss.empty())
+        findings.push_back(
+            ForLine(partition.line, FindingId::Spoiled,
+                    "UBI on " + partition.name + " does not hold the image: " + loss + culprits,
+                    "keep other programs off the partition, and use a ubiformat that writes this image"));
+    if (foreign > 0)
+        findings.push_back(ForLine(
+            partition.line, FindingId::Spoiled,
+            Count(foreign, "block") + " of " + partition.name + (foreign == 1 ? " holds" : " hold") + " data that " +
+                (foreign == 1 ? "is" : "are") + " not UBI's, and UBI erases such blocks" + culprits,
+            "keep that data outside the partition, or in a UBI volume"));
+}
+
 void CheckPartition(const RunFacts &facts, const UbiPartition &partition, std::vector<Finding> &findings) {
     const UbiAttachment &ubi = partition.attachment;
     const auto add = [&](FindingId id, const std::string &happens) {
@@ -83,8 +146,12 @@ void CheckPartition(const RunFacts &facts, const UbiPartition &partition, std::v
     if (ubi.reservedForBad < ubi.wantedForBad)
         add(FindingId::UbiReserve, "the kernel reserves " + Count(ubi.reservedForBad, "PEB") + " of " + partition.name +
                                        " for bad blocks and wants " + std::to_string(ubi.wantedForBad));
+    const std::size_t known = findings.size();
     for (const UbiVolume &volume : ubi.volumes)
         CheckVolume(facts, partition, volume, findings);
+    const bool isOtherwiseSound = findings.size() == known && !ubi.volumes.empty();
+    if (partition.line.kind == LineKind::Ubiformat && IsUbiImage(facts, partition.line) && isOtherwiseSound)
+        CheckContents(facts, partition, findings);
 }
 
 } // namespace

@@ -269,14 +269,14 @@ TEST(Ubi, IsJudgedBeforeAndAfterTheRun) {
     EXPECT_EQ(Told(format, Image("page-headers"), two), "ubi-geometry ");
     EXPECT_EQ(Told(format, Image("small-blocks"), two), "ubi-geometry ");
     EXPECT_EQ(Told(format, torn, two), "ubi-length ");
-    EXPECT_EQ(Told(format, tornInHeader, two), "ubi-length ubi-missing-lebs ");
+    EXPECT_EQ(Told(format, tornInHeader, tornInHeader), "ubi-length ubi-missing-lebs ubi-damaged-volume ");
     EXPECT_EQ(Told(format, twins, twins), "ubi-damaged-image ubi-refused ");
-    EXPECT_EQ(Told(format, gap, two), "ubi-missing-lebs ");
-    EXPECT_EQ(Told(format, Image("subless"), two), "ubifs-mismatch ");
+    EXPECT_EQ(Told(format, gap, gap), "ubi-missing-lebs ");
+    EXPECT_EQ(Told(format, Image("subless"), Image("subless")), "ubifs-mismatch ");
     EXPECT_EQ(Told(format, two, marked), "ubi-update-marker ");
     EXPECT_EQ(Told(format, two, wrongData), "ubi-damaged-volume ");
     EXPECT_EQ(Told(format, Image("big"), Image("big")), "ubi-reserve ");
-    EXPECT_EQ(Told(format, two, damaged({UbiPlace::VidHeader, 3, 63, 0x01, false})), "ubi-corrupted ");
+    EXPECT_EQ(Told(format, two, damaged({UbiPlace::VidHeader, 3, 63, 0x01, false})), "ubi-corrupted spoiled ");
     // A raw write leaves ECC only on a chip that computes it.
     EXPECT_EQ(Told(write, Image("page-headers"), Image("page-headers"), Ecc::Chip), "");
     EXPECT_EQ(Told(write, two, two, Ecc::Host, false), "ubi-refused missing-ecc ");

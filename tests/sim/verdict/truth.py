@@ -116,6 +116,14 @@ fcntl.ioctl(fd, 0x4D13, 3)
 os.pwrite(fd, block, 3 * 0x20000)
 E
 """
+# Programs that change the partition after the format, and one with the updater's name that prints the updater's lines.
+ALSO = REAL.replace("exec ", "").replace('"$@"', '"$@" || exit\n')
+ERASES = ALSO + "flash_erase -q /dev/mtd9 0x60000 1\n"
+KEEPS = "flash_erase -q /dev/mtd9 0x4c0000 1\necho serial | nandwrite -q -p -s 0x4c0000 /dev/mtd9 -\n"
+FORGES = ALSO + """python3 -c "import os
+os.execv('/usr/bin/printf', ['flashrig', 'prepare ubi ...\\nexecute /bin/sh status 0\\nexecute /tmp/update/ubiformat status 0\\n'])"
+exit 3
+"""
 GOOD, GOOD_HOST = ubi(noise(3 * LEB)), ubi(noise(3 * LEB), options="-s 512")
 STATIC = ubi(noise(3 * LEB), kind="static")
 FS, FS_FIXUP = ubi(ubifs()), ubi(ubifs("-F"))
@@ -153,6 +161,7 @@ ROWS = [
     ("an image is what the chip holds", Update("write 0 8000 a\n", {"a": ONE}, CHIP), [], None, []),
     ("a range over whole devices", Update("erase 0 50000\n", {}, PARTS), [], None, []),
     # How the run begins.
+    ("a byte order mark", Update("\ufefferase 0 4000\n"), ["1:unknown-command"], Update("erase 0 4000\n"), []),
     ("a zero byte in the script", Update("erase 0 4000\n\0erase 8000 4000\n"), ["0:script-cut"],
      Update("erase 0 4000\nerase 8000 4000\n"), []),
     ("a script in a folder", Update(None, {"sub/flashrig.script": b"erase 20000 4000\n"}), ["0:not-started"],
@@ -174,6 +183,8 @@ ROWS = [
     ("half a block", Update("erase 0 6000\n"), ["1:misaligned"], Update("erase 0 8000\n"), []),
     ("an empty range", Update("setenv 20000 0 a 2\n", {}, "--used"), ["1:empty-range"], Update(SET, {}, "--used"), []),
     ("a range beyond the flash", Update("erase fc000 8000\n"), ["1:off-chip"], Update("erase fc000 4000\n"), []),
+    ("a negative size", Update("write 40000 8000 a\nerase 20000 -4000\n", {"a": ONE}, CHIP), ["2:off-chip", "2:overlap"],
+     Update("write 40000 8000 a\nerase 20000 4000\n", {"a": ONE}, CHIP), []),
     *((f"{kind} fails", Update("write 0 8000 a\n", {"a": ONE}, f"{CHIP} --fault {kind}=EIO --fault {kind.replace('64', '')}=EIO"), findings,
        Update("write 0 8000 a\n", {"a": ONE}, CHIP), [])
       for kind, findings in (("MEMGETBADBLOCK", ["1:check-failed"]),
@@ -210,8 +221,11 @@ ROWS = [
             {"two": text(BLOCK + 1), "progress_script.sh": prints(*FAILS)}, CHIP), []),
     ("a notify script that fails", Update("write 0 8000 a\n", {"a": ONE, "progress_script.sh": "exit 1\n"}, CHIP),
      ["0:notify-failed"], Update("write 0 8000 a\n", {"a": ONE, "progress_script.sh": "exit 0\n"}, CHIP), []),
-    ("a device that does not report its page size", Update("write 0 8000 a\n", {"a": ONE}, CHIP + " --no-sysfs writesize"),
-     ["1:no-geometry"], Update("write 0 8000 a\n", {"a": ONE}, CHIP), []),
+    *((f"a device that does not report its {file}", Update("write 0 8000 a\n", {"a": ONE}, f"{CHIP} --no-sysfs {file}"),
+       [finding], Update("write 0 8000 a\n", {"a": ONE}, CHIP), [])
+      for file, finding in (("writesize", "1:no-geometry"), ("size", "1:spoiled"))),
+    ("a program outlives the update", tool("#!/bin/sh\nsleep 30 >&- 2>&- &\n"), ["0:still-running"],
+     tool("#!/bin/sh\nsleep 0.3 >&- 2>&- &\n"), []),
     # Words.
     ("a decimal suffix", Update("erase 0 8000K\n"), ["1:number"], Update("erase 0 8000\n"), []),
     ("a comment after a value", tool(QUIET, "setenv delay 1 # second\n"), ["1:setenv-long"],
@@ -255,8 +269,12 @@ ROWS = [
     # The final chip.
     ("another program erases what a line wrote",
      Update("write 0 8000 a\nsetenv x y\n", {"a": ONE}, CHIP, SMALL,
-            {"bin/bootvars": python_tool(f"fcntl.ioctl(fd, {MEMERASE}, struct.pack('II', 0, 0x4000))\n")}),
+            {"bin/bootvars": "#!/bin/sh\nPATH=$PATH:/usr/sbin\nunset LD_PRELOAD\n"
+                             "(sleep 0.3; exec flash_erase -q /dev/mtd12 0 1) >&- 2>&- &\n"}),
      ["1:spoiled"], Update("write 0 8000 a\nsetenv x y\n", {"a": ONE}, CHIP, SMALL, {"bin/bootvars": QUIET}), []),
+    ("a later line erases what another program wrote",
+     tool(python_tool(f"fcntl.ioctl(fd, {MEMERASE}, struct.pack('II', 0x78000, 0x4000))\nos.pwrite(fd, b'x' * 512, 0x78000)\n"),
+          "setenv x y\nerase 78000 4000\n"), ["2:overlap"], tool(QUIET, "setenv x y\nerase 78000 4000\n"), []),
     ("another program writes into an erased range",
      tool(python_tool("os.pwrite(fd, b'x' * 512, 0x4000)\n"), "erase 0 8000\nsetenv x y\n"),
      ["1:spoiled"], tool(QUIET, "erase 0 8000\nsetenv x y\n"), []),
@@ -316,6 +334,8 @@ ROWS = [
                           ("JFFS2", made("mkdir r; cp content r/f; mkfs.jffs2 -e 16KiB -n -r r -o out",
                                          content=text(9000))),
                           ("ext", made("truncate -s 256K out; mkfs.ext2 -q -F -b 1024 out")[:0x3800]), ("UBIFS", ubifs()[:0x3800]))),
+    ("squashfs in a raw image without ECC", Update("writeoob 20000 8000 image\n", {"image": b"hsqs" + noise(508) + b"\xff" * 16}),
+     ["1:missing-ecc"], Update("writeoob 20000 8000 image\n", {"image": b"hsqs" + noise(508) + b"\xff" * 16}, CHIP), []),
     ("other data without ECC", Update("write 20000 8000 one\nwrite 34000 8000 one\n", {"one": text(900)}), ["0:no-ecc"],
      Update("writeoob 20000 8000 one\nwriteoob 34000 8000 one\n", {"one": bytes(512) + b"\xff" * 16}), []),
     # ubiformat and UBI.
@@ -349,21 +369,37 @@ ROWS = [
     ("a block that was written again raw", form(GOOD_HOST, STRIPS, ""), ["1:ubi-unreadable"], form(GOOD_HOST, options=""), []),
     ("free space of UBIFS by write", Update("write 200000 400000 a\n", {"a": FS}, CHIP, LARGE), ["1:ubifs-free-space"],
      Update("write 200000 400000 a\n", {"a": FS_FIXUP}, CHIP, LARGE), []),
+    ("a ubiformat that reports success in the updater's name", form(program=FORGES), ["1:format-failed"], FORM, []),
+    ("a program erases a block of the volume", form(program=ERASES), ["1:spoiled"], FORM, []),
+    ("a program keeps data among UBI's blocks", form(program=ALSO + KEEPS), ["1:spoiled"], FORM, []),
+    ("a program keeps data where UBI comes later",
+     form(line="setenv x y\nubiformat {} a\n")._replace(root={"bin/bootvars": "#!/bin/sh\nPATH=$PATH:/usr/sbin\n" + KEEPS}),
+     ["2:overlap"], form(line="setenv x y\nubiformat {} a\n")._replace(root={"bin/bootvars": QUIET}), []),
     ("a mount stays busy while the partition is formatted", form(options=CHIP + " --mount /opt --mount /opt/other"),
      ["1:still-mounted"], form(options=CHIP + " --mount /opt"), []),
     # Programs.
     ("a tool that fails", tool("#!/bin/sh\nexit 3\n"), ["1:tool-failed"], SETS, []),
     ("a tool for another processor", tool(ARM), ["0:foreign-program", "1:tool-failed"], SETS, []),
-    ("a tool that maps flash", tool("#!/usr/bin/python3\nimport mmap, os\ntry:\n mmap.mmap(os.open('/dev/mtd12', 0), 512,"
-                                    " prot=mmap.PROT_READ)\nexcept OSError:\n pass\n"), ["0:unserved-request"], SETS, []),
+    *((f"a tool that {does}", tool(body), ["0:unserved-request"], SETS, []) for does, body in (
+        ("maps flash", "#!/usr/bin/python3\nimport mmap, os\ntry:\n mmap.mmap(os.open('/dev/mtd12', 0), 512,"
+                       " prot=mmap.PROT_READ)\nexcept OSError:\n pass\n"),
+        ("writes a block device", "#!/bin/sh\necho x > /dev/mtdblock12\nexit 0\n"),
+        ("opens flash by number", "#!/usr/bin/python3\nimport ctypes\nctypes.CDLL(None).syscall(257, -100, b'/dev/mtd12', 2)\n"))),
 ]
 # Advice and culprits that depend on the case: the row's name and a part of the text.
 TEXTS = {
     "a script in a folder": "the script is in sub of the update",
     "a prepare.sh where the device never looks": "run the update from /tmp/update",
+    "a byte order mark": "without a byte order mark",
+    "a negative size": "erases data written earlier by line 1",
+    "a device that does not report its size": "see what the device reports",
+    "a program outlives the update": "sleep still runs",
+    "a later line erases what another program wrote": "1 block that bootvars wrote earlier",
+    "a program erases a block of the volume": "has other LEBs; changed by flash_erase, ubiformat",
+    "a program keeps data among UBI's blocks": "data that is not UBI's",
     "a later erase": "keep the range of line 2 off the environment",
     "an erase ahead of the change": "a, bootcmd, bootdelay, ethaddr, serial are lost",
-    "another program erases what a line wrote": "changed by bootvars",
+    "another program erases what a line wrote": "changed by flash_erase",
 }
 # Other tests have the means for these: attacks on the sandbox, images, other processors, messages without work.
 ELSEWHERE = {"interrupted", "too-much", "chip-bypassed", "prepare-failed", "handover-failed", "replaced-program",
