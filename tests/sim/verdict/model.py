@@ -252,7 +252,8 @@ class Tool(NamedTuple):
 
 # Kinds of findings by what they say of the device.
 SPOILED = {"spoiled", "overlap", "not-done", "unerased", "environment-lost"}
-ENVIRONMENT = {"environment-lost", "environment-damaged", "overlap"}
+ENVIRONMENT = {"environment-lost", "environment-damaged", "environment-invalid", "environment-absent", "environment-erased",
+               "duplicate-variable", "overlap"}
 MARKERS = {"false-markers"}
 WHOLE_FLASH = {"part-of-flash"}
 CROSSING = {"crosses-device"}

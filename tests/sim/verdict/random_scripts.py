@@ -17,11 +17,19 @@ from concurrent.futures import ThreadPoolExecutor
 
 sys.dont_write_bytecode = True  # the folder of the sources stays clean
 from model import Chip, Device, Geometry, Rehearsal, Tool, make_environment
-from truth import write_tree
 
 GEOMETRIES = [Geometry(24, 16384, 512, 16, "host"), Geometry(16, 131072, 2048, 64, "host"),
               Geometry(12, 262144, 4096, 128, "host"), Geometry(16, 131072, 2048, 64, "chip")]
 CHAIN = 3
+
+
+def write_tree(folder, files):
+    for name, data in files.items():
+        path = folder / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_bytes(data.encode() if isinstance(data, str) else data)
+        path.chmod(0o755)
+
 
 TOOL = """#!/usr/bin/python3
 import fcntl, os, struct, sys
@@ -263,7 +271,9 @@ class Chain:
             if truth.required and not any(fits(truth, finding) for finding in findings):
                 differences.append(f"not found: {truth.what} in {sorted(truth.lines)}: {sorted(truth.kinds)}")
         for finding in findings:
-            if not any(fits(truth, finding) for truth in model.truths):
+            # What would be without ECC is said of lines that fail too.
+            would = finding["kind"] == "missing-ecc" and results.get(finding["line"]) != "clean"
+            if not would and not any(fits(truth, finding) for truth in model.truths):
                 differences.append(f"not so: {finding['line']}: {finding['kind']}: {finding['happens']}")
         if differences:
             differences += [f"   {f['line']}: {f['severity']}: {f['kind']}: {f['happens']}" for f in findings]
