@@ -7,7 +7,7 @@
 namespace {
 
 /// Most recorded runs that a worker remembers.
-constexpr std::size_t kMostKnown = 256;
+constexpr std::size_t kMostSecondRuns = 256;
 
 } // namespace
 
@@ -47,7 +47,7 @@ std::optional<SweepComplaint> SecondRuns::RunForReal(const NandChip &chip, std::
     std::vector<RunStep> steps;
     if (!HasMarked() && ReadLastRun(m_rig, steps) && !again.isOverdue && !again.leavesProcesses && !again.isBypassed) {
         m_known.emplace_front(steps, again, chip, m_rig.Chip(), m_judge, m_first);
-        if (m_known.size() > kMostKnown)
+        if (m_known.size() > kMostSecondRuns)
             m_known.pop_back();
     }
     return m_judge.JudgeCut(m_rig.Chip(), line, again, m_first);

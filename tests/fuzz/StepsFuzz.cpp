@@ -50,7 +50,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *bytes, std::size_t size) {
     }
     const SweepJudge judge(reference);
     if (!isMarked) {
-        KnownRun known(steps, outcome, start.Chip(), start.Chip(), judge);
+        KnownRun known(steps, outcome, start.Chip(), start.Chip(), judge, FirstRun::Cut);
         replay.AdvanceTo(changes + 1, [&](std::uint32_t block) { known.Follow(replay.Chip(), block); });
         std::optional<SweepComplaint> complaint;
         known.Judge(replay.Chip(), 1, {}, complaint);
