@@ -13,11 +13,14 @@ update_lists() {
     as_root apt-get update -qq || echo "apt-get update failed, going on with the lists at hand" >&2
 }
 
-# Installs what is missing; nothing is asked or touched when nothing is.
+# Installs what is missing; nothing is asked or touched when nothing is. Other packages may provide one: Node.js from
+# its makers has npm, and refuses Debian's.
 install_packages() {
-    local missing=() package
+    local missing=() package provided
+    provided=$(dpkg-query -W -f '${db:Status-Status} ${Provides}\n' | sed -n 's/^installed //p' | tr -d ' ' | tr , '\n')
     while read -r package; do
-        dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q '^install ok installed' || missing+=("$package")
+        dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q '^install ok installed' ||
+            grep -qxF "$package" <<<"$provided" || missing+=("$package")
     done < <(grep -v '^#' packages.txt)
     [ ${#missing[@]} -eq 0 ] && return
     echo "installing ${missing[*]}"
