@@ -1,17 +1,21 @@
 #include "base/Text.h"
 #include "verdict/Checks.h"
 
+#include <cstring>
+
 namespace {
 
 /// What a device's shell doesn't take for plain text, in a word and at its beginning.
 constexpr const char *kShellCharacters = "$`\"'\\|&;<>()*?[";
 constexpr const char *kShellBeginnings = "#~";
 
-/// @return whether a word is a number as offsets are written, with or without 0x; a name such as "face" is none.
-bool IsHexNumber(const std::string &word) {
+/// @return whether a word is a number as people write offsets, with or without 0x, such as "80000" and "512K"; a name
+///         such as "face" is none.
+bool LooksLikeOffset(const std::string &word) {
     const bool isPrefixed = word.rfind("0x", 0) == 0 || word.rfind("0X", 0) == 0;
-    return word[0] >= '0' && word[0] <= '9' &&
-           word.find_first_not_of("0123456789abcdefABCDEF", isPrefixed ? 2 : 0) == std::string::npos;
+    const std::size_t end = word.find_first_not_of("0123456789abcdefABCDEF", isPrefixed ? 2 : 0);
+    const bool hasUnit = end + 1 == word.size() && std::strchr("kKmM", word[end]) != nullptr;
+    return word[0] >= '0' && word[0] <= '9' && (end == std::string::npos || hasUnit);
 }
 
 void CheckNumber(const UpdateLine &line, std::size_t token, const ScriptNumber &number,
@@ -42,7 +46,7 @@ void CheckLine(const UpdateLine &line, std::vector<Finding> &findings) {
                                    line.Name() + " as a name never matches: each update adds one more entry"));
     if (line.kind != LineKind::HandEnv)
         return;
-    if (IsHexNumber(line.Name()))
+    if (LooksLikeOffset(line.Name()))
         findings.push_back(ForLine(line, FindingId::SetenvShort,
                                    "four words or fewer are the short form: a variable with the name " + line.Name() +
                                        " gets the value " + line.Value()));

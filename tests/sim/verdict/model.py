@@ -147,6 +147,12 @@ def make_environment(entries, size, length=None, flag=b""):
     return (zlib.crc32(body).to_bytes(4, "little") + flag + body).ljust(size, b"\0")
 
 
+def is_environment(image):
+    """Whether a loader would take an image for an environment: whole or half of it, with a flag byte or without."""
+    return any(zlib.crc32(image[start:end]) == int.from_bytes(image[:4], "little")
+               for start in (4, 5) for end in (len(image), len(image) // 2))
+
+
 def has_valid_crc(block):
     return zlib.crc32(block[4:]) == int.from_bytes(block[:4], "little")
 
@@ -353,6 +359,8 @@ class Rehearsal:
     def _write(self, line):
         record = self.its.raw if line.command == "writeoob" else self.its.page
         image, done = self.files[line.image], 0
+        if line.command == "write" and self.its.ecc == "host" and is_environment(image):
+            self._say("an environment without ECC", [line], {"missing-ecc"})
         before = b"\xff" * record
         for block in self._blocks(line, self.whole.size):
             if block in self.chip.bad:
@@ -389,6 +397,9 @@ class Rehearsal:
             self._say("reads damaged data", others, kinds)
         if not has_valid_crc(found):
             self._say("finds no environment", others, kinds)
+        names = [entry.split(b"=")[0] for entry in parse_updater(found)]
+        if len(names) > len(set(names)):
+            self._say("a loader reads the last of two", others, kinds, required=False)
         if parse_loader(changed).get(line.name.encode()) != line.value.encode():
             self._say("a loader reads another value", others, kinds)
         pages = [changed[i:i + self.its.page] for i in range(0, len(changed), self.its.page)]
