@@ -39,8 +39,8 @@ using Clock = std::chrono::steady_clock;
 /// How often the limits are checked while a program runs.
 constexpr std::chrono::milliseconds kLookPeriod(100);
 constexpr timespec kLookWait = {0, 100'000'000};
-/// How many of these waits others get to end after the updater.
-constexpr int kLooksForOthers = 10;
+/// How many of these waits others get to end after the updater: a delayed restart of the device takes a few seconds.
+constexpr int kLooksForOthers = 50;
 /// Most names of those that have not.
 constexpr std::size_t kMostNames = 8;
 
@@ -99,9 +99,8 @@ const char *FindExcess() {
     return pages > kMostMemory / static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)) ? "memory" : nullptr;
 }
 
-/// @return the names of the sandbox's processes but this one, with commas: "sh,sleep". A name may be any bytes: other
-/// than
-///         letters, digits and a few marks are shown as "?".
+/// @return the names of the sandbox's processes but this one, with commas: "sh,sleep". Bytes other than letters, digits
+///         and a few marks are shown as "?".
 std::string OtherNames() {
     std::set<std::string> names;
     VisitProcesses([&](const std::string &process) {

@@ -35,7 +35,7 @@ struct RunSettings {
                                            ///< in visible characters; -1 for none
     int passErr = -1;                      ///< the same for its error output
     int milliseconds = -1;                 ///< how long the update may take; -1 for no limit
-    bool waitsForOthers = false;           ///< programs that the updater leaves get a second to end
+    bool waitsForOthers = false;           ///< programs that the updater leaves get five seconds to end
 };
 
 /// The result of a run. The counters and the trace are in the state file.
