@@ -60,25 +60,37 @@ template <typename Show> std::string EachLine(const std::string &text, const Sho
     return shown;
 }
 
-/// @return the parts of a line that a terminal shows one over the other, in visible characters.
-std::vector<std::string> Rewrites(const std::string &line) {
-    std::vector<std::string> parts;
-    for (std::size_t at = 0; at <= line.size();) {
-        const std::size_t end = std::min(line.find('\r', at), line.size());
-        parts.push_back(VisibleText(line.substr(at, end - at)));
-        at = end + 1;
-    }
-    return parts;
-}
-
 bool IsFirstByte(char byte) { return (static_cast<unsigned char>(byte) & 0xc0U) != 0x80; }
 
-/// Puts a text over the start of another one, both of visible characters.
-std::string Over(const std::string &under, const std::string &text) {
-    auto left = std::count_if(text.begin(), text.end(), IsFirstByte);
-    const auto rest =
-        std::find_if(under.begin(), under.end(), [&left](char byte) { return IsFirstByte(byte) && left-- == 0; });
-    return text + std::string(rest, under.end());
+/// @return a line with the "\r" after which a terminal writes over the start of the line.
+std::string LiveLine(const std::string &line) {
+    std::string shown;
+    for (std::size_t at = 0; at <= line.size();) {
+        const std::size_t end = std::min(line.find('\r', at), line.size());
+        shown += (at > 0 ? "\r" : "") + VisibleText(line.substr(at, end - at));
+        at = end + 1;
+    }
+    return shown;
+}
+
+/// @return the line that a terminal shows in the end: the last part, and of each part before what is longer.
+std::string SettledLine(const std::string &line) {
+    std::string shown;
+    std::ptrdiff_t width = 0;
+    for (std::size_t end = line.size(), at = 0; end != std::string::npos; end = at == 0 ? std::string::npos : at - 1) {
+        const std::size_t back = end == 0 ? std::string::npos : line.rfind('\r', end - 1);
+        at = back == std::string::npos ? 0 : back + 1;
+        const std::string part = VisibleText(line.substr(at, end - at));
+        const std::ptrdiff_t characters = std::count_if(part.begin(), part.end(), IsFirstByte);
+        if (characters <= width)
+            continue;
+        std::ptrdiff_t covered = width;
+        shown.append(std::find_if(part.begin(), part.end(),
+                                  [&covered](char byte) { return IsFirstByte(byte) && covered-- == 0; }),
+                     part.end());
+        width = characters;
+    }
+    return shown;
 }
 
 } // namespace
@@ -170,18 +182,9 @@ std::string VisibleText(const std::string &text) {
 
 std::string VisibleLines(const std::string &text) { return EachLine(text, VisibleText); }
 
-std::string LiveLines(const std::string &text) {
-    return EachLine(text, [](const std::string &line) { return JoinWords(Rewrites(line), "\r"); });
-}
+std::string LiveLines(const std::string &text) { return EachLine(text, LiveLine); }
 
-std::string SettledLines(const std::string &text) {
-    return EachLine(text, [](const std::string &line) {
-        std::string shown;
-        for (const std::string &part : Rewrites(line))
-            shown = Over(shown, part);
-        return shown;
-    });
-}
+std::string SettledLines(const std::string &text) { return EachLine(text, SettledLine); }
 
 std::size_t WholeCharacters(const std::string &text) {
     constexpr std::size_t kLongest = 4;

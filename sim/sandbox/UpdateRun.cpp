@@ -24,6 +24,7 @@
 #include <poll.h>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -195,8 +196,10 @@ struct Sandbox::Stream {
             Pass(buffer, length);
             return;
         }
+        const std::size_t lastLine = std::string_view(buffer, kept).rfind('\n');
+        const std::size_t lines = lastLine == std::string_view::npos ? 0 : begun.size() + lastLine + 1;
         begun.append(buffer, kept);
-        PassBegun(isTerminal ? WholeCharacters(begun) : begun.rfind('\n') + 1);
+        PassBegun(isTerminal ? WholeCharacters(begun) : lines);
     }
 
     void PassBegun(std::size_t length) {

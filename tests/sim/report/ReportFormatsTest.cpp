@@ -84,6 +84,7 @@ TEST(ReportFormats, ShowWhatWouldSteerADisplay) {
         const char *text, *live, *settled;
     } lines[] = {{"\r 1 %\r 12 %\r100 %\nend\r\n", "\r 1 %\r 12 %\r100 %\nend\r\n", "100 %\nend\r\n"},
                  {"long text\rshort", "long text\rshort", "shorttext"},
+                 {"aaaa\rbb\r\rc", "aaaa\rbb\r\rc", "cbaa"},
                  {"\xc3\xa4\xc3\xb6\xc3\xbc\r\xe2\x82\xac\x1b\r", "\xc3\xa4\xc3\xb6\xc3\xbc\r\xe2\x82\xac\\x1b\r",
                   "\xe2\x82\xac\\x1b"},
                  {"\xc3\xa4\xc3\xb6\xc3\xbc\rx", "\xc3\xa4\xc3\xb6\xc3\xbc\rx", "x\xc3\xb6\xc3\xbc"},
