@@ -79,7 +79,7 @@ std::string CheckUpdate(const std::string &path) {
 
 std::string CheckHistory(const std::string &list) {
     for (const std::string &release : SplitList(list)) {
-        const std::string problem = CheckUpdate(release);
+        std::string problem = CheckUpdate(release);
         if (!problem.empty())
             return problem;
     }

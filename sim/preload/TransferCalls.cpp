@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
+#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <string>
@@ -343,7 +344,8 @@ INTERPOSED long syscall(long number, ...) noexcept {
     if (IsSimulated(fd) && std::find(std::begin(kOnDescriptors), end, number) != end)
         NoteCall("raw system call", fd);
     const bool isOpen = number == SYS_openat || number == SYS_openat2;
-    const auto *path = reinterpret_cast<const char *>(values[1]);
+    const char *path = nullptr;
+    std::memcpy(&path, &values[1], sizeof path);
     const int minor = isOpen && path != nullptr ? MinorOfPath(static_cast<int>(values[0]), path) : -1;
     if (minor >= 0)
         NoteUnserved("raw system call on " + NodePath(minor));
