@@ -29,7 +29,8 @@ commands = json.loads((build / "compile_commands.json").read_text())
 
 def include_path(room):
     """The -I and -isystem words with which a source of the room is compiled."""
-    entry = next(it for it in commands if it["file"].startswith(f"{sim}/{room}/") and it["file"].endswith(".cpp"))
+    # A source, or a batch of them.
+    entry = next(it for it in commands if it["file"].startswith(f"{sim}/{room}/") or f"/flashsim_{room}.dir/" in it["file"])
     words = shlex.split(entry["command"])
     kept = []
     for place, word in enumerate(words):

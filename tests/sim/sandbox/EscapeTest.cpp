@@ -193,14 +193,15 @@ TEST_F(Escape, EveryRunOfASweepNoticesChangesOfTheChipByOtherWays) {
     Save("update/flashrig.script", "setenv a b\nwrite 0 60000 image\n");
     Save("update/image", std::string(0x40000, 'k'));
     fs::create_directory(m_folder / "root/bin");
-    // The first two runs in a sandbox are honest, like the reference. What is changed later is then written over.
+    // The first two runs in a sandbox are honest, like the reference. What is changed later is then written over. Only
+    // runs whose failure does not show keep the sandbox.
     Save("root/bin/bootvars", "#!/bin/sh\necho >>/tmp/runs\n[ $(wc -l </tmp/runs) -lt 3 ] ||"
                               " printf x | dd of=/.flashsim/chip bs=1 seek=140000 conv=notrunc 2>/dev/null\n");
-    EXPECT_EQ(Run(false, "sweep faults --every 20 --jobs 1 --chip 1M,128K,2K,64 --root " +
+    EXPECT_EQ(Run(false, "sweep faults --every 20 --jobs 1 --exact --chip 1M,128K,2K,64 --root " +
                              (m_folder / "root").string() + " " + Update()),
               1);
-    EXPECT_NE(m_out.find("always: 2 of 25 runs passed"), std::string::npos) << m_out;
-    EXPECT_NE(m_out.find("pages changed other than by a request, or while the writer was killed [23 runs]"),
+    EXPECT_NE(m_out.find("always: 21 of 25 runs passed"), std::string::npos) << m_out;
+    EXPECT_NE(m_out.find("pages changed other than by a request, or while the writer was killed [4 runs]"),
               std::string::npos)
         << m_out;
 }
