@@ -50,6 +50,10 @@ std::string ByteText(char byte) { return FormatText("\\x%02x", static_cast<unsig
 
 /// @param show makes a line, without its end, another one
 template <typename Show> std::string EachLine(const std::string &text, const Show &show) {
+    // Nearly all output is plain, and there may be much of it.
+    const auto isPlain = [](char byte) { return (byte >= ' ' && byte <= '~') || byte == '\n'; };
+    if (std::all_of(text.begin(), text.end(), isPlain))
+        return text;
     std::string shown;
     for (std::size_t at = 0; at < text.size();) {
         const std::size_t end = std::min(text.find('\n', at), text.size());
