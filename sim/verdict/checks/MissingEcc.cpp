@@ -4,6 +4,7 @@
 #include "verdict/Checks.h"
 #include "verdict/UbiFacts.h"
 
+#include <algorithm>
 #include <string_view>
 
 namespace {
@@ -19,6 +20,14 @@ std::string ContentReadThroughEcc(const RunFacts &facts, const UpdateLine &line)
     return content.length != 0 ? content.text : "";
 }
 
+/// @return whether a later line changes the flash at an offset: what is there is not this line's.
+bool IsTakenLater(const RunFacts &facts, const LineVerdict &verdict, std::int64_t offset) {
+    return std::any_of(facts.lines.begin(), facts.lines.end(), [&](const LineVerdict &later) {
+        const std::optional<FlashRange> range = facts.RangeOf(later);
+        return later.line.number > verdict.line.number && range && range->Holds(offset) && !facts.IsPassedOver(later);
+    });
+}
+
 /// @return how many pages of a raw image the kernel can't read as they are: their OOB has no ECC, or another one.
 std::int64_t UnsoundPages(const RunFacts &facts, const LineVerdict &verdict) {
     const std::optional<FlashRange> range = facts.RangeOf(verdict);
@@ -30,8 +39,12 @@ std::int64_t UnsoundPages(const RunFacts &facts, const LineVerdict &verdict) {
     std::int64_t unsound = 0;
     for (const std::uint32_t block : facts.flash.GoodBlocks(*range)) {
         const std::uint32_t first = block * geometry.PagesPerBlock();
+        const bool isOther =
+            IsTakenLater(facts, verdict, facts.flash.FromChip(std::uint64_t{block} * geometry.eraseSize));
         for (std::uint32_t page = first; page < first + geometry.PagesPerBlock() && pages > 0; ++page, --pages)
-            unsound += facts.chip.Read(page, 0, geometry.pageSize, data.data()).Worst() != ReadResult::Clean ? 1 : 0;
+            unsound += !isOther && facts.chip.Read(page, 0, geometry.pageSize, data.data()).Worst() != ReadResult::Clean
+                           ? 1
+                           : 0;
     }
     return unsound;
 }

@@ -149,8 +149,8 @@ def make_environment(entries, size, length=None, flag=b""):
 
 def is_environment(image):
     """Whether a loader would take an image for an environment: whole or half of it, with a flag byte or without."""
-    return any(zlib.crc32(image[start:end]) == int.from_bytes(image[:4], "little")
-               for start in (4, 5) for end in (len(image), len(image) // 2))
+    return len(image) > 5 and any(zlib.crc32(image[start:end]) == int.from_bytes(image[:4], "little")
+                                  for start in (4, 5) for end in (len(image), len(image) // 2))
 
 
 def has_valid_crc(block):
