@@ -110,9 +110,8 @@ Finding SpoiledFinding(const UpdateLine &line, const Difference &difference, boo
         return ForLine(line, FindingId::Spoiled, happens);
     if (difference.changers.empty())
         return ForLine(line, FindingId::Spoiled,
-                       happens +
-                           "; no other program changed those blocks: a request of the line failed silently, or the "
-                           "file changed during the run",
+                       happens + "; no other program changed those blocks: a request of the line may have failed "
+                                 "silently, or the file changed during the run",
                        "see what the device reports of its flash, the trace, and what programs do to the file");
     return ForLine(line, FindingId::Spoiled,
                    happens + "; changed by " +
