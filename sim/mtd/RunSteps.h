@@ -24,6 +24,11 @@ struct RunStep {
     }
 };
 
+/// @return the block of a step that changes a chip.
+inline std::uint32_t BlockOf(const RunStep &step, const NandGeometry &geometry) {
+    return step.kind == RunStep::Kind::Program ? step.place / geometry.PagesPerBlock() : step.place;
+}
+
 /// Writes a step into a record.
 /// @param program of a page program, else null
 /// @param keepsBytes the record keeps the bytes of programs

@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr char kRunMagic[16] = "flashsim run 02";
+constexpr char kRunMagic[16] = "flashsim run 03";
 constexpr std::size_t kMaxDevices = 32;
 constexpr std::size_t kMaxFaults = 64;
 constexpr std::size_t kMaxName = 63;
@@ -88,6 +88,7 @@ struct SimState::Shared {
     Flag updaterProcess; ///< 0 for none yet
     Flag openFileCount;
     OpenFile openFiles[kMaxOpenFiles];
+    StopPlace stop;
 
     /// Sets everything but the magic, the trace and its room.
     void Begin(const SimSettings &settings);
@@ -135,6 +136,7 @@ void SimState::Shared::Begin(const SimSettings &settings) {
     noteCount = 0;
     updaterProcess = 0;
     openFileCount = 0;
+    stop.Clear();
 }
 
 void SimState::Create(const std::string &path, const SimSettings &settings) {
@@ -218,6 +220,29 @@ int SimState::Begin(RequestKind kind) {
             return fault.error;
     }
     return 0;
+}
+
+StopPlace &SimState::Stop() { return m_shared->stop; }
+
+bool SimState::IsAtStop() const { return m_bIsUpdater && m_shared->stop.IsAt(m_current, Requests(m_current)); }
+
+/// @return the bytes of the shared part that runs change: all before the first unused open file description.
+std::size_t SimState::RunSize() const {
+    const std::size_t used = std::min(m_shared->openFileCount.load(), kMaxOpenFiles);
+    return static_cast<std::size_t>(reinterpret_cast<const std::uint8_t *>(m_shared->openFiles + used) -
+                                    reinterpret_cast<const std::uint8_t *>(m_shared));
+}
+
+SimState::Kept SimState::Keep() const {
+    const auto *bytes = reinterpret_cast<const std::uint8_t *>(m_shared);
+    return {{bytes, bytes + RunSize()}, m_shared->traceEnd};
+}
+
+void SimState::TakeBack(const Kept &kept) {
+    const std::size_t end = m_shared->TraceLength(TraceRoom());
+    std::copy(kept.bytes.begin(), kept.bytes.end(), reinterpret_cast<std::uint8_t *>(m_shared));
+    if (kept.traceEnd < end)
+        std::memset(m_shared->TraceText() + kept.traceEnd, 0, end - static_cast<std::size_t>(kept.traceEnd));
 }
 
 std::uint64_t SimState::Requests(RequestKind kind) const { return m_shared->requests[static_cast<std::size_t>(kind)]; }

@@ -4,6 +4,7 @@
 #include "chip/ChangeListener.h"
 #include "mtd/MtdDevice.h"
 #include "mtd/Requests.h"
+#include "mtd/StopPlace.h"
 
 #include <cstdint>
 #include <string>
@@ -84,6 +85,18 @@ public:
     /// Counts a request. Doesn't return once power is off.
     /// @return 0, or the errno value with which a fault makes it fail.
     int Begin(RequestKind kind);
+    /// Where the updater stops for branches.
+    StopPlace &Stop();
+    /// @return whether this process is the updater, and is to stop before the request that has just begun.
+    bool IsAtStop() const;
+    /// The run so far, while no process of it goes on.
+    struct Kept {
+        std::vector<std::uint8_t> bytes;
+        std::uint64_t traceEnd;
+    };
+    Kept Keep() const;
+    /// Makes the state what it was, but for its StopPlace.
+    void TakeBack(const Kept &kept);
     /// @return how many requests of a kind were made, failed ones included.
     std::uint64_t Requests(RequestKind kind) const;
     /// @return how many pages were programmed and blocks erased, one that the power cut ended included.
@@ -145,6 +158,7 @@ private:
     void RecordChange(const ChipAccess &access);
     std::uint64_t TraceRoom() const;
     bool HasTraceRoom(std::uint64_t end);
+    std::size_t RunSize() const;
     enum class Lines { OfTrace, OfRecord, All };
     std::string KeptLines(Lines wanted) const;
     void Append(const char *bytes, std::uint64_t length);

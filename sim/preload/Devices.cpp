@@ -3,6 +3,7 @@
 #include "base/Text.h"
 #include "mtd/MtdDevice.h"
 #include "mtd/Trace.h"
+#include "preload/Branches.h"
 #include "preload/Interface.h"
 #include "preload/Next.h"
 #include "preload/OwnRecord.h"
@@ -50,7 +51,9 @@ template <typename CarryOut, typename Describe>
 std::int64_t Perform(SimState &state, RequestKind kind, Base base, CarryOut carryOut, Describe describe) {
     const bool traces = state.Traces();
     const std::string text = traces ? describe() : std::string();
-    const int fault = state.Begin(kind);
+    int fault = state.Begin(kind);
+    if (state.IsAtStop())
+        fault = StopForBranches(state.Stop(), fault);
     const std::int64_t result = fault != 0 ? -fault : carryOut();
     if (traces)
         state.Trace(text + ResultText(result, base));

@@ -348,6 +348,24 @@ RunOutcome Sandbox::Run(const std::vector<std::string> &program, bool describesU
     return outcome;
 }
 
+void Sandbox::Start(const std::vector<std::string> &program) {
+    SendCommand(m_control.Get(), {program, Describes::Nothing});
+}
+
+bool Sandbox::TakeOutput(RunOutcome &outcome) {
+    pollfd wait = {m_control.Get(), POLLIN, 0};
+    const bool isRunning = poll(&wait, 1, 0) == 0;
+    const auto take = [&outcome](Stream &stream, std::string &text) {
+        stream.TakeRest();
+        text.append(stream.text, 0, kMostOutput - text.size());
+        outcome.isCut = outcome.isCut || stream.isCut;
+        stream.text.clear();
+    };
+    take(*m_out, outcome.out);
+    take(*m_err, outcome.err);
+    return isRunning;
+}
+
 RunOutcome Sandbox::RunCommand(const SandboxCommand &command, const HeldSignals &signals, int milliseconds) {
     RunOutcome outcome;
     // A sandbox that has ended says in its report why.

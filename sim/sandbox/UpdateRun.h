@@ -87,6 +87,13 @@ public:
     RunOutcome Run(const std::vector<std::string> &program, bool describesUpdate, const HeldSignals &signals,
                    int milliseconds = kNoLimit);
 
+    /// Starts a program and does not wait for its end. The sandbox runs nothing more.
+    /// @throws std::runtime_error when it has too many arguments
+    void Start(const std::vector<std::string> &program);
+    /// Adds to an outcome what a started program has printed since the last call.
+    /// @return whether the program is still running.
+    bool TakeOutput(RunOutcome &outcome);
+
 private:
     struct Stream;
 

@@ -10,23 +10,35 @@ ChangeReplay::ChangeReplay(const std::string &start, const std::vector<RunStep> 
 
 void ChangeReplay::AdvanceTo(std::uint64_t change, const std::function<void(std::uint32_t block)> &changed) {
     while (m_done + 1 < change) {
-        const RunStep &step = *m_changes[m_done++];
-        Change(step, Extent::Whole);
-        changed(BlockOf(step));
+        const std::uint32_t block = BlockOfNext();
+        Change(*m_changes[m_done++], Extent::Whole);
+        changed(block);
     }
 }
 
 std::uint32_t ChangeReplay::Tear(Extent extent) {
-    const RunStep &step = *m_changes[m_done];
-    m_file.Chip().SaveBlock(BlockOf(step), m_before);
-    Change(step, extent);
-    return BlockOf(step);
+    const std::uint32_t block = BlockOfNext();
+    Save(block);
+    Change(*m_changes[m_done], extent);
+    return block;
 }
 
-void ChangeReplay::Restore() { m_file.Chip().RestoreBlock(BlockOf(*m_changes[m_done]), m_before); }
+void ChangeReplay::Put(const NandChip &other, const std::vector<std::uint32_t> &blocks) {
+    for (const std::uint32_t block : blocks) {
+        Save(block);
+        m_file.Chip().CopyBlock(other, block);
+    }
+}
 
-std::uint32_t ChangeReplay::BlockOf(const RunStep &step) const {
-    return step.kind == RunStep::Kind::Program ? step.place / Chip().Geometry().PagesPerBlock() : step.place;
+void ChangeReplay::Restore() {
+    for (const auto &[block, image] : m_before)
+        m_file.Chip().RestoreBlock(block, image);
+    m_before.clear();
+}
+
+void ChangeReplay::Save(std::uint32_t block) {
+    m_before.emplace_back(block, NandChip::BlockImage());
+    m_file.Chip().SaveBlock(block, m_before.back().second);
 }
 
 void ChangeReplay::Change(const RunStep &step, Extent extent) {

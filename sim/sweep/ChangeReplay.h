@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// A chip that goes through the changes of a recorded run, one by one, without the updater.
@@ -26,15 +27,18 @@ public:
     /// Makes the next change as far as a power cut lets it get.
     /// @return the block of the change
     std::uint32_t Tear(Extent extent);
-    /// Takes back what Tear did.
+    /// Makes blocks what they are on another chip.
+    void Put(const NandChip &other, const std::vector<std::uint32_t> &blocks);
+    /// Takes back what Tear or Put did.
     void Restore();
 
 private:
-    std::uint32_t BlockOf(const RunStep &step) const;
+    std::uint32_t BlockOfNext() const { return BlockOf(*m_changes[m_done], Chip().Geometry()); }
+    void Save(std::uint32_t block);
     void Change(const RunStep &step, Extent extent);
 
     ChipFile m_file;
     std::vector<const RunStep *> m_changes;
     std::size_t m_done = 0;
-    NandChip::BlockImage m_before;
+    std::vector<std::pair<std::uint32_t, NandChip::BlockImage>> m_before;
 };

@@ -13,17 +13,19 @@ std::uint64_t RecordLimit(const NandGeometry &geometry) {
     return kPasses * (geometry.RawSize() + geometry.Pages() * kStepBytes) + (std::uint64_t{1} << 24);
 }
 
-std::string MakeState(const std::string &path, SimSettings settings, const NandGeometry &geometry) {
+} // namespace
+
+std::string MakeRigState(const std::string &chip, SimSettings settings, const NandGeometry &geometry) {
     settings.traceLimit = RecordLimit(geometry);
-    SimState::Create(path, settings);
-    return path;
+    SimState::Create(RigStatePath(chip), settings);
+    return RigStatePath(chip);
 }
 
-} // namespace
+std::string RigStatePath(const std::string &chip) { return chip + ".state"; }
 
 Rig::Rig(const RunSettings &settings, const ChipFile &start, const std::string &path, const HeldSignals &signals)
     : m_settings(settings), m_start(start.Chip()), m_signals(signals), m_sPath(path), m_chip(path),
-      m_state(MakeState(path + ".state", settings.sim, start.Chip().Geometry())) {
+      m_state(MakeRigState(path, settings.sim, start.Chip().Geometry())) {
     for (std::uint32_t block = 0; block < m_start.Geometry().Blocks(); ++block) {
         if (m_start.IsUnstable(block))
             m_unstable.push_back(block);
@@ -79,7 +81,7 @@ RunOutcome Rig::RunIn(const RigRun &run, const std::vector<std::string> *command
     Chip().ScanForBadBlocks();
     const bool isNew = !m_sandbox;
     if (isNew)
-        m_sandbox = std::make_unique<Sandbox>(m_settings, m_sPath, m_sPath + ".state");
+        m_sandbox = std::make_unique<Sandbox>(m_settings, m_sPath, RigStatePath(m_sPath));
     const std::vector<std::string> update = isNew ? UpdaterCommand(m_settings) : m_habit.command;
     const bool isUpdate = command == nullptr;
     // What the update holds is the same in every sandbox.

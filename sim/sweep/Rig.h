@@ -28,6 +28,12 @@ struct RigRun {
     SimSettings::Record record = SimSettings::Record::None;
 };
 
+/// Makes the state file of runs on a chip, with room for the record of a run.
+/// @param chip path of the chip's files
+/// @return RigStatePath(chip)
+std::string MakeRigState(const std::string &chip, SimSettings settings, const NandGeometry &geometry);
+std::string RigStatePath(const std::string &chip);
+
 /// A chip and a sandbox in which an update is run many times.
 class Rig {
 public:
@@ -54,6 +60,10 @@ public:
     /// Runs another program in the sandbox.
     RunOutcome RunCommand(const std::vector<std::string> &command, SimSettings::Record record);
 
+    /// @return how long a run may take, in milliseconds.
+    int Patience() const { return m_habit.milliseconds; }
+    /// @return the path of the chip's files.
+    const std::string &Path() const { return m_sPath; }
     NandChip &Chip() { return m_chip.Chip(); }
     const NandChip &Chip() const { return m_chip.Chip(); }
     const SimState &State() const { return m_state; }

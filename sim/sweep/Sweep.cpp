@@ -350,8 +350,8 @@ SweepResult Sweeper::Run(const SweepSettings &asked,
     const std::size_t atATime = isReplayed ? kReplayedAtATime : 1;
     const auto setUp = [&](unsigned worker) -> WorkerJob {
         const std::shared_ptr<Rig> rig = makeRig(worker);
-        const auto tools =
-            std::make_shared<const SweepTools>(SweepTools{base.start, base.startPath, *rig, judge, settings});
+        const auto tools = std::make_shared<const SweepTools>(
+            SweepTools{base.start, base.startPath, *rig, judge, settings, base.settings, base.signals});
         const std::shared_ptr<CaseReplay> replay = isReplayed ? kind.replay(*tools) : std::unique_ptr<CaseReplay>();
         return [&, rig, tools, replay](std::size_t job) {
             std::vector<std::string> results;
@@ -390,7 +390,8 @@ SweepResult Sweeper::Run(const SweepSettings &asked,
     const auto setUpSample = [&](unsigned worker) -> WorkerJob {
         const std::shared_ptr<Rig> rig = makeRig(worker);
         return [&, rig](std::size_t job) {
-            return Pack(TryForReal(plan.cases[sample[job]], {base.start, base.startPath, *rig, judge, settings}));
+            return Pack(TryForReal(plan.cases[sample[job]],
+                                   {base.start, base.startPath, *rig, judge, settings, base.settings, base.signals}));
         };
     };
     const auto compare = [&](std::size_t job, const std::string &message) {

@@ -36,6 +36,8 @@ struct SweepTools {
     Rig &rig;
     const SweepJudge &judge;
     const SweepSettings &settings;
+    const RunSettings &run;
+    const HeldSignals &signals;
 };
 
 /// Tries the cases of a sweep by replay of recorded runs, with the same results as real runs.

@@ -223,6 +223,15 @@ TEST_F(Sweep, GivesEachRunAfterATroubleADeviceWithoutItsFiles) {
                               "dd if=/bin/sh of=/dev/mtd12 bs=512 count=3 seek=66 conv=notrunc && rm /tmp/lock\n");
     for (const char *mode : {"", "--exact "})
         EXPECT_EQ(Run(std::string("--root root --sweep cut ") + mode)[0]["held"], 2 * 3) << m_outcome.out;
+    // The script goes on after an erase that failed.
+    File("update/flashrig.script", "erase 8000 4000\nerase c000 4000\nsetenv name value\n");
+    File("root/bin/bootvars",
+         "#!/bin/sh\n[ -e /tmp/lock ] && exit 1\n"
+         "[ \"$(head -c 32769 /dev/mtd12 | tail -c 1)\" = \"$(printf '\\377')\" ] || touch /tmp/lock\n"
+         "dd if=/bin/sh of=/dev/mtd12 bs=512 count=3 seek=66 conv=notrunc\n");
+    const auto faults = Run("--root root --sweep faults")[0];
+    EXPECT_EQ(faults["failures"].size(), 4U) << faults;
+    EXPECT_EQ(faults, Run("--root root --sweep faults --exact")[0]);
 }
 
 TEST_F(Sweep, ComparesWhatProgramsChangeWithoutTheBadBlock) {

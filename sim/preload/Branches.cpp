@@ -1,0 +1,203 @@
+#include "preload/Branches.h"
+
+#include <array>
+#include <asm/ioctls.h>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <fcntl.h>
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+#if defined(__x86_64__)
+constexpr std::uint32_t kArchitecture = AUDIT_ARCH_X86_64;
+#elif defined(__aarch64__)
+constexpr std::uint32_t kArchitecture = AUDIT_ARCH_AARCH64;
+#else
+constexpr std::uint32_t kArchitecture = 0; // no call is allowed: there all runs are whole ones
+#endif
+
+enum class Holds { Always, Equal, AtLeast, HasNone };
+
+/// A system call that leaves nothing behind, as long as an argument is as the rule says.
+struct Allowed {
+    long call;
+    Holds holds = Holds::Always;
+    std::size_t argument = 0;
+    std::uint32_t value = 0;
+};
+
+constexpr std::uint32_t kWriting = O_ACCMODE | O_CREAT | O_TRUNC;
+constexpr std::uint32_t kFirstOther = STDERR_FILENO + 1;
+
+constexpr Allowed kAllowed[] = {
+    {SYS_write, Holds::Equal, 0, STDOUT_FILENO},
+    {SYS_write, Holds::Equal, 0, STDERR_FILENO},
+    {SYS_writev, Holds::Equal, 0, STDOUT_FILENO},
+    {SYS_writev, Holds::Equal, 0, STDERR_FILENO},
+    {SYS_read},
+    {SYS_readv},
+    {SYS_pread64},
+    {SYS_lseek}, // the updater puts positions back
+    {SYS_close, Holds::AtLeast, 0, kFirstOther},
+    {SYS_openat, Holds::HasNone, 2, kWriting},
+#ifdef SYS_open
+    {SYS_open, Holds::HasNone, 1, kWriting},
+    {SYS_stat},
+    {SYS_lstat},
+    {SYS_access},
+    {SYS_readlink},
+#endif
+    {SYS_newfstatat},
+    {SYS_fstat},
+    {SYS_statx},
+    {SYS_faccessat},
+#ifdef SYS_faccessat2
+    {SYS_faccessat2},
+#endif
+    {SYS_readlinkat},
+    {SYS_getdents64},
+    {SYS_getcwd},
+    // Descriptors of devices are files in memory.
+    {SYS_memfd_create},
+    {SYS_utimensat, Holds::Equal, 1, 0},
+    {SYS_dup},
+    {SYS_dup3, Holds::AtLeast, 1, kFirstOther},
+    {SYS_fcntl, Holds::Equal, 1, F_GETFD},
+    {SYS_fcntl, Holds::Equal, 1, F_SETFD},
+    {SYS_fcntl, Holds::Equal, 1, F_GETFL},
+    {SYS_ioctl, Holds::Equal, 1, TCGETS},
+    {SYS_mmap, Holds::HasNone, 3, MAP_SHARED},
+    {SYS_munmap},
+    {SYS_mremap},
+    {SYS_mprotect},
+    {SYS_madvise},
+    {SYS_brk},
+    {SYS_futex},
+    {SYS_rt_sigaction},
+    {SYS_rt_sigprocmask},
+    {SYS_rt_sigreturn},
+    {SYS_sigaltstack},
+    {SYS_getpid},
+    {SYS_gettid},
+    {SYS_getuid},
+    {SYS_geteuid},
+    {SYS_getgid},
+    {SYS_getegid},
+    {SYS_uname},
+    {SYS_getrandom},
+    {SYS_clock_gettime},
+    {SYS_clock_nanosleep},
+    {SYS_nanosleep},
+    {SYS_sched_yield},
+    {SYS_exit},
+    {SYS_exit_group},
+};
+
+constexpr std::uint32_t kLoad = BPF_LD | BPF_W | BPF_ABS;
+
+constexpr sock_filter Statement(std::uint32_t code, std::uint32_t value) {
+    return {static_cast<std::uint16_t>(code), 0, 0, value};
+}
+
+/// Goes `yes` or `no` instructions ahead.
+constexpr sock_filter Jump(std::uint32_t code, std::uint32_t value, std::uint8_t yes, std::uint8_t no) {
+    return {static_cast<std::uint16_t>(BPF_JMP | code | BPF_K), yes, no, value};
+}
+
+/// Where an argument's low half is in the kernel's description of a call; both architectures are little-endian.
+constexpr std::uint32_t PlaceOf(std::size_t argument) {
+    return static_cast<std::uint32_t>(offsetof(seccomp_data, args) + argument * sizeof(std::uint64_t));
+}
+
+std::vector<sock_filter> MakeFilter() {
+    constexpr sock_filter kLoadCall = Statement(kLoad, offsetof(seccomp_data, nr));
+    constexpr sock_filter kAllow = Statement(BPF_RET | BPF_K, SECCOMP_RET_ALLOW);
+    constexpr sock_filter kEnd = Statement(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS);
+    std::vector<sock_filter> filter = {Statement(kLoad, offsetof(seccomp_data, arch)),
+                                       Jump(BPF_JEQ, kArchitecture, 1, 0), kEnd, kLoadCall};
+    for (const Allowed &rule : kAllowed) {
+        const auto call = static_cast<std::uint32_t>(rule.call);
+        if (rule.holds == Holds::Always) {
+            filter.insert(filter.end(), {Jump(BPF_JEQ, call, 0, 1), kAllow});
+            continue;
+        }
+        const sock_filter test = rule.holds == Holds::Equal     ? Jump(BPF_JEQ, rule.value, 0, 1)
+                                 : rule.holds == Holds::AtLeast ? Jump(BPF_JGE, rule.value, 0, 1)
+                                                                : Jump(BPF_JSET, rule.value, 1, 0);
+        filter.insert(filter.end(),
+                      {Jump(BPF_JEQ, call, 0, 4), Statement(kLoad, PlaceOf(rule.argument)), test, kAllow, kLoadCall});
+    }
+    filter.push_back(kEnd);
+    return filter;
+}
+
+/// Keeps this process from all that would outlast it.
+/// @return false when the kernel has no filters.
+bool Confine(const std::vector<sock_filter> &filter) {
+    const sock_fprog program = {static_cast<unsigned short>(filter.size()), const_cast<sock_filter *>(filter.data())};
+    return prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0) == 0;
+}
+
+/// The positions in open files, which a branch shares with the updater.
+class FilePositions {
+public:
+    FilePositions() {
+        for (int fd = 0; fd < kMost; ++fd)
+            m_positions[static_cast<std::size_t>(fd)] = Seek(fd, 0, SEEK_CUR);
+    }
+    void PutBack() const {
+        for (int fd = 0; fd < kMost; ++fd) {
+            const off_t position = m_positions[static_cast<std::size_t>(fd)];
+            if (position >= 0)
+                Seek(fd, position, SEEK_SET);
+        }
+    }
+
+private:
+    static constexpr int kMost = 64;
+    /// Past the interposed function: descriptors of devices have no position of their own.
+    static off_t Seek(int fd, off_t offset, int whence) { return syscall(SYS_lseek, fd, offset, whence); }
+
+    std::array<off_t, kMost> m_positions = {};
+};
+
+} // namespace
+
+int StopForBranches(StopPlace &stop, int fault) {
+    static bool isBranch = false;
+    if (isBranch)
+        return fault;
+    static const std::vector<sock_filter> filter = MakeFilter();
+    const int error = errno;
+    stop.Arrive();
+    while (stop.AwaitOrder()) {
+        const FilePositions positions;
+        const pid_t branch = fork();
+        if (branch == 0) {
+            isBranch = true;
+            if (!Confine(filter)) {
+                std::raise(SIGSYS);
+                _exit(SIGSYS);
+            }
+            errno = error;
+            return stop.Error();
+        }
+        int status = SIGSYS;
+        if (branch > 0)
+            syscall(SYS_wait4, branch, &status, 0, nullptr);
+        positions.PutBack();
+        stop.EndBranch(status);
+    }
+    errno = error;
+    return fault;
+}
