@@ -142,7 +142,7 @@ void MeasureSweeps(const TempFolder &folder, const HeldSignals &signals) {
         ChipFile::Copy(path, folder.File("rig"));
         Rig rig(settings, start, folder.File("rig"), signals);
         MeasureRuns(rig, "a device each", kRuns / 10);
-        rig.Adopt({true, UpdaterCommand(settings), Sandbox::kNoLimit, {}, {}});
+        rig.Adopt({true, UpdaterCommand(settings), Sandbox::kNoLimit, {}, {rig.Run().err}});
         MeasureRuns(rig, "one device for all", kRuns);
     }
     const Sweeper sweeper(settings, path, signals);

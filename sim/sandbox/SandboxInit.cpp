@@ -304,7 +304,8 @@ void RunSandbox(const SandboxJob &job, const SandboxStreams &streams) {
         prctl(PR_SET_NAME, "init");
         EnterSandboxRoot(job.layout);
         SetStreams(streams);
-        init.ReadGivenUpdate();
+        if (job.describesGiven)
+            init.ReadGivenUpdate();
         ConfineProcess();
         // What runs from here on has the same user: nothing of this process may be open to it.
         Check(prctl(PR_SET_DUMPABLE, 0), "can't close /proc/1");

@@ -15,6 +15,7 @@ struct SandboxJob {
     std::vector<std::string> environment; ///< NAME=VALUE, all that the sandbox's programs get
     std::vector<std::string> starts;      ///< shell commands that run in the background, started in this order
     std::string update;                   ///< folder in the sandbox that holds the unpacked update
+    bool describesGiven = true;           ///< the update is read before any program runs
     bool waitsForOthers = false;          ///< after a program, others get a moment to end; their names are replied
 };
 

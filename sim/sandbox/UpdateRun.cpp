@@ -285,7 +285,7 @@ void StageForSandbox(RunSettings &settings, const std::string &folder) {
     give(staged);
 }
 
-Sandbox::Sandbox(const RunSettings &settings, const std::string &chip, const std::string &state)
+Sandbox::Sandbox(const RunSettings &settings, const std::string &chip, const std::string &state, bool describesUpdate)
     : m_settings(settings), m_sChip(chip), m_sState(state),
       // A reply may be more than a message holds.
       m_report(Check(memfd_create("report", MFD_CLOEXEC), "can't make the sandbox's streams")) {
@@ -297,7 +297,8 @@ Sandbox::Sandbox(const RunSettings &settings, const std::string &chip, const std
         OpenToSandbox(path, kWritable);
     if (ChipFile::HasSums(chip))
         OpenToSandbox(chip + kChipSums, kWritable);
-    const SandboxJob job = MakeJob(settings, chip, state);
+    SandboxJob job = MakeJob(settings, chip, state);
+    job.describesGiven = describesUpdate;
     PrepareConfinement();
     Channel out = settings.isConsole ? MakeConsole() : MakePipe();
     Channel err = MakePipe();

@@ -72,15 +72,17 @@ public:
     /// Begins to build the sandbox. The first run reports what fails in there.
     /// @param chip path of a chip's files, which runs change
     /// @param state path of the existing state file of its runs, in the folder of the run
+    /// @param describesUpdate whether a first run can describe the update; reading a large one takes longer than a run
     /// @throws std::runtime_error with one line, which names the missing setting where there are no sandboxes
-    Sandbox(const RunSettings &settings, const std::string &chip, const std::string &state);
+    Sandbox(const RunSettings &settings, const std::string &chip, const std::string &state,
+            bool describesUpdate = true);
     ~Sandbox();
     Sandbox(const Sandbox &) = delete;
     Sandbox &operator=(const Sandbox &) = delete;
 
     /// Runs a program to its end. When the run ends early or has a console, the sandbox ends too and runs nothing more.
     /// @param program path in the sandbox and arguments
-    /// @param describesUpdate whether the outcome is to have script, files and contents
+    /// @param describesUpdate whether the outcome is to have script, files and contents; of a first run only
     /// @param signals a held signal ends the run
     /// @param milliseconds how long the program may take
     /// @throws std::runtime_error with one line when the program didn't get to run

@@ -33,7 +33,7 @@ BranchingRun::BranchingRun(const RunSettings &settings, const HeldSignals &signa
       m_state(MakeRigState(path, WithSteps(settings.sim), Chip().Geometry())), m_command(UpdaterCommand(settings)),
       m_kept() {
     m_chip.Chip().ScanForBadBlocks();
-    m_sandbox = std::make_unique<Sandbox>(settings, path, RigStatePath(path));
+    m_sandbox = std::make_unique<Sandbox>(settings, path, RigStatePath(path), false);
 }
 
 bool BranchingRun::GoTo(RequestKind kind, std::uint64_t nth, std::vector<RunStep> &steps) {

@@ -80,12 +80,12 @@ RunOutcome Rig::RunIn(const RigRun &run, const std::vector<std::string> *command
     // Each run is a start of the device: the kernel looks for bad-block markers again.
     Chip().ScanForBadBlocks();
     const bool isNew = !m_sandbox;
-    if (isNew)
-        m_sandbox = std::make_unique<Sandbox>(m_settings, m_sPath, RigStatePath(m_sPath));
-    const std::vector<std::string> update = isNew ? UpdaterCommand(m_settings) : m_habit.command;
     const bool isUpdate = command == nullptr;
     // What the update holds is the same in every sandbox.
     const bool isFirst = isUpdate && isNew && std::exchange(m_bIsFirst, false);
+    if (isNew)
+        m_sandbox = std::make_unique<Sandbox>(m_settings, m_sPath, RigStatePath(m_sPath), isFirst);
+    const std::vector<std::string> update = isNew ? UpdaterCommand(m_settings) : m_habit.command;
     RunOutcome outcome = m_sandbox->Run(isUpdate ? update : *command, isFirst, m_signals, m_habit.milliseconds);
     if (!m_chip.IsWhole())
         throw std::runtime_error("a program of the update cut or lengthened the files of the chip");
