@@ -15,10 +15,12 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 #include <string>
 #include <sys/resource.h>
 #include <vector>
@@ -160,6 +162,128 @@ void MeasureSweeps(const TempFolder &folder, const HeldSignals &signals) {
     }
 }
 
+/// CPU time of all programs that a sandbox has run, in microseconds; those of sandboxes that have ended.
+double ChildTime() {
+    struct rusage usage = {};
+    getrusage(RUSAGE_CHILDREN, &usage);
+    const auto microseconds = [](const timeval &time) {
+        return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_usec);
+    };
+    return microseconds(usage.ru_utime) + microseconds(usage.ru_stime);
+}
+
+/// What programs do with the pages of an image.
+struct Pages {
+    double time = 0; ///< CPU time in microseconds
+    double requests = 0;
+};
+
+struct PageTool {
+    const char *name;
+    const char *command; ///< for a shell in the folder of the update; null for the updater
+    bool isOnUsedChip;   ///< the pages hold the image before
+};
+
+constexpr PageTool kFill = {"nandwrite", "nandwrite -q /dev/mtd0 image", false};
+constexpr PageTool kPageTools[] = {
+    {"flashrig", nullptr, true},
+    kFill,
+    {"flash_erase", "flash_erase -q /dev/mtd0 0 0", true},
+    {"flash_erase, nandwrite", "flash_erase -q /dev/mtd0 0 0 && nandwrite -q /dev/mtd0 image", true},
+    {"flashcp", "flashcp image /dev/mtd0", true},
+    {"nanddump", "nanddump -q -f /dev/null /dev/mtd0", true},
+    {"nanddump --oob", "nanddump -q -o -f /dev/null /dev/mtd0", true},
+    {"ubiformat", "ubiformat -q -y -f ubi /dev/mtd0", true},
+};
+constexpr std::uint64_t kToolBlocks[] = {16, 512};
+constexpr int kToolRuns = 5;
+
+std::string ToolUpdate(const NandGeometry &geometry, std::uint64_t blocks) {
+    return std::to_string(geometry.eraseSize) + "x" + std::to_string(blocks);
+}
+
+/// An update with an image of so many blocks, which is `ubi` as an image of UBI.
+void MakeToolUpdate(const TempFolder &folder, const NandGeometry &geometry, std::uint64_t blocks) {
+    const std::size_t size = blocks * geometry.eraseSize;
+    char script[64];
+    snprintf(script, sizeof script, "write 0 %zx image\n", size);
+    const std::filesystem::path path = MakeUpdate(folder, ToolUpdate(geometry, blocks).c_str(), script, size);
+    // Two blocks hold the volume table, two pages of a block its headers. ubinize takes no longer file than a volume.
+    const std::uint64_t volume = (blocks - 2) * (geometry.eraseSize - 2 * geometry.pageSize);
+    std::ofstream(path / "ini") << "[v]\nmode=ubi\nvol_id=0\nvol_type=dynamic\nvol_name=v\nvol_size=" << volume
+                                << "\nimage=" << (path / "image").string() << '\n';
+    std::filesystem::resize_file(path / "image", volume);
+    const std::string ubinize = "ubinize -o " + (path / "ubi").string() + " -p " + std::to_string(geometry.eraseSize) +
+                                " -m " + std::to_string(geometry.pageSize) + ' ' + (path / "ini").string();
+    if (std::system(ubinize.c_str()) != 0)
+        throw std::runtime_error("ubinize failed");
+    std::filesystem::resize_file(path / "image", size);
+}
+
+/// Runs a program in a sandbox of its own, on an MTD device as large as the image.
+Pages RunTool(const TempFolder &folder, const NandGeometry &geometry, const PageTool &tool, std::uint64_t blocks,
+              const HeldSignals &signals) {
+    const std::string update = folder.File(ToolUpdate(geometry, blocks));
+    RunSettings settings = Settings(update, geometry);
+    settings.sim.devices = {{0, "all", 0, blocks * geometry.eraseSize}};
+    settings.sim.traceLimit = std::uint64_t{1} << 30;
+    const std::string state = folder.File("state");
+    SimState::Create(state, settings.sim);
+    const std::vector<std::string> command =
+        tool.command == nullptr
+            ? UpdaterCommand(settings)
+            : std::vector<std::string>{"/bin/sh", "-c", "cd " + settings.place + " && " + tool.command};
+    const double begin = ChildTime();
+    {
+        Sandbox sandbox(settings, folder.File("tools.nand"), state);
+        const RunOutcome outcome = sandbox.Run(command, false, signals);
+        if (outcome.status != 0)
+            throw std::runtime_error(std::string(tool.name) + ": " + outcome.out + outcome.err);
+    }
+    Pages pages = {ChildTime() - begin, 0};
+    const SimState after(state);
+    for (std::uint32_t kind = 0; kind < kRequestKinds; ++kind)
+        pages.requests += static_cast<double>(after.Requests(static_cast<RequestKind>(kind)));
+    return pages;
+}
+
+/// @return the cost of a page: the least of some runs on many pages without that of runs on few.
+Pages MeasureTool(const TempFolder &folder, const NandGeometry &geometry, Ecc ecc, const PageTool &tool,
+                  const HeldSignals &signals) {
+    Pages cost[2];
+    for (int i = 0; i < 2; ++i) {
+        for (int run = 0; run < kToolRuns; ++run) {
+            ChipFile::Create(folder.File("tools.nand"), geometry, ecc, {});
+            if (tool.isOnUsedChip)
+                RunTool(folder, geometry, kFill, kToolBlocks[i], signals);
+            const Pages pages = RunTool(folder, geometry, tool, kToolBlocks[i], signals);
+            if (run == 0 || pages.time < cost[i].time)
+                cost[i] = pages;
+        }
+    }
+    const auto pages = static_cast<double>((kToolBlocks[1] - kToolBlocks[0]) * geometry.PagesPerBlock());
+    return {(cost[1].time - cost[0].time) / pages, (cost[1].requests - cost[0].requests) / pages};
+}
+
+void MeasureTools(const TempFolder &folder, const HeldSignals &signals) {
+    for (const char *chip : {kLargeChip, kSmallChip}) {
+        const NandGeometry geometry = ParseGeometry(chip);
+        for (const std::uint64_t blocks : kToolBlocks)
+            MakeToolUpdate(folder, geometry, blocks);
+        for (const Ecc ecc : {Ecc::Host, Ecc::Chip}) {
+            printf("a page of a chip of %s, ECC by the %s\n", chip, ecc == Ecc::Host ? "host" : "chip");
+            printf("  %-24s %8s %10s %10s\n", "", "us (CPU)", "requests", "x flashrig");
+            double updater = 0;
+            for (const PageTool &tool : kPageTools) {
+                const Pages cost = MeasureTool(folder, geometry, ecc, tool, signals);
+                updater = updater == 0 ? cost.time : updater;
+                printf("  %-24s %8.2f %10.3f %10.2f\n", tool.name, cost.time, cost.requests, cost.time / updater);
+                fflush(stdout);
+            }
+        }
+    }
+}
+
 /// Most memory of one process so far, in MiB: of this one, and of the largest of its children.
 void TellMemory() {
     for (const int who : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
@@ -189,12 +313,17 @@ void MeasureLargeSweep(const TempFolder &folder, const HeldSignals &signals, con
 
 } // namespace
 
-/// bench_flashsim [KIND...]: with kinds of sweeps, only these, of images of 16 and 64 MiB; that takes minutes.
+/// bench_flashsim [tools | KIND...]: "tools" compares mtd-utils with the updater, page by page. With kinds of sweeps,
+/// only these, of images of 16 and 64 MiB; that takes minutes.
 int main(int argc, char **argv) {
     try {
         const HeldSignals signals;
         const TempFolder folder;
         for (int i = 1; i < argc; ++i) {
+            if (std::strcmp(argv[i], "tools") == 0) {
+                MeasureTools(folder, signals);
+                continue;
+            }
             for (const std::size_t size : {kMediumImage, kLargeImage})
                 MeasureLargeSweep(folder, signals, argv[i], size);
         }
