@@ -38,7 +38,7 @@ struct BoardFinds {
     std::vector<Environment> environments;
     std::vector<Counters> counters; ///< of each MTD device since the chip was made
     std::vector<std::string> kernelLog;
-    double bootSeconds = 0; ///< from the start of the kernel to that of the update
+    double bootSeconds = 0; ///< from the start of the board to that of the update
 };
 
 /// A line of --expect.
@@ -60,7 +60,7 @@ std::string FindsText(const BoardFinds &finds);
 
 /// The field "board" of a report:
 ///
-///   bootSeconds   from the start of the kernel to that of the update
+///   bootSeconds   from the start of the board to that of the update
 ///   counters      each: device (number), corrected, failed, badBlocks
 ///   environments  those of setenv lines, each: offset (bytes on the chip), size, valid, reason (why not), variables
 ///   ubi           MTD devices that begin as UBI, each: device, attached, reason; volumes, each: name, mounted, reason;

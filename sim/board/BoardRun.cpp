@@ -214,8 +214,7 @@ public:
         job << "nandsim=" << ShellWord(NandsimParameters(chip)) << "\npage=" << geometry.pageSize
             << "\nerase=" << geometry.eraseSize << "\nbytes=" << geometry.size << "\nraw=" << geometry.RawSize()
             << "\nloads=" << (isErased ? "no" : "yes") << "\nresults_at=" << ResultsAt(geometry)
-            << "\nstart_at=" << StartAt(geometry) << "\ndisk_size=" << (StartAt(geometry) + ResultsAt(geometry)) * kMiB
-            << "\ncut=" << m_settings.sim.cutAtChange
+            << "\nstart_at=" << StartAt(geometry) << "\ncut=" << m_settings.sim.cutAtChange
             << "\nextent=" << ExtentNumber(m_settings.sim.cutExtent).value_or(1) << "\nseconds=" << Seconds()
             << "\nstream=" << (m_settings.isConsole ? "console" : "pipe") << "\nplace=" << ShellWord(m_settings.place)
             << "\nprogram=" << ShellWord(program) << "\n";

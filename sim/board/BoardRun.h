@@ -20,7 +20,7 @@
 ///   results/           out, err, trace, changes, end: the files of board/record.cpp; count, the number of changes;
 ///                      counters, a line "NUMBER corrected failed bad" for each MTD device; found, what the kernel
 ///                      finds on the chip (ReadFound); dmesg, the kernel's log; started, seconds from the start of
-///                      the kernel to that of the update; problem, why there are no results
+///                      the board to that of the update; problem, why there are no results
 
 /// Checks that the board can be what the settings ask for.
 /// @throws std::invalid_argument with one line that names what the board cannot do
