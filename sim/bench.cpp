@@ -5,7 +5,7 @@
 #include "base/TempFolder.h"
 #include "base/Workers.h"
 #include "chip/ChipFile.h"
-#include "cli/RunRecords.h"
+#include "board/RunRecords.h"
 #include "mtd/DeviceText.h"
 #include "sandbox/UpdateRun.h"
 #include "sweep/Rig.h"

@@ -143,6 +143,9 @@ constexpr const char *kExact = "--exact";
 constexpr const char *kSample = "--sample";
 constexpr const char *kShard = "--shard";
 constexpr const char *kJobs = "--jobs";
+/// The sweep that the board makes, and options that this goes without.
+constexpr const char *kBoardSweep = "cut";
+constexpr const char *kNotOnBoard[] = {"--every", "--boots", kExact};
 /// Options of every kind of sweep.
 constexpr const char *kCommon[] = {kSweep, kExact, kSample, kShard, kJobs};
 
@@ -236,7 +239,7 @@ constexpr OptionRow kOptions[] = {
     {kSweeps, kExact, "", &Options::isExact, Rerun::Omitted,
      "make each run for real; else recorded runs are replayed where the result is the same"},
     {kSweeps, kSample, "N", &Options::sample, Rerun::Omitted,
-     "replayed runs that are also made for real and compared [4]", CheckNumber<0, kMostSets>},
+     "replayed runs that are also made for real and compared; with --board: cuts [4]", CheckNumber<0, kMostSets>},
     {kSweeps, kShard, "I/N", &Options::shard, Rerun::Omitted, "make only the I-th of N parts of all runs"},
     {kSweeps, kJobs, "N", &Options::jobs, Rerun::Omitted, "runs in parallel [one per core]", CheckNumber<1, kMostJobs>},
 };
@@ -340,8 +343,13 @@ void CheckTogether(const CLI::App &app, const Options &options) {
         throw std::invalid_argument("--compare needs --board, and goes without --raw");
     if (!options.expect.empty() && (options.board.empty() || options.isRaw))
         throw std::invalid_argument("--expect needs --board, and goes without --raw");
-    if (!options.sweeps.empty() && !options.board.empty())
-        throw std::invalid_argument("the board makes no sweeps: --sweep goes without --board");
+    if (!options.board.empty() && std::any_of(options.sweeps.begin(), options.sweeps.end(),
+                                              [](const std::string &sweep) { return sweep != kBoardSweep; }))
+        throw std::invalid_argument("the board makes no other sweep than cut");
+    for (const char *name : kNotOnBoard) {
+        if (!options.sweeps.empty() && !options.board.empty() && app.count(name) != 0)
+            throw std::invalid_argument(std::string("sweep cut on the board goes without ") + name);
+    }
     for (const OptionRow &row : kOptions) {
         const bool isCommon = std::find(std::begin(kCommon), std::end(kCommon), row.name) != std::end(kCommon);
         if (row.group != kSweeps || isCommon || app.count(row.name) == 0)

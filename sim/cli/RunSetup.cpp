@@ -20,8 +20,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// Room that a trace may take: that of a gigabyte written page by page.
-constexpr std::uint64_t kTraceLimit = std::uint64_t{1} << 30;
 constexpr std::uint64_t kMillisecondsASecond = 1000;
 constexpr const char *kUsualChip = "32M,128K,2K,64";
 constexpr const char *kUsualEcc = "host";
@@ -129,6 +127,7 @@ SweepSettings MakeSweep(const Options &options, const std::string &kind) {
     sweep.torn = ReadExtents(options.torn);
     sweep.isExact = options.isExact;
     sweep.sample = options.sample;
+    sweep.board = options.board;
     sweep.boot.command = options.boots;
     for (const std::string &keep : options.keeps) {
         if (const auto line = ParseDecimal(keep))

@@ -7,12 +7,12 @@
 #include "base/Text.h"
 #include "board/BoardFinds.h"
 #include "board/BoardRun.h"
+#include "board/RunDiff.h"
+#include "board/RunRecords.h"
 #include "chip/ChipFile.h"
 #include "cli/Options.h"
 #include "cli/OutputFile.h"
 #include "cli/ProgressBar.h"
-#include "cli/RunDiff.h"
-#include "cli/RunRecords.h"
 #include "cli/RunSetup.h"
 #include "report/ChipPicture.h"
 #include "report/Report.h"
@@ -243,6 +243,19 @@ void AddFinds(const BoardFinds &finds, const std::vector<ExpectedFile> &expected
                      [](const Finding &a, const Finding &b) { return a.line < b.line; });
 }
 
+/// Checks that the board can make the run and the cuts of the sweeps.
+/// @throws std::invalid_argument with one line
+void CheckBoardRuns(RunSettings settings, const std::vector<SweepSettings> &sweeps, const NandChip &chip) {
+    CheckBoard(settings, chip);
+    for (const SweepSettings &sweep : sweeps) {
+        for (const Extent extent : sweep.torn) {
+            settings.sim.cutAtChange = 1;
+            settings.sim.cutExtent = extent;
+            CheckBoard(settings, chip);
+        }
+    }
+}
+
 int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &words, const TempFolder &folder,
                  const HeldSignals &signals, bool &hasRun);
 
@@ -293,10 +306,11 @@ int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &wor
     const ChipFile chip(path);
     const RunSettings settings = MakeSettings(options, files, chip.Chip().Geometry());
     if (!options.board.empty())
-        CheckBoard(settings, chip.Chip());
+        CheckBoardRuns(settings, sweeps, chip.Chip());
     const std::vector<ExpectedFile> expected =
         options.expect.empty() ? std::vector<ExpectedFile>() : ReadExpectedFiles(options.expect);
-    const std::string twin = options.isCompared ? folder.File("twin") : "";
+    const bool needsTwin = options.isCompared || (isSwept && !options.board.empty());
+    const std::string twin = needsTwin ? folder.File("twin") : "";
     BoardFinds finds;
     const RunOutcome outcome = options.board.empty()
                                    ? RunUpdate(settings, path, statePath, signals)
@@ -327,6 +341,11 @@ int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &wor
             printf("%s%s", FindsText(finds).c_str(), VerdictText(verdict, ScriptPath(options)).c_str());
         fflush(stdout);
     }
+    // What mounting volumes on the board has changed is part of the start.
+    if (isSwept && isJudged && !options.board.empty())
+        ChipFile::Copy(twin, start);
+    for (SweepSettings &sweep : sweeps)
+        sweep.boardFinds = FindsText(finds);
     const bool isSame =
         !options.isCompared || !isJudged ||
         IsSameOnSimulator(settings, {record, verdict, chip.Chip()}, twin, folder.File("twin-state"), signals);

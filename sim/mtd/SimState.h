@@ -41,6 +41,9 @@ struct ProgramNote {
     std::string subject; ///< "mmap of /dev/mtd0"; empty when the kind says all
 };
 
+/// Room that the trace of one run may take: that of a gigabyte written page by page.
+constexpr std::uint64_t kTraceLimit = std::uint64_t{1} << 30;
+
 /// What a simulated run is to be.
 struct SimSettings {
     std::vector<SimDevice> devices; ///< up to 32

@@ -112,6 +112,14 @@ void AddShard(ordered_json &whole, const ordered_json &part) {
                 (*same)["last"] = line["last"];
         }
     }
+    for (const ordered_json &sight : part.value("board", ordered_json::array())) {
+        const auto same = std::find_if(whole["board"].begin(), whole["board"].end(),
+                                       [&](const ordered_json &it) { return it["found"] == sight["found"]; });
+        if (same == whole["board"].end())
+            whole["board"].push_back(sight);
+        else
+            (*same)["runs"] = (*same)["runs"].get<std::size_t>() + sight["runs"].get<std::size_t>();
+    }
 }
 
 } // namespace
@@ -152,6 +160,8 @@ std::string SweepText(const SweepResult &result, const RerunWords &words, const 
     all += '\n';
     if (!result.whyExact.empty())
         all += name + ": each run was a real one: " + result.whyExact + "\n";
+    for (const auto &[sight, runs] : result.sights)
+        all += name + ": " + sight + " [" + CountRuns(runs) + "]\n";
     const std::vector<Trouble> troubles = GatherTroubles(result.failures);
     for (std::size_t i = 0; i < std::min(troubles.size(), kMostTroubles); ++i) {
         const SweepFailure &first = *troubles[i].first;
@@ -189,6 +199,11 @@ ordered_json DescribeSweep(const SweepResult &result, const RerunWords &words) {
                           {"failures", ordered_json::array()},
                           {"unsealed", ordered_json::array()},
                           {"unbootable", ordered_json::array()}};
+    if (!settings.board.empty()) {
+        sweep["board"] = ordered_json::array();
+        for (const auto &[sight, runs] : result.sights)
+            sweep["board"].push_back({{"found", sight}, {"runs", runs}});
+    }
     if (settings.shards > 1)
         sweep["shard"] = std::to_string(settings.shard) + "/" + std::to_string(settings.shards);
     for (const BootGap &gap : result.gaps)
@@ -206,7 +221,7 @@ ordered_json DescribeSweep(const SweepResult &result, const RerunWords &words) {
         sweep["unsealed"].push_back({{"line", unsealed.line}, {"text", unsealed.text}, {"runs", unsealed.runs}});
     if (UsesOption(*settings.kind, "sets"))
         sweep["seed"] = settings.seed;
-    if (UsesOption(*settings.kind, "every"))
+    if (UsesOption(*settings.kind, "every") && settings.board.empty())
         sweep["every"] = settings.every;
     for (const SweepFailure &failure : result.failures) {
         ordered_json described = {{"run", failure.number},

@@ -43,6 +43,7 @@ std::string SweepText(const SweepResult &result, const RerunWords &words, const 
 ///                first, torn: the first of them; last: change of the last; why and change: for people; selectedBy:
 ///                numbers of earlier lines that select the slot which the line writes; command: for a shell, makes the
 ///                chip
+///   board        of a sweep on the board: what its kernel found after cuts and second runs, each: found, runs
 ///   shard        "2/4" when only that part of the runs was made; else the key is missing
 nlohmann::ordered_json DescribeSweep(const SweepResult &result, const RerunWords &words);
 

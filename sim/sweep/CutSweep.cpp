@@ -1,5 +1,6 @@
 // Power cuts, each followed by a run of the update from its start.
 
+#include "base/Text.h"
 #include "mtd/DeviceText.h"
 #include "sweep/BootCheck.h"
 #include "sweep/ChangeReplay.h"
@@ -155,6 +156,10 @@ CaseResult TryCut(const SweepCase &what, const SweepTools &tools) {
 }
 
 std::string CutHeading(const SweepResult &result) {
+    if (!result.settings.board.empty())
+        return "power cut on the board at " + std::to_string(result.whole) + " of " +
+               Count(static_cast<std::int64_t>(result.places), "change") + " (" + ExtentsText(result.settings.torn) +
+               "), then the update run again, both as on the simulator";
     return "power cut at " + WalkedPlaces(result, "change") + " (" + ExtentsText(result.settings.torn) +
            "), then the update run again";
 }

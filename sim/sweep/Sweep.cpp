@@ -4,6 +4,7 @@
 #include "base/Text.h"
 #include "base/Workers.h"
 #include "chip/ChipFile.h"
+#include "sweep/BoardCuts.h"
 #include "sweep/Rig.h"
 #include "sweep/SweepJudge.h"
 #include "sweep/SweepTable.h"
@@ -105,7 +106,7 @@ std::vector<std::string> UnpackTexts(const std::string &packed) {
 }
 
 std::string Pack(const CaseResult &result) {
-    std::vector<std::string> texts = {std::to_string(result.unsealedLine), result.noBoot};
+    std::vector<std::string> texts = {std::to_string(result.unsealedLine), result.noBoot, PackTexts(result.sights)};
     if (result.complaint)
         texts.insert(texts.end(), {std::to_string(result.complaint->line), result.complaint->happens,
                                    result.complaint->advice, result.complaint->isOfSecondRun ? "2" : "1"});
@@ -117,8 +118,9 @@ CaseResult Unpack(const std::string &packed) {
     CaseResult result;
     result.unsealedLine = std::stoul(texts.at(0));
     result.noBoot = texts.at(1);
-    if (texts.size() > 2)
-        result.complaint = SweepComplaint{std::stoul(texts[2]), texts.at(3), texts.at(4), texts.at(5) == "2"};
+    result.sights = UnpackTexts(texts.at(2));
+    if (texts.size() > 3)
+        result.complaint = SweepComplaint{std::stoul(texts[3]), texts.at(4), texts.at(5), texts.at(6) == "2"};
     return result;
 }
 
@@ -330,13 +332,14 @@ SweepResult Sweeper::Run(const SweepSettings &asked,
     const Base &base = *m_base;
     const SweepKind &kind = *settings.kind;
     const SweepJudge judge(*base.reference);
-    const SweepPlan plan = kind.plan(*base.reference, settings);
+    const bool isOnBoard = !settings.board.empty();
+    const SweepPlan plan = (isOnBoard ? PlanBoardCuts : kind.plan)(*base.reference, settings);
     const std::size_t begin = plan.cases.size() * (settings.shard - 1) / settings.shards;
     const std::size_t end = plan.cases.size() * settings.shard / settings.shards;
     result.places = plan.places;
     result.planned = end - begin;
     result.whole = plan.cases.size();
-    const bool wantsReplay = kind.replay != nullptr && !settings.isExact;
+    const bool wantsReplay = kind.replay != nullptr && !settings.isExact && !isOnBoard;
     const bool isReplayed = wantsReplay && !base.reference->steps.empty();
     if (wantsReplay)
         result.whyExact = base.reference->whyNoSteps;
@@ -349,6 +352,14 @@ SweepResult Sweeper::Run(const SweepSettings &asked,
     };
     const std::size_t atATime = isReplayed ? kReplayedAtATime : 1;
     const auto setUp = [&](unsigned worker) -> WorkerJob {
+        if (isOnBoard) {
+            const std::string path = base.startPath + ".board" + std::to_string(worker);
+            return [&, path](std::size_t job) {
+                const BoardBench bench = {base.settings, base.start, base.startPath, path,
+                                          judge,         settings,   base.signals};
+                return PackTexts({Pack(TryBoardCut(plan.cases[begin + job], bench))});
+            };
+        }
         const std::shared_ptr<Rig> rig = makeRig(worker);
         const auto tools = std::make_shared<const SweepTools>(
             SweepTools{base.start, base.startPath, *rig, judge, settings, base.settings, base.signals});
@@ -372,6 +383,8 @@ SweepResult Sweeper::Run(const SweepSettings &asked,
             if (std::binary_search(sample.begin(), sample.end(), number))
                 replayed[number] = tried;
             ++result.done;
+            for (const std::string &sight : tried.sights)
+                ++result.sights[sight];
             if (tried.unsealedLine != 0)
                 ++unsealed[tried.unsealedLine];
             if (!tried.noBoot.empty())

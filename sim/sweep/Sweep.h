@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -51,11 +52,13 @@ struct SweepSettings {
     std::uint64_t sets = 0;          ///< sets of bad blocks, drawn after the single blocks
     std::uint64_t seed = 1;          ///< random seed
     std::vector<Extent> torn = {Extent::FirstHalf, Extent::Complete}; ///< what each power cut leaves
-    BootRules boot;           ///< checked after each power cut, before the update is run again
-    bool isExact = false;     ///< every run is a real one; else runs are replayed where this gives the same
-    std::uint64_t sample = 0; ///< runs that a replaying sweep also makes for real, and compares
-    unsigned workers = 1;     ///< processes
-    std::size_t shard = 1;    ///< only the n-th of `shards` parts of all runs is made, from 1
+    BootRules boot;              ///< checked after each power cut, before the update is run again
+    bool isExact = false;        ///< every run is a real one; else runs are replayed where this gives the same
+    std::uint64_t sample = 0;    ///< runs that a replaying sweep also makes for real, and compares; cuts on the board
+    std::string board = {};      ///< cut: command that boots the board, on which all runs are made; empty for none
+    std::string boardFinds = {}; ///< FindsText of an uncut run on the board
+    unsigned workers = 1;        ///< processes
+    std::size_t shard = 1;       ///< only the n-th of `shards` parts of all runs is made, from 1
     std::size_t shards = 1;
 };
 
@@ -106,10 +109,11 @@ struct SweepResult {
     std::size_t whole = 0;   ///< runs of all shards together
     std::size_t done = 0;    ///< fewer when a signal ended the sweep
     bool isInterrupted = false;
-    std::string whyExact;               ///< why runs were not replayed though this was wanted; else empty
-    std::vector<SweepFailure> failures; ///< by number
-    std::vector<UnsealedLine> unsealed; ///< by line; of cuts only
-    std::vector<BootGap> gaps;          ///< by line; of cuts only
+    std::string whyExact;                      ///< why runs were not replayed though this was wanted; else empty
+    std::vector<SweepFailure> failures;        ///< by number
+    std::vector<UnsealedLine> unsealed;        ///< by line; of cuts only
+    std::vector<BootGap> gaps;                 ///< by line; of cuts only
+    std::map<std::string, std::size_t> sights; ///< what the board's kernel found, with the number of runs
 
     bool Passed() const { return failures.empty() && gaps.empty() && !isInterrupted; }
 };

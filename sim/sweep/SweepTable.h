@@ -23,6 +23,7 @@ struct CaseResult {
     std::optional<SweepComplaint> complaint; ///< none when the run passed
     std::size_t unsealedLine = 0;            ///< of cuts: the line whose environment has an invalid CRC; 0 for none
     std::string noBoot = {};                 ///< of cuts: why the device does not boot; empty when it does
+    std::vector<std::string> sights = {};    ///< what the board's kernel found
 };
 
 inline bool operator==(const CaseResult &one, const CaseResult &other) {

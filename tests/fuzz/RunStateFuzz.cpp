@@ -4,7 +4,7 @@
 #include "Fuzz.h"
 #include "base/SharedFile.h"
 #include "chip/ChipFile.h"
-#include "cli/RunRecords.h"
+#include "board/RunRecords.h"
 #include "mtd/RunSteps.h"
 #include "report/Report.h"
 #include "report/RunSummary.h"

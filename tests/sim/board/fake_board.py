@@ -44,5 +44,11 @@ with tempfile.TemporaryDirectory() as folder:
                              env={**os.environ, "RESULT": result}, text=True, capture_output=True, check=False)
         if run.returncode != status or text not in run.stdout + run.stderr:
             wrong.append(f"{result}: exit status {run.returncode}, not {status} with '{text}':\n{run.stdout}{run.stderr}")
+    # A board that changes nothing differs from the simulator after each cut.
+    run = subprocess.run([flashsim, "sweep", "cut", "--board", board, "--chip", "8M,16K,512,16", "--mtd", "0:all",
+                          "--sample", "2", update], env={**os.environ, "RESULT": ""}, text=True, capture_output=True,
+                         check=False)
+    if run.returncode != 1 or "0 of 2 runs passed" not in run.stdout or "differ after the cut: end:" not in run.stdout:
+        wrong.append(f"sweep: exit status {run.returncode}:\n{run.stdout}{run.stderr}")
 print("\n".join(wrong) or f"{len(CASES)} results judged")
 sys.exit(bool(wrong))

@@ -152,6 +152,8 @@ TEST(Options, CombinationsWithoutAMeaningAreRefused) {
         Words words;
         const char *refusal;
     } rows[] = {
+        {{"--sweep", "bad", "--board", "b"}, "the board makes no other sweep than cut"},
+        {{"--sweep", "cut", "--board", "b", "--every", "2"}, "sweep cut on the board goes without --every"},
         {{"--sweep", "bad", "--raw"}, "--sweep goes with neither --raw nor --cut"},
         {{"--sweep", "bad", "--cut", "1"}, "--sweep goes with neither --raw nor --cut"},
         {{"--sweep", "cut", "--sets", "1"}, "no sweep here uses --sets"},

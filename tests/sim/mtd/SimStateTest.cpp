@@ -21,7 +21,7 @@
 namespace {
 
 constexpr NandGeometry kGeometry = {0x100000, 0x20000, 2048, 64};
-constexpr std::uint64_t kTraceLimit = 10000;
+constexpr std::uint64_t kSmallTrace = 10000;
 
 /// A folder with the files of a run.
 class SimStateTest : public testing::Test {
@@ -141,7 +141,7 @@ TEST_F(SimStateTest, TraceKeepsWholeLinesUpToItsLimit) {
 
 TEST_F(SimStateTest, ProgramNameStaysInItsLineOfTheTrace) {
     SimSettings settings;
-    settings.traceLimit = kTraceLimit;
+    settings.traceLimit = kSmallTrace;
     Begin(settings);
     SimState state(statePath());
     state.SetProgram("evil\n\1c1 \x1b[2J", false, kGeometry.eraseSize);
@@ -152,7 +152,7 @@ TEST_F(SimStateTest, ProgramNameStaysInItsLineOfTheTrace) {
 TEST_F(SimStateTest, PowerCutKillsEveryProcessThatGoesOn) {
     SimSettings settings;
     settings.cutAtChange = 2;
-    settings.traceLimit = kTraceLimit;
+    settings.traceLimit = kSmallTrace;
     Begin(settings);
     SimState state(statePath());
     EXPECT_EQ(state.BeginChange(0), Extent::Whole);
@@ -171,7 +171,7 @@ TEST_F(SimStateTest, PowerCutKillsEveryProcessThatGoesOn) {
 TEST_F(SimStateTest, ProgramsUnderThePreloadLibrarySeeTheDevices) {
     SimSettings settings;
     settings.devices = {{0, "boot", 0, 0x40000}, {12, "all", 0, kGeometry.size}};
-    settings.traceLimit = kTraceLimit;
+    settings.traceLimit = kSmallTrace;
     Begin(settings);
     const std::string script = "cd " + folder +
                                "; head -c 4096 /dev/zero >image"

@@ -1,4 +1,4 @@
-#include "cli/RunRecords.h"
+#include "board/RunRecords.h"
 
 RunRecord RecordOf(const RunSettings &settings, const RunOutcome &outcome, const SimState &state) {
     RunRecord record;

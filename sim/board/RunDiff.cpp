@@ -1,4 +1,4 @@
-#include "cli/RunDiff.h"
+#include "board/RunDiff.h"
 
 #include "base/Text.h"
 #include "chip/Hamming.h"

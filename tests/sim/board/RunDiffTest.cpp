@@ -1,4 +1,4 @@
-#include "cli/RunDiff.h"
+#include "board/RunDiff.h"
 
 #include <functional>
 #include <gtest/gtest.h>
