@@ -15,7 +15,9 @@
 #include <cstring>
 #include <string>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -27,6 +29,10 @@ Next<int(const char *)> nextUmount("umount");
 Next<int(const char *, int)> nextUmount2("umount2");
 Next<int(pid_t, int)> nextKill("kill");
 Next<int(const char *)> nextSystem("system");
+Next<pid_t(int *)> nextWait("wait");
+Next<pid_t(int *, int, rusage *)> nextWait3("wait3");
+Next<pid_t(pid_t, int *, int, rusage *)> nextWait4("wait4");
+Next<int(idtype_t, id_t, siginfo_t *, int)> nextWaitid("waitid");
 Next<pid_t(pid_t, int *, int)> nextWaitpid("waitpid");
 Next<FILE *(const char *, const char *)> nextPopen("popen");
 Next<int(const char *)> nextChroot("chroot");
@@ -45,6 +51,15 @@ template <typename Describe> int Traced(int result, Describe describe) {
 template <typename Describe> void TraceAhead(Describe describe) {
     if (SimState *state = ProgramTrace())
         state->Trace(describe());
+}
+
+/// A program that waits for one whose request lost power must not see the end of that one, nor say a word about it.
+template <typename Call> auto Awaited(Call call) {
+    const auto result = call();
+    const int error = errno;
+    NeedPower();
+    errno = error;
+    return result;
 }
 
 template <typename Call> int Sync(int fd, Call call) {
@@ -90,12 +105,24 @@ INTERPOSED int kill(pid_t process, int signal) noexcept {
     return Traced(nextKill(process, signal), [=] { return FormatText("kill pid=%d signal=%d", process, signal); });
 }
 
+INTERPOSED pid_t wait(int *status) {
+    return Awaited([=] { return nextWait(status); });
+}
+
+INTERPOSED pid_t wait3(int *status, int options, rusage *usage) noexcept {
+    return Awaited([=] { return nextWait3(status, options, usage); });
+}
+
+INTERPOSED pid_t wait4(pid_t process, int *status, int options, rusage *usage) noexcept {
+    return Awaited([=] { return nextWait4(process, status, options, usage); });
+}
+
+INTERPOSED int waitid(idtype_t type, id_t id, siginfo_t *end, int options) {
+    return Awaited([=] { return nextWaitid(type, id, end, options); });
+}
+
 INTERPOSED pid_t waitpid(pid_t process, int *status, int options) {
-    const pid_t ended = nextWaitpid(process, status, options);
-    const int error = errno;
-    NeedPower();
-    errno = error;
-    return ended;
+    return Awaited([=] { return nextWaitpid(process, status, options); });
 }
 
 INTERPOSED int system(const char *command) {

@@ -147,7 +147,7 @@ TEST_F(Flashsim, PowerCutInAProgramOfTheUpdateEndsTheUpdater) {
     const std::string updater =
         Updater("dd if=/dev/zero of=/dev/mtd12 bs=2k count=1 conv=notrunc; kill -0 $$; echo on");
     EXPECT_EQ(Run(updater + "--raw --cut 1"), 128 + SIGKILL);
-    EXPECT_EQ(m_out, "");
+    EXPECT_EQ(m_out + m_err, "");
 }
 
 TEST_F(Flashsim, FlashFileKeepsTheChipBetweenRuns) {
