@@ -48,6 +48,13 @@ std::string CompareLines(const std::string &what, const std::vector<std::string>
 constexpr FindingId kOneSided[] = {FindingId::ReplacedProgram, FindingId::EnvironmentUnreadable,
                                    FindingId::UnexpectedFile};
 
+/// @return what a finding says, without the message that one about the start quotes: a shell or tar of the machine may
+///         have printed it. The updater's own messages are compared before.
+std::string ComparedText(const Finding &finding) {
+    const bool isOfStart = finding.kind == FindingRows()[static_cast<std::size_t>(FindingId::NotStarted)].kind;
+    return isOfStart ? finding.happens.substr(0, finding.happens.find(": ")) : finding.happens;
+}
+
 /// @return a line for each other finding.
 std::vector<std::string> FindingLines(const Verdict &verdict) {
     std::vector<std::string> lines;
@@ -55,7 +62,8 @@ std::vector<std::string> FindingLines(const Verdict &verdict) {
         if (std::any_of(std::begin(kOneSided), std::end(kOneSided),
                         [&](FindingId id) { return finding.kind == FindingRows()[static_cast<std::size_t>(id)].kind; }))
             continue;
-        lines.push_back("line " + std::to_string(finding.line) + ": " + finding.happens + " [" + finding.kind + "]");
+        lines.push_back("line " + std::to_string(finding.line) + ": " + ComparedText(finding) + " [" + finding.kind +
+                        "]");
     }
     return lines;
 }

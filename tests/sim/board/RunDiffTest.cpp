@@ -96,6 +96,19 @@ TEST(RunDiff, NamesTheFirstDifferenceOfBoardAndSimulator) {
     }
 }
 
+TEST(RunDiff, LeavesOutTheMessageOfAnotherProgramInAFindingAboutTheStart) {
+    const auto difference = [](const char *happens) {
+        Rehearsed simulator, board;
+        simulator.verdict.findings = {ForRun(FindingId::NotStarted, "no script: Killed")};
+        board.verdict.findings = {ForRun(FindingId::NotStarted, happens)};
+        return FirstDifference({simulator.record, simulator.verdict, simulator.chip},
+                               {board.record, board.verdict, board.chip});
+    };
+    EXPECT_EQ(difference("no script: no message"), "");
+    EXPECT_EQ(difference("no command: Killed"), "finding 1: \"line 0: no script [not-started]\" on the simulator, "
+                                                "\"line 0: no command [not-started]\" on the board");
+}
+
 TEST(RunDiff, LeavesOutWhatDiffersInEachRunAndTheContentsOfBadBlocks) {
     Rehearsed simulator;
     ProgramHeader(simulator, 1, 2, 3);
