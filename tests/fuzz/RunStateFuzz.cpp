@@ -3,8 +3,8 @@
 
 #include "Fuzz.h"
 #include "base/SharedFile.h"
-#include "chip/ChipFile.h"
 #include "board/RunRecords.h"
+#include "chip/ChipFile.h"
 #include "mtd/RunSteps.h"
 #include "report/Report.h"
 #include "report/RunSummary.h"
