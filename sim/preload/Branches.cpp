@@ -31,8 +31,8 @@ enum class Holds { Always, Equal, AtLeast, HasNone };
 /// A system call that leaves nothing behind, as long as an argument is as the rule says.
 struct Allowed {
     long call;
-    Holds holds = Holds::Always;
     std::size_t argument = 0;
+    Holds holds = Holds::Always;
     std::uint32_t value = 0;
 };
 
@@ -40,18 +40,18 @@ constexpr std::uint32_t kWriting = O_ACCMODE | O_CREAT | O_TRUNC;
 constexpr std::uint32_t kFirstOther = STDERR_FILENO + 1;
 
 constexpr Allowed kAllowed[] = {
-    {SYS_write, Holds::Equal, 0, STDOUT_FILENO},
-    {SYS_write, Holds::Equal, 0, STDERR_FILENO},
-    {SYS_writev, Holds::Equal, 0, STDOUT_FILENO},
-    {SYS_writev, Holds::Equal, 0, STDERR_FILENO},
+    {SYS_write, 0, Holds::Equal, STDOUT_FILENO},
+    {SYS_write, 0, Holds::Equal, STDERR_FILENO},
+    {SYS_writev, 0, Holds::Equal, STDOUT_FILENO},
+    {SYS_writev, 0, Holds::Equal, STDERR_FILENO},
     {SYS_read},
     {SYS_readv},
     {SYS_pread64},
     {SYS_lseek}, // the updater puts positions back
-    {SYS_close, Holds::AtLeast, 0, kFirstOther},
-    {SYS_openat, Holds::HasNone, 2, kWriting},
+    {SYS_close, 0, Holds::AtLeast, kFirstOther},
+    {SYS_openat, 2, Holds::HasNone, kWriting},
 #ifdef SYS_open
-    {SYS_open, Holds::HasNone, 1, kWriting},
+    {SYS_open, 1, Holds::HasNone, kWriting},
     {SYS_stat},
     {SYS_lstat},
     {SYS_access},
@@ -69,14 +69,14 @@ constexpr Allowed kAllowed[] = {
     {SYS_getcwd},
     // Descriptors of devices are files in memory.
     {SYS_memfd_create},
-    {SYS_utimensat, Holds::Equal, 1, 0},
+    {SYS_utimensat, 1, Holds::Equal, 0},
     {SYS_dup},
-    {SYS_dup3, Holds::AtLeast, 1, kFirstOther},
-    {SYS_fcntl, Holds::Equal, 1, F_GETFD},
-    {SYS_fcntl, Holds::Equal, 1, F_SETFD},
-    {SYS_fcntl, Holds::Equal, 1, F_GETFL},
-    {SYS_ioctl, Holds::Equal, 1, TCGETS},
-    {SYS_mmap, Holds::HasNone, 3, MAP_SHARED},
+    {SYS_dup3, 1, Holds::AtLeast, kFirstOther},
+    {SYS_fcntl, 1, Holds::Equal, F_GETFD},
+    {SYS_fcntl, 1, Holds::Equal, F_SETFD},
+    {SYS_fcntl, 1, Holds::Equal, F_GETFL},
+    {SYS_ioctl, 1, Holds::Equal, TCGETS},
+    {SYS_mmap, 3, Holds::HasNone, MAP_SHARED},
     {SYS_munmap},
     {SYS_mremap},
     {SYS_mprotect},
@@ -190,7 +190,7 @@ int StopForBranches(StopPlace &stop, int fault) {
                 _exit(SIGSYS);
             }
             errno = error;
-            return stop.Error();
+            return fault != 0 ? fault : stop.Error();
         }
         int status = SIGSYS;
         if (branch > 0)
