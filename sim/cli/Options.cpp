@@ -346,6 +346,8 @@ void CheckTogether(const CLI::App &app, const Options &options) {
     if (!options.board.empty() && std::any_of(options.sweeps.begin(), options.sweeps.end(),
                                               [](const std::string &sweep) { return sweep != kBoardSweep; }))
         throw std::invalid_argument("the board makes no other sweep than cut");
+    if (!options.sweeps.empty() && !options.board.empty() && options.sample == 0)
+        throw std::invalid_argument("sweep cut on the board needs a --sample of 1 or more");
     for (const char *name : kNotOnBoard) {
         if (!options.sweeps.empty() && !options.board.empty() && app.count(name) != 0)
             throw std::invalid_argument(std::string("sweep cut on the board goes without ") + name);

@@ -1,5 +1,7 @@
 #include "preload/Branches.h"
 
+#include "preload/Next.h"
+
 #include <array>
 #include <asm/ioctls.h>
 #include <cerrno>
@@ -10,13 +12,19 @@
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <optional>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <vector>
 
 namespace {
+
+// Descriptors of devices have no position of their own.
+Next<off64_t(int, off64_t, int)> nextLseek("lseek64");
+Next<int(const char *, struct stat64 *)> nextStat("stat64");
 
 #if defined(__x86_64__)
 constexpr std::uint32_t kArchitecture = AUDIT_ARCH_X86_64;
@@ -152,51 +160,76 @@ bool Confine(const std::vector<sock_filter> &filter) {
 class FilePositions {
 public:
     FilePositions() {
-        for (int fd = 0; fd < kMost; ++fd)
-            m_positions[static_cast<std::size_t>(fd)] = Seek(fd, 0, SEEK_CUR);
+        for (int fd = 0; fd < kMost; ++fd) {
+            const off64_t position = nextLseek(fd, 0, SEEK_CUR);
+            m_positions[static_cast<std::size_t>(fd)] = position;
+            m_hasPipe = m_hasPipe || (fd > STDERR_FILENO && position < 0 && errno == ESPIPE);
+        }
     }
+    /// @return whether a branch could take what the updater is still to read, and nothing would put it back.
+    bool HasPipe() const { return m_hasPipe; }
     void PutBack() const {
         for (int fd = 0; fd < kMost; ++fd) {
-            const off_t position = m_positions[static_cast<std::size_t>(fd)];
+            const off64_t position = m_positions[static_cast<std::size_t>(fd)];
             if (position >= 0)
-                Seek(fd, position, SEEK_SET);
+                nextLseek(fd, position, SEEK_SET);
         }
     }
 
 private:
     static constexpr int kMost = 64;
-    /// Past the interposed function: descriptors of devices have no position of their own.
-    static off_t Seek(int fd, off_t offset, int whence) { return syscall(SYS_lseek, fd, offset, whence); }
-
-    std::array<off_t, kMost> m_positions = {};
+    std::array<off64_t, kMost> m_positions = {};
+    bool m_hasPipe = false;
 };
+
+/// @return whether this process is the one whose end is the end of the run, and has one thread: a copy has no other.
+bool IsWholeUpdater() {
+    constexpr pid_t kInit = 1;
+    constexpr nlink_t kOneThread = 3; // its folder, "." and ".."
+    struct stat64 threads = {};
+    return getppid() == kInit && nextStat("/proc/self/task", &threads) == 0 && threads.st_nlink == kOneThread;
+}
+
+/// Runs a branch to its end.
+/// @return its status, in the updater; nothing in the branch itself
+std::optional<int> RunBranch(const std::vector<sock_filter> &filter) {
+    const pid_t branch = fork();
+    if (branch == 0) {
+        // No core, not even into a pipe of the machine's.
+        prctl(PR_SET_DUMPABLE, 0);
+        if (!Confine(filter)) {
+            std::raise(SIGSYS);
+            _exit(SIGSYS);
+        }
+        return std::nullopt;
+    }
+    int status = SIGSYS;
+    while (branch > 0 && syscall(SYS_wait4, branch, &status, 0, nullptr) < 0 && errno == EINTR)
+        continue;
+    return status;
+}
 
 } // namespace
 
 int StopForBranches(StopPlace &stop, int fault) {
     static bool isBranch = false;
-    if (isBranch)
-        return fault;
-    static const std::vector<sock_filter> filter = MakeFilter();
     const int error = errno;
+    if (isBranch || !IsWholeUpdater()) {
+        errno = error;
+        return fault;
+    }
+    static const std::vector<sock_filter> filter = MakeFilter();
     stop.Arrive();
     while (stop.AwaitOrder()) {
         const FilePositions positions;
-        const pid_t branch = fork();
-        if (branch == 0) {
+        const std::optional<int> status = positions.HasPipe() ? SIGSYS : RunBranch(filter);
+        if (!status) {
             isBranch = true;
-            if (!Confine(filter)) {
-                std::raise(SIGSYS);
-                _exit(SIGSYS);
-            }
             errno = error;
             return fault != 0 ? fault : stop.Error();
         }
-        int status = SIGSYS;
-        if (branch > 0)
-            syscall(SYS_wait4, branch, &status, 0, nullptr);
         positions.PutBack();
-        stop.EndBranch(status);
+        stop.EndBranch(*status);
     }
     errno = error;
     return fault;

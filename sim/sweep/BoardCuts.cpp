@@ -91,6 +91,7 @@ struct RunOfBoth {
     RunOutcome onBoard;
     BoardFinds finds;
     std::string difference; ///< empty for none
+    bool wasCut = false;    ///< on the board
 };
 
 /// Runs the update on the chip at `path`, and on a copy of it on the simulator.
@@ -111,6 +112,9 @@ RunOfBoth RunBoth(const RunSettings &settings, const BoardBench &bench, const st
     const Verdict verdict = judged(both.onBoard, state, chip.Chip(), record);
     const RunOutcome outcome = RunUpdate(settings, twin, twin + ".state", bench.signals);
     const SimState twinState(twin + ".state");
+    if (state.TraceOverflowed() || twinState.TraceOverflowed())
+        throw std::runtime_error("the trace of a run on the board is too long to compare");
+    both.wasCut = state.PowerWasCut();
     const ChipFile twinChip(twin);
     RunRecord twinRecord;
     const Verdict twinVerdict = judged(outcome, twinState, twinChip.Chip(), twinRecord);
@@ -169,6 +173,10 @@ CaseResult TryBoardCut(const SweepCase &what, const BoardBench &bench) {
     result.sights = Sights(first.finds, "after the cut");
     if (!first.difference.empty()) {
         result.complaint = SweepComplaint{line, "board and simulator differ after the cut: " + first.difference};
+        return result;
+    }
+    if (!first.wasCut) {
+        result.complaint = SweepComplaint{line, "the run ended before the change at which power was to be lost"};
         return result;
     }
 

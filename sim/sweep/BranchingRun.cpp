@@ -68,9 +68,10 @@ std::optional<RunOutcome> BranchingRun::Branch(int error) {
     outcome.status = m_state.Stop().BranchStatus();
     outcome.isBypassed = std::any_of(m_changed.begin(), m_changed.end(),
                                      [this](std::uint32_t block) { return Chip().HasMisfits(block); });
-    // The kernel ends a branch like this when it would start a program or write a file.
-    const bool isKept = WIFSIGNALED(outcome.status) && WTERMSIG(outcome.status) == SIGSYS;
-    return isKept ? std::nullopt : std::make_optional(std::move(outcome));
+    // The kernel ends a branch by the first when it would start a program or write a file, by the other for want of
+    // memory.
+    const int signal = WIFSIGNALED(outcome.status) ? WTERMSIG(outcome.status) : 0;
+    return signal == SIGSYS || signal == SIGKILL ? std::nullopt : std::make_optional(std::move(outcome));
 }
 
 void BranchingRun::TakeBack(const NandChip &before) {

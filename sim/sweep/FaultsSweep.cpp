@@ -122,7 +122,7 @@ class FaultReplay : public CaseReplay {
 public:
     explicit FaultReplay(const SweepTools &tools)
         : m_tools(tools), m_failed(ChipFile::OpenPrivate(tools.startPath)),
-          m_runs(tools.rig, tools.judge, FirstRun::Failed) {
+          m_runs(tools.rig, tools.judge, FirstRun::Failed), m_mayBranch(tools.run.starts.empty()) {
         const NandChip &start = tools.start.Chip();
         // Reads of unstable pages change the chip, and no step tells of it.
         for (std::uint32_t block = 0; block < start.Geometry().Blocks(); ++block)
@@ -174,10 +174,10 @@ private:
 
     const SweepTools &m_tools;
     std::array<std::vector<bool>, kRequestKinds> m_isByUpdater; ///< by kind and number in the run
-    bool m_mayBranch = true;
     std::unique_ptr<FaultBranches> m_branches;
     ChipFile m_failed; ///< the chip after a run of its own with a fault
     SecondRuns m_runs;
+    bool m_mayBranch; ///< background programs would go on while the updater waits
 };
 
 } // namespace
