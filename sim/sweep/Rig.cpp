@@ -92,8 +92,9 @@ RunOutcome Rig::RunIn(const RigRun &run, const std::vector<std::string> *command
     const bool hasEnded = outcome.isInterrupted || outcome.isOverdue;
     const auto &usual = m_habit.usualErr;
     // A run that goes another way may leave files that change the next one; and no file in memory outlives a power cut.
-    const bool isUsual = !isUpdate || (!m_state.PowerWasCut() && outcome.status == 0 &&
-                                       std::find(usual.begin(), usual.end(), outcome.err) != usual.end());
+    const bool isUsual =
+        !isUpdate || (!m_state.PowerWasCut() && outcome.status == 0 &&
+                      (usual.empty() || std::find(usual.begin(), usual.end(), outcome.err) != usual.end()));
     // Only after the update a sandbox is ready for the habit's command.
     if (!m_habit.sharesSandbox || outcome.leavesProcesses || hasEnded || !isUsual || (isNew && !isUpdate))
         m_sandbox.reset();

@@ -17,7 +17,7 @@ struct RigHabit {
     std::vector<std::string> command;     ///< for a sandbox in which the update has already run
     int milliseconds = Sandbox::kNoLimit; ///< time limit of a run
     std::vector<std::uint32_t> watched;   ///< blocks of which the judge looks at the bytes, touched or not
-    std::vector<std::string> usualErr;    ///< error output of runs without trouble
+    std::vector<std::string> usualErr;    ///< error output of runs without trouble; empty while none is known
 };
 
 /// The trouble and the record of one run.
