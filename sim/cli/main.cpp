@@ -290,7 +290,6 @@ int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &wor
     for (const std::string &kind : options.sweeps)
         sweeps.push_back(MakeSweep(options, kind));
     const bool isSwept = !options.sweeps.empty();
-    const bool isKept = !options.flash.empty() && fs::exists(options.flash);
     const std::string path = folder.File("flash");
     const std::string statePath = folder.File("state");
     RunSettings files = ShownFiles(options);
@@ -300,8 +299,11 @@ int RehearseInto(Outputs &outputs, const Options &options, const RerunWords &wor
     if (isSwept)
         ChipFile::Copy(path, start);
     // A sweep's commands copy the chip that they start from.
-    if (isSwept && !isKept && !options.flash.empty())
-        ChipFile::Copy(path, options.flash);
+    if (isSwept && !options.flash.empty()) {
+        const ScopedFd turn = ChipFile::AwaitTurn(options.flash);
+        if (!fs::exists(options.flash))
+            ChipFile::Keep(path, options.flash);
+    }
     ChipFile::AddSums(path);
     const ChipFile chip(path);
     const RunSettings settings = MakeSettings(options, files, chip.Chip().Geometry());
