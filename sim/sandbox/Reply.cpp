@@ -50,6 +50,8 @@ void ReadReply(const std::string &text, RunOutcome &outcome) {
             words >> outcome.leftPrograms;
         else if (word == "limit")
             words >> outcome.excess;
+        else if (word == "own")
+            words >> outcome.ownBefore >> outcome.ownAfter;
     }
     while (std::getline(lines, line) && !line.empty()) {
         if (!TakeFile(line, lines, text.size(), outcome))

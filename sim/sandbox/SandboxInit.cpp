@@ -5,6 +5,7 @@
 #include "base/SystemError.h"
 #include "base/Text.h"
 #include "sandbox/Confinement.h"
+#include "sandbox/OwnFiles.h"
 #include "sandbox/UpdateReader.h"
 
 #include <algorithm>
@@ -23,6 +24,7 @@
 #include <linux/close_range.h>
 #include <map>
 #include <set>
+#include <spawn.h>
 #include <stdexcept>
 #include <string_view>
 #include <sys/prctl.h>
@@ -34,6 +36,9 @@
 namespace {
 
 constexpr std::size_t kCommandLimit = 65536;
+/// Bytes of a command ahead of its words: what the reply describes, and whether to look at the own files.
+constexpr std::size_t kCommandHead = 2;
+constexpr char kLooks = 'l';
 using Clock = std::chrono::steady_clock;
 
 /// How often the limits are checked while a program runs.
@@ -119,10 +124,25 @@ std::string OtherNames() {
     return names.empty() ? "?" : JoinWords({names.begin(), names.end()}, ",");
 }
 
+/// Programs hold no signal; the first process already has all defaults.
+struct SpawnDefaults {
+    SpawnDefaults() {
+        const sigset_t none = SignalSet({});
+        posix_spawnattr_init(&attributes);
+        posix_spawnattr_setsigmask(&attributes, &none);
+        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    }
+    ~SpawnDefaults() { posix_spawnattr_destroy(&attributes); }
+    SpawnDefaults(const SpawnDefaults &) = delete;
+    SpawnDefaults &operator=(const SpawnDefaults &) = delete;
+
+    posix_spawnattr_t attributes = {};
+};
+
 class Init {
 public:
     Init(const SandboxJob &job, const SandboxStreams &streams)
-        : m_job(job), m_nControl(streams.control), m_nReport(streams.report) {}
+        : m_job(job), m_ownFiles(job.layout.mounts), m_nControl(streams.control), m_nReport(streams.report) {}
 
     /// Before any program runs: what it finds then can't be changed any more.
     void ReadGivenUpdate() { m_sGiven = DescribeUpdate(m_job.update); }
@@ -140,15 +160,19 @@ public:
         if (length <= 0)
             return false;
         command.describes = static_cast<Describes>(message[0]);
+        command.looks = message[1] == kLooks;
         command.program.clear();
         const char *end = message.data() + length;
-        for (const char *word = message.data() + 1; word < end; word += command.program.back().size() + 1)
+        for (const char *word = message.data() + kCommandHead; word < end; word += command.program.back().size() + 1)
             command.program.emplace_back(word);
         return true;
     }
 
     void CarryOut(const SandboxCommand &command) {
         ClearReport();
+        if (command.looks && m_sBefore.empty())
+            m_sBefore = m_isFirst ? m_ownFiles.Word() : OwnFiles::kUnknown;
+        m_isFirst = false;
         const pid_t program = Start(command.program);
         int status = 0;
         const char *excess = nullptr;
@@ -176,8 +200,10 @@ public:
         if (m_job.waitsForOthers && excess != nullptr)
             kill(-1, SIGKILL);
         const std::string left = m_job.waitsForOthers && !isAlone && excess == nullptr ? " left " + OtherNames() : "";
-        dprintf(m_nReport, "status %d%s%s%s%s\n", status, isAlone ? "" : " busy", left.c_str(),
-                excess != nullptr ? " limit " : "", excess != nullptr ? excess : "");
+        // Processes that are left may go on changing files.
+        const std::string own = command.looks && isAlone ? " own " + m_sBefore + " " + m_ownFiles.Word() : "";
+        dprintf(m_nReport, "status %d%s%s%s%s%s\n", status, isAlone ? "" : " busy", left.c_str(),
+                excess != nullptr ? " limit " : "", excess != nullptr ? excess : "", own.c_str());
         if (command.describes != Describes::Nothing)
             Report(command.describes == Describes::AsGiven ? m_sGiven : DescribeUpdate(m_job.update));
         Reply();
@@ -206,13 +232,12 @@ private:
     }
 
     pid_t Start(const std::vector<std::string> &command) {
-        const pid_t pid = Check(fork(), "can't start a process");
-        if (pid == 0) {
-            ResetSignals(SignalSet({}));
-            execve(command[0].c_str(), Pointers(command).data(), Pointers(m_job.environment).data());
-            dprintf(m_nReport, "error can't run %s: %s\n", command[0].c_str(), strerror(errno));
-            _exit(127);
-        }
+        // Unlike fork, it copies none of the simulator's memory.
+        pid_t pid = -1;
+        const int error = posix_spawn(&pid, command[0].c_str(), nullptr, &m_defaults.attributes,
+                                      Pointers(command).data(), Pointers(m_job.environment).data());
+        if (error != 0)
+            throw SystemError("can't run " + command[0], error);
         return pid;
     }
 
@@ -271,9 +296,13 @@ private:
     }
 
     const SandboxJob &m_job;
+    const SpawnDefaults m_defaults;
+    OwnFiles m_ownFiles;
     int m_nControl;
     int m_nReport;
-    std::string m_sGiven; ///< the update, described before any program ran
+    std::string m_sGiven;  ///< the update, described before any program ran
+    std::string m_sBefore; ///< the own files then; empty when nobody has asked
+    bool m_isFirst = true; ///< no command has come yet
 };
 
 /// No other descriptor reaches the sandbox, and only the first two its programs.
@@ -319,7 +348,7 @@ void RunSandbox(const SandboxJob &job, const SandboxStreams &streams) {
 }
 
 bool SendCommand(int control, const SandboxCommand &command) {
-    std::string message(1, static_cast<char>(command.describes));
+    std::string message = {static_cast<char>(command.describes), command.looks ? kLooks : '-'};
     for (const std::string &word : command.program)
         message.append(word).push_back('\0');
     if (message.size() > kCommandLimit)

@@ -30,6 +30,7 @@ enum class Describes : char {
 struct SandboxCommand {
     std::vector<std::string> program; ///< path in the sandbox and arguments
     Describes describes;
+    bool looks = false; ///< the reply says what the sandbox's own files are
 };
 
 /// The descriptors that connect a sandbox and the tool.
@@ -44,10 +45,11 @@ struct SandboxStreams {
 /// commands one by one and waits for each until it is up (all it started sleep, or it has ended well). Then it runs the
 /// commands from `control`, one at a time. A byte sent there says that the report holds the reply:
 ///
-///   status N [busy] [left NAMES] [limit WORD]
+///   status N [busy] [left NAMES] [limit WORD] [own BEFORE AFTER]
 ///                                   N as waitpid gives it; busy: other processes are left; NAMES: theirs, with commas;
 ///                                   WORD: "processes" or "memory", of which the sandbox took too much, so that all of
-///                                   them were killed
+///                                   them were killed; BEFORE and AFTER: words for the sandbox's own files, as
+///                                   OwnFiles gives them, before any command and after this one
 ///   SIZE COUNT WORD                 a line for each word of the script that leads to a file from the script's folder,
 ///                                   and COUNT bytes after it: all of a regular file up to kMostContents; SIZE is
 ///                                   kNoSize for one that isn't regular

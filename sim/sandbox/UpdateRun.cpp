@@ -331,7 +331,7 @@ void Sandbox::End() {
 }
 
 RunOutcome Sandbox::Run(const std::vector<std::string> &program, bool describesUpdate, const HeldSignals &signals,
-                        int milliseconds) {
+                        int milliseconds, bool looks) {
     // An image is a folder only after the prepare script: it is unpacked once more, where nothing of it runs.
     const bool readsApart = describesUpdate && IsImage(m_settings);
     RunOutcome read;
@@ -339,8 +339,8 @@ RunOutcome Sandbox::Run(const std::vector<std::string> &program, bool describesU
         read = ReadUpdate(m_settings, m_sChip, m_sState, signals);
     if (read.isInterrupted || read.isOverdue)
         return read;
-    RunOutcome outcome = RunCommand({program, describesUpdate && !readsApart ? Describes::AsGiven : Describes::Nothing},
-                                    signals, milliseconds);
+    const Describes describes = describesUpdate && !readsApart ? Describes::AsGiven : Describes::Nothing;
+    RunOutcome outcome = RunCommand({program, describes, looks}, signals, milliseconds);
     if (readsApart) {
         outcome.script = std::move(read.script);
         outcome.files = std::move(read.files);

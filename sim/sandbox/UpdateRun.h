@@ -48,6 +48,8 @@ struct RunOutcome {
     std::string excess;                          ///< "processes" or "memory": the run took too much and was killed
     bool leavesProcesses = false;                ///< others than the updater still run in the sandbox
     std::string leftPrograms;                    ///< their names, where the run has waited for them to end: "sh,sleep"
+    std::string ownBefore, ownAfter;             ///< words for the sandbox's own files before any run and after this
+                                                 ///< one, see OwnFiles; empty when not asked for or still changing
     int status = 0;                              ///< the updater's, as waitpid gives it; 0 when ended early
     std::string out;                             ///< all output of the updater and of all other programs
     std::string err;                             ///< the same for the error output
@@ -85,9 +87,10 @@ public:
     /// @param describesUpdate whether the outcome is to have script, files and contents; of a first run only
     /// @param signals a held signal ends the run
     /// @param milliseconds how long the program may take
+    /// @param looks whether the outcome is to have ownBefore and ownAfter
     /// @throws std::runtime_error with one line when the program didn't get to run
     RunOutcome Run(const std::vector<std::string> &program, bool describesUpdate, const HeldSignals &signals,
-                   int milliseconds = kNoLimit);
+                   int milliseconds = kNoLimit, bool looks = false);
 
     /// Starts a program and does not wait for its end. The sandbox runs nothing more.
     /// @throws std::runtime_error when it has too many arguments

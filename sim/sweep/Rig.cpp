@@ -86,20 +86,26 @@ RunOutcome Rig::RunIn(const RigRun &run, const std::vector<std::string> *command
     if (isNew)
         m_sandbox = std::make_unique<Sandbox>(m_settings, m_sPath, RigStatePath(m_sPath), isFirst);
     const std::vector<std::string> update = isNew ? UpdaterCommand(m_settings) : m_habit.command;
-    RunOutcome outcome = m_sandbox->Run(isUpdate ? update : *command, isFirst, m_signals, m_habit.milliseconds);
+    RunOutcome outcome =
+        m_sandbox->Run(isUpdate ? update : *command, isFirst, m_signals, m_habit.milliseconds, m_habit.sharesSandbox);
     if (!m_chip.IsWhole())
         throw std::runtime_error("a program of the update cut or lengthened the files of the chip");
     const bool hasEnded = outcome.isInterrupted || outcome.isOverdue;
-    const auto &usual = m_habit.usualErr;
-    // A run that goes another way may leave files that change the next one; and no file in memory outlives a power cut.
-    const bool isUsual =
-        !isUpdate || (!m_state.PowerWasCut() && outcome.status == 0 &&
-                      (usual.empty() || std::find(usual.begin(), usual.end(), outcome.err) != usual.end()));
     // Only after the update a sandbox is ready for the habit's command.
-    if (!m_habit.sharesSandbox || outcome.leavesProcesses || hasEnded || !isUsual || (isNew && !isUpdate))
+    if (!m_habit.sharesSandbox || outcome.leavesProcesses || hasEnded || (isUpdate ? !IsReusable(outcome) : isNew))
         m_sandbox.reset();
     outcome.isBypassed = FindMisfits();
     return outcome;
+}
+
+/// @return whether the sandbox of a run is as after any other run, although the run may have gone another way.
+bool Rig::IsReusable(const RunOutcome &outcome) const {
+    if (!m_habit.ownFiles.empty())
+        // No file in memory outlives a power cut.
+        return outcome.ownAfter == m_habit.ownFiles && (m_habit.leavesNoFiles || !m_state.PowerWasCut());
+    const auto &usual = m_habit.usualErr;
+    return !m_state.PowerWasCut() && outcome.status == 0 &&
+           (usual.empty() || std::find(usual.begin(), usual.end(), outcome.err) != usual.end());
 }
 
 /// Notes the blocks that were changed other than by requests, of those that the judge looks at.

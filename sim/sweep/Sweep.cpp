@@ -4,6 +4,7 @@
 #include "base/Text.h"
 #include "base/Workers.h"
 #include "chip/ChipFile.h"
+#include "sandbox/OwnFiles.h"
 #include "sweep/BoardCuts.h"
 #include "sweep/Rig.h"
 #include "sweep/SweepJudge.h"
@@ -308,6 +309,10 @@ void Sweeper::MakeReference(Base &base) {
     else
         TakeRecord(*reference, rig, first.leavesProcesses || second.leavesProcesses);
     base.habit.usualErr = {first.err, second.err};
+    if (first.ownAfter == second.ownAfter && first.ownAfter != OwnFiles::kUnknown) {
+        base.habit.ownFiles = first.ownAfter;
+        base.habit.leavesNoFiles = first.ownAfter == first.ownBefore;
+    }
     if (!first.isInterrupted && !second.isInterrupted)
         base.reference = std::move(reference);
 }

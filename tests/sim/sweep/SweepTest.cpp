@@ -234,6 +234,37 @@ TEST_F(Sweep, GivesEachRunAfterATroubleADeviceWithoutItsFiles) {
     EXPECT_EQ(faults, Run("--root root --sweep faults --exact")[0]);
 }
 
+TEST_F(Sweep, NoticesWhatARunLeavesInItsSandboxWithoutAWord) {
+    // A program that can't read flash goes on silently and leaves something that the next run would stumble over.
+    const struct {
+        const char *leaves, *stumbles;
+    } cases[] = {
+        {"true", "false"},
+        {"touch /tmp/lock", "[ -e /tmp/lock ]"},
+        {"echo b >/tmp/update/extra", "[ $(cat /tmp/update/extra) = b ]"},
+        {"rm /tmp/update/extra", "[ ! -e /tmp/update/extra ]"},
+        {"chmod 755 /tmp/update/extra", "[ $(stat -c %a /tmp/update/extra) = 755 ]"},
+        {"rm -r /tmp/update/folder && mkdir /tmp/update/folder", "[ ! -e /tmp/update/folder/file ]"},
+        {"ln -s update /opt/link", "[ -h /opt/link ]"},
+        {"umount /opt", "! mountpoint -q /opt"},
+        {"ipcmk -S 1", "[ $(ipcs -s | wc -l) -gt 4 ]"},
+    };
+    File("update/flashrig.script", "setenv name value\n");
+    File("update/extra", "a");
+    File("update/folder/file", "a");
+    nlohmann::json clean;
+    for (const auto &it : cases) {
+        File("root/bin/bootvars", std::string("#!/bin/sh\n") + it.stumbles + " && exit 1\n" +
+                                      "{ head -c 512 /dev/mtd12 || " + it.leaves + "; } >/dev/null 2>&1\n" +
+                                      "dd if=/bin/sh of=/dev/mtd12 bs=512 count=1 seek=66 conv=notrunc status=none\n");
+        const auto sweep = Run("--root root --mount /opt --jobs 1 --sweep faults")[0];
+        if (clean.is_null())
+            clean = sweep;
+        EXPECT_EQ(sweep, clean) << it.leaves;
+    }
+    EXPECT_EQ(clean["runs"], 11) << m_outcome.err;
+}
+
 TEST_F(Sweep, ComparesWhatProgramsChangeWithoutTheBadBlock) {
     File("update/flashrig.script", "erase 8000 4000\nsetenv name value\n");
     File("root/bin/bootvars", "#!/bin/sh\n[ $(cat /sys/class/mtd/mtd12/bad_blocks) != 0 ] || "
