@@ -88,6 +88,7 @@ std::string OwnFiles::Word() {
         std::uint64_t hash = HashText(table) + HashTree("/");
         for (const std::string &place : m_mounts)
             hash = hash * 3 + (fs::is_directory(place) ? HashTree(place) : 0);
+        m_isFirst = false;
         char word[17];
         std::snprintf(word, sizeof word, "%016llx", static_cast<unsigned long long>(hash));
         return word;
@@ -106,7 +107,8 @@ std::uint64_t OwnFiles::HashTree(const std::string &root) {
         struct stat status = {};
         Check(lstat(path.c_str(), &status), path);
         if (status.st_dev != top.st_dev) {
-            at.disable_recursion_pending();
+            if (S_ISDIR(status.st_mode))
+                at.disable_recursion_pending();
             continue;
         }
         if (++m_nEntries > kMostEntries)
@@ -117,25 +119,25 @@ std::uint64_t OwnFiles::HashTree(const std::string &root) {
 }
 
 std::uint64_t OwnFiles::HashEntry(const std::string &path, const struct stat &status) {
-    std::string text = path;
-    for (const std::uint64_t number : {std::uint64_t{status.st_mode}, std::uint64_t{status.st_uid},
-                                       std::uint64_t{status.st_gid}, static_cast<std::uint64_t>(status.st_rdev)})
-        text.append(1, '\0').append(std::to_string(number));
-    text.push_back('\0');
+    std::uint64_t content = 0;
     if (S_ISREG(status.st_mode))
-        text += std::to_string(status.st_size) + " " + std::to_string(HashContent(path, status));
+        content = HashContent(path, status);
     else if (S_ISLNK(status.st_mode))
-        text += fs::read_symlink(path).string();
+        content = HashText(fs::read_symlink(path));
     else if (S_ISDIR(status.st_mode))
-        text += FolderAttributes(path);
-    return HashText(text);
+        content = HashText(FolderAttributes(path));
+    const std::uint64_t size = S_ISREG(status.st_mode) ? static_cast<std::uint64_t>(status.st_size) : 0;
+    const std::uint64_t all[] = {HashText(path), status.st_mode, status.st_uid, status.st_gid,
+                                 status.st_rdev, size,           content};
+    return HashBytes(reinterpret_cast<const std::uint8_t *>(all), sizeof all);
 }
 
 std::uint64_t OwnFiles::HashContent(const std::string &path, const struct stat &status) {
     Known &known = m_known[{status.st_dev, status.st_ino}];
     const bool isSame = known.change.tv_sec == status.st_ctim.tv_sec &&
                         known.change.tv_nsec == status.st_ctim.tv_nsec && known.size == status.st_size;
-    if (isSame && status.st_size > kAlwaysRead)
+    const bool isGiven = m_isFirst || (isSame && known.isGiven);
+    if (isSame && known.isSettled && (isGiven || status.st_size > kAlwaysRead))
         return known.hash;
     const ScopedFd file(Check(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC), path));
     const bool isSettled = IsOlderThanTick(status.st_ctim);
@@ -148,6 +150,6 @@ std::uint64_t OwnFiles::HashContent(const std::string &path, const struct stat &
             throw std::runtime_error("too many bytes");
         hash = hash * 3 + HashBytes(buffer, static_cast<std::size_t>(count));
     }
-    known = isSettled ? Known{status.st_ctim, status.st_size, hash} : Known{};
+    known = {status.st_ctim, status.st_size, hash, isGiven, isSettled};
     return hash;
 }

@@ -17,8 +17,8 @@ public:
     explicit OwnFiles(const std::vector<std::string> &mounts) : m_mounts(mounts) {}
 
     /// Looks at names, modes, owners, links and bytes of all own files, and at the mount table. Times do not count.
-    /// A file of more than kAlwaysRead bytes is read again only when its change time is another one: a change by a
-    /// memory mapping alone, which leaves the time as it is, goes unnoticed there.
+    /// A file that was there at the first look or has more than kAlwaysRead bytes is read again only when its change
+    /// time is another one: a change by a memory mapping alone, which leaves the time as it is, goes unnoticed there.
     /// @return the same word for the same files; "?" when there are too many of them, when one can't be read, or when
     ///         shared memory, semaphores or message queues are left, of which nobody knows the contents
     std::string Word();
@@ -28,6 +28,8 @@ private:
         timespec change;
         std::int64_t size;
         std::uint64_t hash;
+        bool isGiven;   ///< as at the first look
+        bool isSettled; ///< a change since then would have another time
     };
 
     std::uint64_t HashTree(const std::string &root);
@@ -36,6 +38,7 @@ private:
 
     const std::vector<std::string> &m_mounts;
     std::map<std::pair<dev_t, ino_t>, Known> m_known;
+    bool m_isFirst = true;
     std::uint64_t m_nEntries = 0;
     std::uint64_t m_nBytes = 0;
 };
