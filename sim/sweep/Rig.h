@@ -18,7 +18,7 @@ struct RigHabit {
     int milliseconds = Sandbox::kNoLimit; ///< time limit of a run
     std::vector<std::uint32_t> watched;   ///< blocks of which the judge looks at the bytes, touched or not
     std::vector<std::string> usualErr;    ///< error output of runs without trouble; empty while none is known
-    std::string ownFiles;                 ///< what each run leaves of the sandbox's own files; empty when that differs
+    std::string ownFiles = {};            ///< what each run leaves of the sandbox's own files; empty when that differs
     bool leavesNoFiles = false;           ///< these are as before the first run
 };
 
