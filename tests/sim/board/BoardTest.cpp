@@ -1,6 +1,8 @@
 #include "board/BoardFinds.h"
 #include "board/BoardRun.h"
 
+#include "../verdict/TestChip.h"
+
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
@@ -10,16 +12,6 @@ namespace {
 
 constexpr NandGeometry kGeometry = {8 << 20, 131072, 2048, 64};
 constexpr const char *kSum = "7aa7a5359173d05b63cfd682e3c38487f3cb4f7f1d60659fe59fab1505977d4c";
-
-struct Chip {
-    explicit Chip(const NandGeometry &geometry = kGeometry, Ecc ecc = Ecc::Host)
-        : cells(geometry.RawSize()), pages(geometry.Pages()), blocks(geometry.Blocks()),
-          chip(geometry, ecc, {cells.data(), pages.data(), blocks.data()}) {
-        chip.Format();
-    }
-    std::vector<std::uint8_t> cells, pages, blocks;
-    NandChip chip;
-};
 
 /// @return the line of an exception; empty for none.
 std::string Refusal(const std::function<void()> &run) {
@@ -31,17 +23,14 @@ std::string Refusal(const std::function<void()> &run) {
     return "";
 }
 
-/// What the board's script prints.
-std::string Found() {
-    return std::string("environment 1048576 131072\nvariable version=2\nvariable a = b\nenvironment 1179648 131072\n"
-                       "invalid Cannot read environment, using default\nrefused 3 no volume table\nattached 9\n"
-                       "volume opt\nfile ") +
-           kSum + "  ./bin/app\nfile " + kSum + "  ./a b\nvolume data\nunmounted no UBIFS\nnoise\n";
-}
-
 BoardFinds Finds() {
     BoardFinds finds;
-    ReadFound(Found(), finds);
+    // What the board's script prints.
+    ReadFound(std::string("environment 1048576 131072\nvariable version=2\nvariable a = b\nenvironment 1179648 131072\n"
+                          "invalid Cannot read environment, using default\nrefused 3 no volume table\nattached 9\n"
+                          "volume opt\nfile ") +
+                  kSum + "  ./bin/app\nfile " + kSum + "  ./a b\nvolume data\nunmounted no UBIFS\nnoise\n",
+              finds);
     return finds;
 }
 
@@ -50,52 +39,46 @@ BoardFinds Finds() {
 TEST(Board, RefusesWithOneLineWhatItsKernelCannotBe) {
     const struct {
         NandGeometry geometry;
-        std::function<void(RunSettings &, NandChip &)> change;
         const char *refusal;
-    } rows[] = {
-        {kGeometry, [](RunSettings &, NandChip &) {}, ""},
-        {{1 << 20, 16384, 512, 16}, [](RunSettings &, NandChip &) {}, ""},
-        {{8 << 20, 262144, 4096, 128}, [](RunSettings &, NandChip &) {}, ""},
-        {{8 << 20, 262144, 4096, 256},
-         [](RunSettings &, NandChip &) {},
-         "the board has pages with OOB of 512+16, 2048+64 and 4096+128 bytes only"},
-        {{1 << 20, 32768, 512, 16},
-         [](RunSettings &, NandChip &) {},
-         "the board has erase blocks of 16 KiB only where pages have 512 bytes"},
-        {{8 << 20, 32768, 2048, 64},
-         [](RunSettings &, NandChip &) {},
-         "the board has erase blocks from 64 to 512 KiB only"},
-        {{16 << 20, 1 << 20, 2048, 64},
-         [](RunSettings &, NandChip &) {},
-         "the board has erase blocks from 64 to 512 KiB only"},
-        {{6 << 20, 131072, 2048, 64},
-         [](RunSettings &, NandChip &) {},
-         "the board has chips with a power of two of erase blocks only"},
-        {kGeometry, [](RunSettings &settings, NandChip &) { settings.sim.faults.emplace_back(); },
-         "the board has no failing requests; leave out --fault"},
-        {kGeometry, [](RunSettings &settings, NandChip &) { settings.missingSysfs = {"oobsize"}; },
-         "the board has all sysfs files; leave out --no-sysfs"},
-        {kGeometry,
-         [](RunSettings &settings, NandChip &) {
-             settings.sim.cutAtChange = 1;
-             settings.sim.cutExtent = Extent::Unstable;
-         },
-         "the board has no unstable pages; use another state of --cut"},
-        {kGeometry, [](RunSettings &, NandChip &chip) { chip.Erase(7, Extent::Unstable); },
-         "the board has no unstable pages, and the chip has one in block 7"},
-        {kGeometry, [](RunSettings &settings, NandChip &) { settings.arguments = {"a\nb"}; },
-         "the board has no arguments, mounts or commands with line ends"},
-        {kGeometry, [](RunSettings &settings, NandChip &) { settings.starts = {"true\n"}; },
-         "the board has no arguments, mounts or commands with line ends"},
+    } geometries[] = {
+        {kGeometry, ""},
+        {{1 << 20, 16384, 512, 16}, ""},
+        {{8 << 20, 262144, 4096, 128}, ""},
+        {{8 << 20, 262144, 4096, 256}, "pages with OOB of 512+16, 2048+64 and 4096+128 bytes only"},
+        {{1 << 20, 32768, 512, 16}, "erase blocks of 16 KiB only where pages have 512 bytes"},
+        {{8 << 20, 32768, 2048, 64}, "erase blocks from 64 to 512 KiB only"},
+        {{16 << 20, 1 << 20, 2048, 64}, "erase blocks from 64 to 512 KiB only"},
+        {{6 << 20, 131072, 2048, 64}, "chips with a power of two of erase blocks only"},
     };
-    for (const auto &row : rows) {
-        Chip chip(row.geometry);
-        RunSettings settings;
-        row.change(settings, chip.chip);
-        EXPECT_EQ(Refusal([&] { CheckBoard(settings, chip.chip); }), row.refusal);
-    }
-    EXPECT_EQ(Refusal([] { CheckBoard({}, Chip(kGeometry, Ecc::Chip).chip); }),
-              "the board has no chip that computes its own ECC; use --ecc host");
+    for (const auto &row : geometries)
+        EXPECT_EQ(Refusal([&] { CheckBoard({}, TestChip(row.geometry).chip); }),
+                  (*row.refusal == '\0' ? "" : "the board has ") + std::string(row.refusal));
+
+    RunSettings faults, sysfs, unstable, arguments, starts;
+    faults.sim.faults.emplace_back();
+    sysfs.missingSysfs = {"oobsize"};
+    unstable.sim.cutAtChange = 1;
+    unstable.sim.cutExtent = Extent::Unstable;
+    arguments.arguments = {"a\nb"};
+    starts.starts = {"true\n"};
+    TestChip good(kGeometry), aged(kGeometry), own(kGeometry, Ecc::Chip);
+    aged.chip.Erase(7, Extent::Unstable);
+    const struct {
+        const RunSettings settings;
+        const TestChip &chip;
+        const char *refusal;
+    } runs[] = {
+        {faults, good, "failing requests; leave out --fault"},
+        {unstable, good, "unstable pages; use another state of --cut"},
+        {{}, aged, "unstable pages, and the chip has one in block 7"},
+        {arguments, good, "arguments, mounts or commands with line ends"},
+        {starts, good, "arguments, mounts or commands with line ends"},
+        {{}, own, "chip that computes its own ECC; use --ecc host"},
+    };
+    for (const auto &row : runs)
+        EXPECT_EQ(Refusal([&] { CheckBoard(row.settings, row.chip.chip); }),
+                  std::string("the board has no ") + row.refusal);
+    EXPECT_EQ(Refusal([&] { CheckBoard(sysfs, good.chip); }), "the board has all sysfs files; leave out --no-sysfs");
 }
 
 TEST(Board, ReadsExpectedFilesAndRefusesOtherLists) {
@@ -139,7 +122,7 @@ TEST(Board, TellsWhatTheKernelFoundInTextAndReport) {
 }
 
 TEST(Board, JudgesEnvironmentsOfTheScriptAndExpectedFiles) {
-    const Chip chip;
+    const TestChip chip(kGeometry);
     const std::vector<SimDevice> devices = {{12, "all", 0x20000, 0x400000}};
     const std::vector<SetRange> ranges =
         FindSetRanges(ReadUpdateLines("setenv e0000 20000 a b\nsetenv 100000 20000 a b\nsetenv a b\nerase 0 20000\n"

@@ -1,5 +1,8 @@
 #include "board/RunDiff.h"
 
+#include "../verdict/TestChip.h"
+
+#include <algorithm>
 #include <functional>
 #include <gtest/gtest.h>
 
@@ -8,9 +11,8 @@ namespace {
 constexpr NandGeometry kRunGeometry = {1 << 20, 16384, 512, 16};
 
 /// A run that erased block 1 and programmed its first page, with a note as its only finding.
-struct Rehearsed {
-    Rehearsed() {
-        chip.Format();
+struct Rehearsed : TestChip {
+    Rehearsed() : TestChip(kRunGeometry) {
         chip.Erase(1);
         Program(32, {'d'});
         record.updater.out = "running\n####17###\n";
@@ -18,25 +20,16 @@ struct Rehearsed {
         verdict.percentages = {50, 100};
         Find(FindingId::NotifyFailed);
     }
-
-    void Program(std::uint32_t page, std::vector<std::uint8_t> data, std::vector<std::uint8_t> oob = {}) {
-        data.resize(kRunGeometry.pageSize, 0xFF);
-        NandChip::PageProgram program;
-        program.data = data.data();
-        program.length = kRunGeometry.pageSize;
-        program.oob = oob.empty() ? nullptr : oob.data();
-        program.oobLength = static_cast<std::uint32_t>(oob.size());
-        chip.Program(page, program);
-    }
     void Find(FindingId id) { verdict.findings.push_back(ForRun(id, "happens")); }
 
-    std::vector<std::uint8_t> cells = std::vector<std::uint8_t>(kRunGeometry.RawSize());
-    std::vector<std::uint8_t> pages = std::vector<std::uint8_t>(kRunGeometry.Pages());
-    std::vector<std::uint8_t> blocks = std::vector<std::uint8_t>(kRunGeometry.Blocks());
-    NandChip chip = NandChip(kRunGeometry, Ecc::Host, {cells.data(), pages.data(), blocks.data()});
     RunRecord record;
     Verdict verdict;
 };
+
+std::string Difference(const Rehearsed &simulator, const Rehearsed &board) {
+    return FirstDifference({simulator.record, simulator.verdict, simulator.chip},
+                           {board.record, board.verdict, board.chip});
+}
 
 /// A page that begins as a header of UBI, with these image number, CRC of the header and byte after both.
 void ProgramHeader(Rehearsed &run, std::uint8_t number, std::uint8_t crc, std::uint8_t after) {
@@ -90,9 +83,7 @@ TEST(RunDiff, NamesTheFirstDifferenceOfBoardAndSimulator) {
     for (const auto &row : rows) {
         Rehearsed board;
         row.change(board);
-        EXPECT_EQ(FirstDifference({simulator.record, simulator.verdict, simulator.chip},
-                                  {board.record, board.verdict, board.chip}),
-                  row.difference);
+        EXPECT_EQ(Difference(simulator, board), row.difference);
     }
 }
 
@@ -101,8 +92,7 @@ TEST(RunDiff, LeavesOutTheMessageOfAnotherProgramInAFindingAboutTheStart) {
         Rehearsed simulator, board;
         simulator.verdict.findings = {ForRun(FindingId::NotStarted, "no script: Killed")};
         board.verdict.findings = {ForRun(FindingId::NotStarted, happens)};
-        return FirstDifference({simulator.record, simulator.verdict, simulator.chip},
-                               {board.record, board.verdict, board.chip});
+        return Difference(simulator, board);
     };
     EXPECT_EQ(difference("no script: no message"), "");
     EXPECT_EQ(difference("no command: Killed"), "finding 1: \"line 0: no script [not-started]\" on the simulator, "
@@ -118,8 +108,7 @@ TEST(RunDiff, LeavesOutWhatDiffersInEachRunAndTheContentsOfBadBlocks) {
         ProgramHeader(board, 4, 8, after);
         board.Program(9 * 32, {'x'});
         board.chip.SetBad(9);
-        return FirstDifference({simulator.record, simulator.verdict, simulator.chip},
-                               {board.record, board.verdict, board.chip});
+        return Difference(simulator, board);
     };
     EXPECT_EQ(difference(3), "");
     EXPECT_EQ(difference(1), "flash, byte 64 of the page at 0x8000: 0x3 on the simulator, 0x1 on the board");

@@ -31,20 +31,3 @@ TEST(Findings, AreThoseOfTheManualWithTheirSeverities) {
     }
     EXPECT_EQ(DocumentedKinds(), kinds);
 }
-
-TEST(Findings, TakeSeverityAndAdviceFromTheTable) {
-    UpdateLine line;
-    line.number = 7;
-    line.text = "erase 0 0";
-    const Finding finding = ForLine(line, FindingId::NoSpare, "happens");
-    EXPECT_EQ(finding.line, 7U);
-    EXPECT_EQ(finding.text, "erase 0 0");
-    EXPECT_EQ(finding.severity, Severity::Warning);
-    EXPECT_EQ(finding.kind, "no-spare");
-    EXPECT_EQ(finding.happens, "happens");
-    EXPECT_EQ(finding.change, "enlarge the range by as many blocks as may be bad");
-    const Finding other = ForRun(FindingId::NotifyFailed, "happens", "change this");
-    EXPECT_EQ(other.line, 0U);
-    EXPECT_EQ(other.severity, Severity::Note);
-    EXPECT_EQ(other.change, "change this");
-}
