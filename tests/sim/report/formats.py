@@ -49,15 +49,17 @@ def validate(folder, name):
     assert done.returncode == 0, done.stderr
 
 
-def read(folder, name):
-    validate(folder, name)
-    sarif, quality = (json.loads((folder / f"{name}.{end}").read_text("ascii")) for end in ("sarif", "cq.json"))
-    return (json.loads((folder / f"{name}.json").read_text()), sarif,
-            xml.etree.ElementTree.parse(folder / f"{name}.xml").getroot(), quality)
+def write(folder, files):
+    """Files of an update or a device."""
+    for name, content in files.items():
+        path = folder / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_bytes(content if isinstance(content, bytes) else content.encode())
+        path.chmod(0o755)
 
 
 def check_sarif(log):
-    """What viewers of code scanning require beyond the schema of SARIF. Returns the results."""
+    """What viewers of code scanning require beyond the schema of SARIF."""
     assert log["$schema"].endswith("/sarif-schema-2.1.0.json")
     [run] = log["runs"]
     driver = run["tool"]["driver"]
@@ -75,7 +77,6 @@ def check_sarif(log):
     assert len(set(prints)) == len(prints)
     [invocation] = run["invocations"]
     assert invocation["commandLine"].startswith("flashsim ")
-    return run["results"]
 
 
 def check_junit(suites):
@@ -99,26 +100,35 @@ def check_quality(issues):
     assert len({issue["fingerprint"] for issue in issues}) == len(issues)
 
 
+def read(folder, name):
+    """The four reports, checked: JSON, the run of SARIF, JUnit and Code Quality."""
+    validate(folder, name)
+    report, sarif, quality = (json.loads((folder / f"{name}.{end}").read_text("utf-8" if end == "json" else "ascii"))
+                              for end in ("json", "sarif", "cq.json"))
+    junit = xml.etree.ElementTree.parse(folder / f"{name}.xml").getroot()
+    check_sarif(sarif)
+    check_junit(junit)
+    check_quality(quality)
+    return report, sarif["runs"][0], junit, quality
+
+
 def rehearse(folder, name, status, *words):
     run = subprocess.run([flashsim, *CHIP, *files(name), *words], cwd=folder, stdout=subprocess.PIPE,
                          stderr=subprocess.STDOUT, check=False)
     output = run.stdout.decode(errors="replace")
     assert run.returncode == status, output
     report, sarif, junit, quality = read(folder, name)
-    results = check_sarif(sarif)
-    check_junit(junit)
-    check_quality(quality)
-    assert sarif["runs"][0]["invocations"][0]["executionSuccessful"]
+    assert sarif["invocations"][0]["executionSuccessful"]
     # Each finding line of the output is in each file, at the same place.
     printed = [(match["kind"], match["level"], int(match["line"] or 0)) for match in GCC.finditer(output)]
     assert printed == [(it["kind"], it["severity"], it["line"] or 0) for it in report["findings"]], printed
     found = [(it["ruleId"], it["level"], it["locations"][0]["physicalLocation"].get("region", {"startLine": 0})["startLine"])
-             for it in results]
+             for it in sarif["results"]]
     assert found[:len(printed)] == printed
     assert [(it["check_name"], it["severity"], it["location"]["lines"]["begin"]) for it in quality] == \
         [(kind, LEVELS[level], max(line, 1)) for kind, level, line in found]
     assert {it["location"]["path"] for it in quality} <= {match["path"] for match in GCC.finditer(output)}
-    for entry in results[len(printed):]:
+    for entry in sarif["results"][len(printed):]:
         if entry["level"] == "error":
             assert "\nTo repeat: flashsim " in entry["message"]["text"]
     return report, found, junit
@@ -149,13 +159,11 @@ def check_hostile(folder):
     """Nothing of an update reaches a display as a control character or a mark of writing direction."""
     steering = "\x1b[2J\x07\x7f\u009b31m\u202e"
     update = folder / f"up{steering}date"
-    update.mkdir()
-    hostile_image(update)
     script = f"write 0 20000 image\nfrob{steering} 1\nerase 20000 4000\n"
-    (update / "flashrig.script").write_bytes(script.encode() + b"frob\xff\xc2")
-    (update / "progress_script.sh").write_text(f"#!/bin/sh\nprintf '%s\\r\\n' '{steering}'\n"
-                                               "printf '\\342\\200'; printf '\\256\\r' >&2; printf '\\256\\r\\n 1 %%\\r12 %%'\n")
-    (update / "progress_script.sh").chmod(0o755)
+    write(update, {"flashrig.script": script.encode() + b"frob\xff\xc2", "progress_script.sh":
+                   f"#!/bin/sh\nprintf '%s\\r\\n' '{steering}'\n"
+                   "printf '\\342\\200'; printf '\\256\\r' >&2; printf '\\256\\r\\n 1 %%\\r12 %%'\n"})
+    hostile_image(update)
     run = subprocess.run([flashsim, *CHIP, "--ecc", "chip", *files("hostile"), "--map", "hostile.svg", "--trace", "hostile.trace",
                           "--sweep", "bad", "--sets", "0", f"--mtd=12:all{steering}", update],
                          cwd=folder, capture_output=True, check=False)
@@ -204,7 +212,7 @@ with tempfile.TemporaryDirectory() as temporary:
     assert [(suite.get("tests"), suite.get("failures")) for suite in junit] == [("7", "0"), ("3", "2"), ("1", "1")]
     # The command of the run shows the same findings, that of a failure the failure.
     environment = {**os.environ, "PATH": f"{flashsim.parent}:{os.environ['PATH']}"}
-    command = read(folder, "clean")[1]["runs"][0]["invocations"][0]["commandLine"]
+    command = read(folder, "clean")[1]["invocations"][0]["commandLine"]
     subprocess.run(["sh", "-c", command.replace("flashsim ", "flashsim --report again.json ", 1)], cwd=folder,
                    env=environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=True)
     again = json.loads((folder / "again.json").read_text())
@@ -228,35 +236,14 @@ with tempfile.TemporaryDirectory() as temporary:
         run = subprocess.run([flashsim, *taken, "clean"], cwd=folder, stderr=subprocess.DEVNULL, check=False)
         assert run.returncode == 2 and (folder / "clean.json").stat().st_size > 0
 
-    # Ctrl-C leaves complete files that nobody takes for a success.
-    stuck = folder / "stuck"
-    stuck.mkdir()
-    (stuck / "flashrig.script").write_text("write 0 0x8000 image\n")
-    (stuck / "image").write_bytes(b"image " * 4000)
-    (stuck / "progress_script.sh").write_text("#!/bin/sh\necho here\nsleep 600\n")
-    (stuck / "progress_script.sh").chmod(0o755)
-    with subprocess.Popen([flashsim, *CHIP, *files("stuck"), "stuck"], cwd=folder, stdout=subprocess.PIPE,
-                          stderr=subprocess.STDOUT) as process:
-        while b"here" not in (line := process.stdout.readline()):
-            assert line, "the run ended"
-        process.send_signal(signal.SIGINT)
-        process.stdout.read()
-    assert process.returncode == -signal.SIGINT
-    report, sarif, junit, quality = read(folder, "stuck")
-    assert [it["ruleId"] for it in check_sarif(sarif)] == ["interrupted"] and report["verdict"] == "findings"
-    assert not sarif["runs"][0]["invocations"][0]["executionSuccessful"]
-    check_junit(junit)
-    check_quality(quality)
-    assert junit.get("failures") == "1" and quality[0]["severity"] == "critical"
-
-    # So does one at any time while the chip is prepared, and one ahead of a sweep.
+    # Ctrl-C leaves complete files that nobody takes for a success: during the run, at any time while the chip is
+    # prepared, and ahead of a sweep.
     pause = f"sleep 600.{os.getpid()}"
-    (folder / "device-slow/app").mkdir(parents=True)
-    (folder / "device-slow/app/prepare_flashrig.sh").write_text(f"#!/bin/sh\nexec {pause}\n")
-    (folder / "device-slow/app/prepare_flashrig.sh").chmod(0o755)
-    (folder / "loud").mkdir()
-    # The verdict is more than the pipe takes: nothing follows until it is read.
-    (folder / "loud/flashrig.script").write_text("x\n" * 2000)
+    write(folder, {"stuck/flashrig.script": "write 0 0x8000 image\n", "stuck/image": b"image " * 4000,
+                   "stuck/progress_script.sh": "#!/bin/sh\necho here\nsleep 600\n",
+                   "device-slow/app/prepare_flashrig.sh": f"#!/bin/sh\nexec {pause}\n",
+                   # The verdict is more than the pipe takes: nothing follows until it is read.
+                   "loud/flashrig.script": "x\n" * 2000})
 
     def is_paused():
         for path in pathlib.Path("/proc").glob("[0-9]*/cmdline"):
@@ -266,6 +253,7 @@ with tempfile.TemporaryDirectory() as temporary:
         return False
 
     for words, kind, is_time in (
+            (["stuck"], "interrupted", lambda output: b"here" in output.readline()),
             (["--used", "--root", "device-slow", "clean.img"], "interrupted", lambda _: (folder / "early.html").exists()),
             (["--used", "--root", "device-slow", "clean.img"], "interrupted", lambda _: is_paused()),
             (["--after", "clean.img", "--root", "device-slow", "clean"], "interrupted", lambda _: is_paused()),
@@ -281,9 +269,9 @@ with tempfile.TemporaryDirectory() as temporary:
             process.stdout.read()
         assert process.returncode == -signal.SIGINT, process.returncode
         report, sarif, junit, quality = read(folder, "early")
-        ids = {it["ruleId"] for it in check_sarif(sarif)}
-        assert kind in ids, ids
-        assert not sarif["runs"][0]["invocations"][0]["executionSuccessful"]
-        assert not check_junit(junit) and int(junit.get("failures")) > 0 and check_quality(quality) is None
+        assert report["verdict"] == "findings" and not sarif["invocations"][0]["executionSuccessful"]
+        assert [it["level"] for it in sarif["results"] if it["ruleId"] == kind] == ["error"], kind
+        assert [it["severity"] for it in quality if it["check_name"] == kind] == ["critical"], kind
+        assert int(junit.get("failures")) > 0 and "runs passed" not in (folder / "early.xml").read_text()
 
 print("all formats are as their readers expect")
