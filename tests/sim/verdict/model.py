@@ -5,38 +5,23 @@ Nothing here is shared with the programs under test: the model is what their res
 
 import re
 import zlib
+from functools import reduce
+from itertools import compress
+from operator import xor
 from typing import NamedTuple
 
 ECC_STEP = 256
-
-
-def _masks(bits, unit, count):
-    """For each address bit: the bits of a big-endian number of `count` units whose unit's address has that bit set."""
-    masks = []
-    for bit in range(bits):
-        text = b"".join(bytes([255 if i >> bit & 1 else 0]) * unit for i in range(count))
-        masks.append(int.from_bytes(text, "big"))
-    return masks
-
-
-BYTE_MASKS = _masks(8, 1, ECC_STEP)
-BIT_MASKS = [int.from_bytes(bytes([mask]) * ECC_STEP, "big") for mask in (0xAA, 0xCC, 0xF0)]
+PARITY = bytes(byte.bit_count() & 1 for byte in range(256))
 
 
 def hamming(step):
     """The kernel's software Hamming code of 256 bytes: 3 bytes."""
-    number = int.from_bytes(step, "big")
-    total = number.bit_count() & 1
-
-    def pairs(masks):
-        code = 0
-        for bit, mask in enumerate(masks):
-            odd = (number & mask).bit_count() & 1
-            code |= (odd << 1 | odd ^ total) << (2 * bit)
-        return code
-
-    rows, columns = pairs(BYTE_MASKS), pairs(BIT_MASKS)
-    return bytes([~(rows >> 8) & 255, ~rows & 255, ~(columns << 2) & 255])
+    column = reduce(xor, step)
+    row = reduce(xor, compress(range(ECC_STEP), step.translate(PARITY)), 0)
+    total = column.bit_count() & 1
+    places = [(column & mask).bit_count() & 1 for mask in (0xAA, 0xCC, 0xF0)] + [row >> bit & 1 for bit in range(8)]
+    code = sum((odd << 1 | odd ^ total) << (2 * bit) for bit, odd in enumerate(places))
+    return bytes([~(code >> 14) & 255, ~(code >> 6) & 255, ~(code << 2) & 255])
 
 
 def correct(step, stored):
@@ -71,6 +56,9 @@ class Geometry(NamedTuple):
     @property
     def pages(self):
         return self.erase // self.page
+
+    def pages_of(self, block):
+        return range(block * self.pages, (block + 1) * self.pages)
 
     @property
     def marker(self):
@@ -109,9 +97,6 @@ class Chip:
         its = self.geometry
         return {block for block in range(its.blocks)
                 if any(self.at(block * its.pages + page)[its.page + its.marker] != 255 for page in (0, 1))}
-
-    def start(self):
-        self.bad = self.marked()
 
     def at(self, page):
         return bytes(self.cells[page * self.geometry.raw:(page + 1) * self.geometry.raw])
@@ -260,9 +245,6 @@ class Tool(NamedTuple):
 SPOILED = {"spoiled", "overlap", "not-done", "unerased", "environment-lost"}
 ENVIRONMENT = {"environment-lost", "environment-damaged", "environment-invalid", "environment-absent", "environment-erased",
                "duplicate-variable", "overlap"}
-MARKERS = {"false-markers"}
-WHOLE_FLASH = {"part-of-flash"}
-CROSSING = {"crosses-device"}
 
 
 class Rehearsal:
@@ -273,14 +255,14 @@ class Rehearsal:
 
     def __init__(self, chip, devices, script, files, tool):
         self.chip, self.its, self.files, self.tool = chip, chip.geometry, files, tool
-        chip.start()
+        chip.bad = chip.marked()
         self.devices = sorted(devices)
         self.whole = next((d for d in self.devices if "all" in d.name), self.devices[0])
         self.is_part = (self.whole.offset, self.whole.size) != (0, self.its.size)
         self.lines = read_lines(script)
         self.results = {line.number: "never-ran" for line in self.lines}
         self.truths = []
-        self.meant = {}     # by page: the line that the page belongs to, its cells, and whether they hold an image
+        self.meant = {}     # by page: the line that the page belongs to, and its cells
         self.erased = set() # blocks erased in this run
         self.handed = []    # lines that ran the tool
         self._run()
@@ -295,29 +277,23 @@ class Rehearsal:
     # Carrying out.
 
     def _run(self):
-        last = None
         for line in self.lines:
-            last = line
             self.results[line.number], goes_on = self._carry_out(line)
             if not goes_on:
                 break
         if not self.lines:
             self._say("no command", [0], {"not-started"})
         elif any(result == "never-ran" for result in self.results.values()):
-            self._say("later lines never ran", [last], {"stopped"})
+            self._say("later lines never ran", [line], {"stopped"})
         if set(self.results.values()) & {"failed", "never-ran"}:
             self._say("a line failed", [0], {"percentages"}, required=False)
 
     def _carry_out(self, line):
-        if not line.complete:
-            self._say("skipped", [line], {"unknown-command" if line.needs is None else "incomplete"})
+        if not line.complete or line.image is not None and line.image not in self.files:
             return "skipped", True
         if line.command == "setenv-short":
             self._hand(line)
             return "clean", True
-        if line.image is not None and line.image not in self.files:
-            self._say("skipped", [line], {"missing-file"})
-            return "skipped", True
         problem = self._change(line)
         if problem:
             self._say(problem[0], [line], problem[1] | ({"setenv-long"} if line.turned else set()))
@@ -326,15 +302,23 @@ class Rehearsal:
 
     def _change(self, line):
         """Returns None, or what failed and how a finding names it."""
-        if line.begin % self.its.erase or line.size.value % self.its.erase:
-            return "misaligned", {"misaligned"}
-        if line.size.value <= 0:
-            return "no size", {"empty-range", "misaligned"}
+        fault = self._range_fault(line)
+        if fault in ("misaligned", "empty-range"):
+            return fault, {fault, "misaligned"}
         if line.command == "setenv-long":
-            return self._set(line)
-        if not self._erase(line):
-            return "leaves the flash", {"off-chip"}
+            return (fault, {fault}) if fault else self._set(line)
+        for block in self._good_blocks(line):
+            self._claim(line, block)
+        if fault:
+            return fault, {fault}
         return self._write(line) if line.image is not None else None
+
+    def _range_fault(self, line):
+        if line.begin % self.its.erase or line.size.value % self.its.erase:
+            return "misaligned"
+        if line.size.value <= 0:
+            return "empty-range"
+        return "off-chip" if line.end > self.whole.size else None
 
     def _blocks(self, line, end=None):
         """The chip's numbers of the blocks of a range, as far as it is on the device."""
@@ -342,19 +326,19 @@ class Rehearsal:
         last = min(line.end if end is None else end, self.whole.size) // self.its.erase
         return range(base + line.begin // self.its.erase, base + last)
 
-    def _erase(self, line):
-        for block in self._blocks(line):
-            if block in self.chip.bad:
-                continue
-            self._claim(line, block)
-            self.chip.erase(block)
-        return line.end <= self.whole.size
+    def _good_blocks(self, line, end=None):
+        return [block for block in self._blocks(line, end) if block not in self.chip.bad]
 
     def _claim(self, line, block):
         """A line takes a block over and erases it."""
         self.erased.add(block)
-        for page in range(block * self.its.pages, (block + 1) * self.its.pages):
-            self.meant[page] = line, b"\xff" * self.its.raw, False
+        self.chip.erase(block)
+        for page in self.its.pages_of(block):
+            self.meant[page] = line, b"\xff" * self.its.raw
+
+    def _lay(self, line, page, record):
+        self.chip.program(page, record)
+        self.meant[page] = line, record.ljust(self.its.raw, b"\xff")
 
     def _write(self, line):
         record = self.its.raw if line.command == "writeoob" else self.its.page
@@ -362,10 +346,8 @@ class Rehearsal:
         if line.command == "write" and self.its.ecc == "host" and is_environment(image):
             self._say("an environment without ECC", [line], {"missing-ecc"})
         before = b"\xff" * record
-        for block in self._blocks(line, self.whole.size):
-            if block in self.chip.bad:
-                continue
-            for page in range(block * self.its.pages, (block + 1) * self.its.pages):
+        for block in self._good_blocks(line, self.whole.size):
+            for page in self.its.pages_of(block):
                 part = image[done:done + record]
                 done += len(part)
                 if not part:
@@ -373,20 +355,16 @@ class Rehearsal:
                 if block not in self._blocks(line):
                     return "the image outruns its range", {"outruns-range"}
                 before = part + (before[len(part):] if line.command == "writeoob" else b"\xff" * (record - len(part)))
-                self.chip.program(page, before)
-                self.meant[page] = line, before.ljust(self.its.raw, b"\xff"), True
+                self._lay(line, page, before)
         if done < len(image):
             self._say("the end of the image is lost", [line], {"cut-at-end"})
         return None
 
     def _read(self, line):
-        parts = [self.chip.read(page) for block in self._blocks(line)
-                 for page in range(block * self.its.pages, (block + 1) * self.its.pages)]
+        parts = [self.chip.read(page) for block in self._blocks(line) for page in self.its.pages_of(block)]
         return b"".join(data for data, _ in parts), all(fits for _, fits in parts)
 
     def _set(self, line):
-        if line.end > self.whole.size:
-            return "leaves the flash", {"off-chip"}
         found, sound = self._read(line)
         changed = set_variable(found, line.name.encode(), line.value.encode())
         if changed is None:
@@ -403,15 +381,10 @@ class Rehearsal:
         if parse_loader(changed).get(line.name.encode()) != line.value.encode():
             self._say("a loader reads another value", others, kinds)
         pages = [changed[i:i + self.its.page] for i in range(0, len(changed), self.its.page)]
-        for block in self._blocks(line):
-            if block in self.chip.bad:
-                continue
+        for block in self._good_blocks(line):
             self._claim(line, block)
-            self.chip.erase(block)
-            for page in range(block * self.its.pages, (block + 1) * self.its.pages):
-                record = self.its.with_ecc(pages.pop(0))
-                self.chip.program(page, record)
-                self.meant[page] = line, record, True
+            for page in self.its.pages_of(block):
+                self._lay(line, page, self.its.with_ecc(pages.pop(0)))
         return None
 
     def _hand(self, line):
@@ -433,8 +406,7 @@ class Rehearsal:
     def _judge_text(self, line):
         """What is wrong with a line's words and range, whatever the chip."""
         if not line.complete:
-            if self.results[line.number] == "never-ran":
-                self._say("skipped", [line], {"unknown-command" if line.needs is None else "incomplete"})
+            self._say("skipped", [line], {"unknown-command" if line.needs is None else "incomplete"})
             return
         if line.turned:
             self._say("a long setenv", [line], {"setenv-long"})
@@ -451,25 +423,22 @@ class Rehearsal:
     def _judge_range(self, line):
         ran = self.results[line.number] != "never-ran"
         if line.image is not None and line.image not in self.files:
-            if not ran:
-                self._say("skipped", [line], {"missing-file"})
+            self._say("skipped", [line], {"missing-file"})
             return
         if line.image is not None and line.command == "writeoob" and len(self.files[line.image]) % self.its.raw:
             self._say("part of a record", [line], {"raw-length"})
-        aligned = line.begin % self.its.erase == 0 and line.size.value % self.its.erase == 0
-        if not aligned or line.size.value <= 0 or line.end > self.whole.size:
-            if not ran and not line.turned:
-                self._say("would fail", [line], {"misaligned"} if not aligned else
-                          {"empty-range"} if line.size.value <= 0 else {"off-chip"})
-            if not aligned or line.size.value <= 0:
-                return
-        elif line.image is not None:
+        fault = self._range_fault(line)
+        if fault and not ran and not line.turned:
+            self._say("would fail", [line], {fault})
+        if fault in ("misaligned", "empty-range"):
+            return
+        if not fault and line.image is not None:
             self._judge_room(line, ran)
         for device in self.devices:
             begin, end = device.offset - self.whole.offset, device.offset + device.size - self.whole.offset
             is_within = begin <= line.begin and line.end <= end or line.begin <= begin and end <= line.end
             if not self.is_part and not is_within and line.begin < end and begin < line.end <= self.whole.size:
-                self._say("crosses a device", [line], CROSSING)
+                self._say("crosses a device", [line], {"crosses-device"})
         for other in self.lines[:self.lines.index(line)]:
             self._judge_overlap(other, line)
 
@@ -499,19 +468,15 @@ class Rehearsal:
 
     def _judge_chip(self):
         if self.is_part and any(line.ranged for line in self.lines):
-            self._say("a part of the flash", [0], WHOLE_FLASH)
-        strays = {}
-        for page, (line, cells, _) in self.meant.items():
-            if self.chip.at(page) != cells:
-                strays.setdefault(line.number, line)
+            self._say("a part of the flash", [0], {"part-of-flash"})
+        strays = {line.number: line for page, (line, cells) in self.meant.items() if self.chip.at(page) != cells}
         for line in strays.values():
             self._say("another program spoils the range", [line] + self.handed, SPOILED,
                       required=self.results[line.number] == "clean")
         for line in self.lines:
-            false = [block for block in self.chip.marked() - self.chip.bad
-                     if self.meant.get(block * self.its.pages, (None,))[0] is line]
-            if false:
-                self._say("false bad-block markers", [line], MARKERS)
+            if any(self.meant.get(block * self.its.pages, (None,))[0] is line
+                   for block in self.chip.marked() - self.chip.bad):
+                self._say("false bad-block markers", [line], {"false-markers"})
         for line in self.lines:
             if line.command == "setenv-long" and self.results[line.number] == "clean":
                 self._judge_environment(line)

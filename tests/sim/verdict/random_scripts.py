@@ -255,17 +255,16 @@ class Chain:
             pages = [page for page in range(self.its.blocks * self.its.pages)
                      if flash[page * self.its.raw:(page + 1) * self.its.raw] != self.chip.at(page)]
             differences.append(f"chip: {len(pages)} pages differ, first {pages[0]}")
-        if report["run"]["exitStatus"] != (0 if update.script.strip("\r\n") or update.script else 255):
-            differences.append(f"exit status {report['run']['exitStatus']}")
-        if report["chip"]["badBlocks"] != sorted(self.chip.bad):
-            differences.append(f"bad blocks {report['chip']['badBlocks']}, model {sorted(self.chip.bad)}")
         results = {line["number"]: line["result"] for line in report["lines"]}
-        if results != model.results:
-            differences.append(f"results {results}, model {model.results}")
-        findings = [finding for finding in report["findings"] if finding["severity"] != "note"]
         is_clean = not any(truth.required for truth in model.truths)
-        if (report["verdict"] == "clean") != is_clean:
-            differences.append(f"verdict: {report['verdict']}, model: {'clean' if is_clean else 'findings'}")
+        for what, found, wanted in (
+                ("exit status", report["run"]["exitStatus"], 0 if update.script else 255),
+                ("bad blocks", report["chip"]["badBlocks"], sorted(self.chip.bad)),
+                ("results", results, model.results),
+                ("verdict", report["verdict"], "clean" if is_clean else "findings")):
+            if found != wanted:
+                differences.append(f"{what}: {found}, model: {wanted}")
+        findings = [finding for finding in report["findings"] if finding["severity"] != "note"]
         fits = lambda truth, finding: (finding["line"] or 0) in truth.lines and finding["kind"] in truth.kinds
         for truth in model.truths:
             if truth.required and not any(fits(truth, finding) for finding in findings):
