@@ -69,16 +69,12 @@ TEST(BlockContent, FindsWhatIsReadThroughTheEccInAnyEraseBlockOfAnImage) {
         const DataFormat *format = FindFormatReadThroughEcc(image, kBlock);
         return format == nullptr ? "" : format->name;
     };
-    std::string ext(0x438, '\0');
     EXPECT_EQ(name("UBI#"), "a UBI image");
     EXPECT_EQ(name(Block("loader") + "hsqs"), "a squashfs image");
     EXPECT_EQ(name("x" + Block("hsqs")), "") << "not at the start of a block";
-    EXPECT_EQ(name("\x31\x18\x10\x06"), "a UBIFS image");
-    EXPECT_EQ(name("\x28\xCD\x3D\x45"), "a cramfs image");
-    EXPECT_EQ(name("\x85\x19\x02\xE0"), "a JFFS2 image");
+    EXPECT_EQ(name("\x28\xCD\x3D\x45"), "a cramfs image") << "of the other byte order";
+    EXPECT_EQ(name("\x85\x19\x02\xE0"), "a JFFS2 image") << "whatever node comes first";
     EXPECT_EQ(name("\x85\x19\x02\x02"), "") << "a magic of two bytes occurs by chance";
-    EXPECT_EQ(name(ext), "");
-    EXPECT_EQ(name(ext + "\x53\xEF"), "an ext file system");
     EXPECT_EQ(name("\x27\x05\x19\x56"), "") << "a boot loader reads its own images as it likes";
 }
 

@@ -23,7 +23,7 @@ std::string Describe(const RunStory &story) {
     return text;
 }
 
-std::string Follow(const std::string &script, const std::string &out, const std::string &err, bool wasCut = false) {
+std::string Follow(const char *script, const std::string &out, const std::string &err, bool wasCut = false) {
     return Describe(FollowRun(ReadUpdateLines(script), out, err, wasCut));
 }
 
@@ -31,6 +31,7 @@ std::string Begun(const std::string &name) { return "write /u/" + name + " to fl
 const std::string kWriteDone = "write file complete\n";
 const std::string kFailedErase = "error : erase failed at 0\n";
 const std::string kBadBlock = "warning : skip bad block at 0\n";
+const std::string kUnknown = "Unknown script command burn\n";
 const std::string kUbi = "ubiformat /u/i to <MTD> /dev/mtd9\n";
 
 } // namespace
@@ -40,6 +41,7 @@ TEST(RunStory, GivesEachMessageToItsLine) {
         const char *script;
         std::string err;
         const char *story;
+        bool wasCut = false;
     } rows[] = {
         // Nothing was said: the line was not reached.
         {"erase 0 1\nerase 0 1", "", "N\nN\n"},
@@ -49,6 +51,8 @@ TEST(RunStory, GivesEachMessageToItsLine) {
         {"erase 1 1", "error : invalid offset=1, blocksize = 2\n", "F error : invalid offset=1, blocksize = 2\n"},
         {"setenv a b\nsetenv 0 1 a b", "write a = b to env\n" + kBadBlock + "write a = b to env\n",
          "C\nC [warning : skip bad block at 0]\n"},
+        {"setenv 0 1 a b\nsetenv a b", kBadBlock + "error : read failed at 0\nwrite a = b to env\nwrite a = b to env\n",
+         "F error : read failed at 0 [warning : skip bad block at 0]\nC\n"},
         // A write ends with its own message, or silently at the end of the flash.
         {"write 0 1 i\nerase 0 1", Begun("i") + kBadBlock + kWriteDone + kBadBlock + "erase complete\n",
          "C+ [warning : skip bad block at 0]\nC [warning : skip bad block at 0]\n"},
@@ -58,29 +62,37 @@ TEST(RunStory, GivesEachMessageToItsLine) {
         {"write 0 1 i\nerase 0 1", Begun("i"), "F\nN\n"},
         {"write 0 1 i", Begun("i") + "error : write page return -1\n", "F error : write page return -1\n"},
         {"write 0 1 i", "write /u/i to flash address 0\n", "F\n"},
-        {"write 0 1 i", "write /u/i to flash address 0\n" + kFailedErase + "erase complete\n",
-         "F error : erase failed at 0\n"},
+        // The closing line of a write's own erase is no other erase's.
+        {"write 0 1 i\nerase 0 1", "write /u/i to flash address 0\n" + kFailedErase + "erase complete\n",
+         "F error : erase failed at 0\nN\n"},
         {"write 0 0 i", Begun("i"), "F\n"},
         {"writeoob a0 1 i", "write /u/i to flash address a0\nerase complete\n" + kWriteDone, "C+\n"},
         // A write of another address or another file is another line's.
         {"write 10 1 i", Begun("i") + kWriteDone, "N\n"},
         {"write 0 1 i", Begun("j") + kWriteDone, "N\n"},
         // Skipped lines. The updater names unknown ones once when it counts, and again when it comes to them.
-        {"burn\nerase 0 1", "Unknown script command burn\nUnknown script command burn\nerase complete\n",
-         "S Unknown script command burn\nC\n"},
-        {"burn\nerase 0 1", "Unknown script command burn\n", "N\nN\n"},
-        {"write 0 1\nwrite 0 1 i\nerase 0 1",
-         "incomplete script command write 0 1\n/u/i doesn't exist\nerase complete\n",
-         "S incomplete script command write 0 1\nS /u/i doesn't exist\nC\n"},
+        {"burn\nburn\nerase 0 1", kUnknown + kUnknown + kUnknown + kUnknown + "erase complete\n",
+         "S Unknown script command burn\nS Unknown script command burn\nC\n"},
+        {"burn\nerase 0 1", kUnknown, "N\nN\n"},
+        {" write 0\t1 \nwrite 0 1 i\nerase 0 1",
+         "incomplete script command  write 0\t1 \nThe switch to root user failed!/u/i doesn't exist\nerase complete\n",
+         "S incomplete script command  write 0\t1 \nS /u/i doesn't exist\nC\n"},
         // Other programs' output may precede a message in its line.
         {"erase 0 1", "50%error : erase failed at 0\n 90%erase complete\n", "F error : erase failed at 0\n"},
-        {"erase 0 1", "error : no such tool\nerase complete\n", "C\n"},
+        {"write 0 1 i\nburn",
+         kUnknown + "error : no such tool\n 7%" + Begun("i") + "\r50%" + kWriteDone + "see: " + kUnknown,
+         "C+\nS Unknown script command burn\n"},
         {"erase 0 1", "erase complete at last\n", "N\n"},
         // An exception ends a command without a closing message.
         {"setenv 0 1 a b\nerase 0 1", "error : std::bad_alloc\n", "F error : std::bad_alloc\nN\n"},
+        // The line in progress of a run that was cut has failed.
+        {"erase 0 1\nerase 0 1\nerase 0 1", "erase complete\n", "C\nF\nN\n", true},
+        {"write 0 1 i", Begun("i"), "F\n", true},
+        {"write 0 1 i", Begun("i") + kWriteDone, "C+\n", true},
+        {"erase 0 1", kFailedErase, "F error : erase failed at 0\n", true},
     };
     for (const auto &row : rows)
-        EXPECT_EQ(Follow(row.script, kStart, row.err), row.story) << row.script << "\n" << row.err;
+        EXPECT_EQ(Follow(row.script, kStart, row.err, row.wasCut), row.story) << row.script << "\n" << row.err;
 }
 
 TEST(RunStory, FollowsUbiformatByBothStreams) {
@@ -101,7 +113,6 @@ TEST(RunStory, FollowsUbiformatByBothStreams) {
         // Statuses ahead of the preparation are other programs' output.
         {prepared + formatted, "", "F\nN\n"},
         {prepared + formatted + prepares, "", "F\nN\n"},
-        {"", "dev /dev/mtd9 is not exist\n", "F dev /dev/mtd9 is not exist\nN\n"},
         {"", "noise\ndev /dev/mtd9 is not exist\n", "F dev /dev/mtd9 is not exist\nN\n"},
         {"", "/u/i is not exist\n", "F /u/i is not exist\nN\n"},
         {"", "dev /dev/mtd8 is not exist\n", "F\nN\n"},
@@ -118,32 +129,30 @@ TEST(RunStory, FollowsUbiformatByBothStreams) {
               "C /tmp/update/prepare.sh=3 /tmp/update/ubiformat=0\n");
 }
 
-TEST(RunStory, TakesTheLineInProgressOfACutRunForFailed) {
-    EXPECT_EQ(Follow("erase 0 1\nerase 0 1\nerase 0 1", kStart, "erase complete\n", true), "C\nF\nN\n");
-    EXPECT_EQ(Follow("write 0 1 i", kStart, Begun("i"), true), "F\n");
-    EXPECT_EQ(Follow("write 0 1 i", kStart, Begun("i") + kWriteDone, true), "C+\n");
-    EXPECT_EQ(Follow("erase 0 1", kStart, kFailedErase, true), "F error : erase failed at 0\n");
-}
-
 TEST(RunStory, ReadsTheStartOfARun) {
     const std::vector<UpdateLine> lines = ReadUpdateLines("erase 0 1");
-    const std::string refusal = "error : script line 2 of 300 characters, the limit is 255\n";
-    RunStory story = FollowRun(lines, "", "erase complete\n", false);
-    EXPECT_FALSE(story.hasStarted);
-    EXPECT_EQ(Describe(story), "N\n");
-    story = FollowRun(lines, "noise\nnew program detected, running /u/flashrig /u\n12%" + kStart, "erase complete\n",
-                      false);
-    EXPECT_TRUE(story.hasStarted);
-    EXPECT_EQ(story.handOver, "/u/flashrig /u");
-    EXPECT_EQ(story.folder, "/u/");
-    EXPECT_EQ(story.refusal, "");
-    EXPECT_EQ(Describe(story), "C\n");
-    story = FollowRun(lines, kStart, refusal, false);
-    EXPECT_EQ(story.refusal, "script line 2 of 300 characters, the limit is 255");
-    EXPECT_EQ(Describe(story), "N\n");
-    story = FollowRun(lines, kStart, "error : script of 4096 characters, the limit is 4095\n", false);
-    EXPECT_EQ(story.refusal, "script of 4096 characters, the limit is 4095");
-    // After an error of a line, another program may say what it likes.
-    story = FollowRun(lines, kStart, kFailedErase + refusal + "erase complete\n", false);
-    EXPECT_EQ(story.refusal, "");
+    const std::string longLine = "script line 2 of 300 characters, the limit is 255";
+    const std::string longScript = "script of 4096 characters, the limit is 4095";
+    const struct {
+        std::string out, err;
+        const char *handOver, *folder;
+        std::string refusal, story;
+    } rows[] = {
+        {"", "erase complete\n", "", "", "", "N\n"},
+        {"noise\nnew program detected, running /u/flashrig /u\n12%" + kStart, "erase complete\n", "/u/flashrig /u",
+         "/u/", "", "C\n"},
+        {kStart, "error : " + longLine + "\n", "", "/u/", longLine, "N\n"},
+        {kStart, "error : " + longScript + "\n", "", "/u/", longScript, "N\n"},
+        // After an error of a line, another program may say what it likes.
+        {kStart, kFailedErase + "error : " + longLine + "\nerase complete\n", "", "/u/", "",
+         "F error : erase failed at 0\n"},
+    };
+    for (const auto &row : rows) {
+        const RunStory story = FollowRun(lines, row.out, row.err, false);
+        EXPECT_EQ(story.hasStarted, !row.out.empty());
+        EXPECT_EQ(story.handOver, row.handOver);
+        EXPECT_EQ(story.folder, row.folder);
+        EXPECT_EQ(story.refusal, row.refusal);
+        EXPECT_EQ(Describe(story), row.story);
+    }
 }

@@ -76,13 +76,6 @@ TEST(UpdateLines, AreReadAsTheUpdaterReadsThem) {
         EXPECT_EQ(Describe(ReadUpdateLines(row.script)), row.lines) << row.script;
 }
 
-TEST(UpdateLines, KeepTheirTextAndWords) {
-    const std::vector<UpdateLine> lines = ReadUpdateLines("#\n  write\t0 1  a \r\n");
-    ASSERT_EQ(lines.size(), 1U);
-    EXPECT_EQ(lines[0].text, "  write\t0 1  a ");
-    EXPECT_EQ(lines[0].tokens, (std::vector<std::string>{"write", "0", "1", "a"}));
-}
-
 TEST(UpdateLines, AreSeenUpToTheFirstZeroByteOrOneMebibyte) {
     constexpr std::size_t kMebibyte = 1 << 20;
     EXPECT_EQ(VisibleScript(std::string("erase\0 0", 8)), "erase");
