@@ -16,6 +16,7 @@
 #include <memory>
 #include <random>
 #include <stdexcept>
+#include <tuple>
 #include <utility>
 
 namespace {
@@ -37,6 +38,13 @@ const Bytes &Image(const std::string &name) {
     }
     return image;
 }
+
+Bytes Image(const std::string &name, std::vector<UbiPatch> patches) {
+    return Patched(Image(name), {"", name, std::move(patches), 0, false, 0, ""});
+}
+
+ImagePebs Pebs(const Bytes &image) { return ImagePebs(image.data(), image.size(), kUbiGeometry.pebSize, 128); }
+UbiAttachment Attach(const Bytes &image) { return AttachUbi(Pebs(image), kUbiGeometry, {2048, 20}); }
 
 std::uint32_t Sum(const UbiPebs &pebs) {
     return pebs.bad + pebs.used + pebs.free + pebs.erase + pebs.corrupted + pebs.alien;
@@ -72,13 +80,9 @@ TEST(Ubi, TellsVolumesReserveAndRoomOfAWholeImage) {
     memory.Write(Image("two"));
     const UbiAttachment ubi = memory.Attach();
     ASSERT_TRUE(ubi.IsAttached()) << ubi.reason;
-    EXPECT_EQ(ubi.pebs.bad, 1U);
-    EXPECT_EQ(ubi.pebs.used, 7U);
-    EXPECT_EQ(ubi.pebs.empty, 120U);
-    EXPECT_EQ(ubi.wantedForBad, 39U);
-    EXPECT_EQ(ubi.reservedForBad, 39U);
-    EXPECT_EQ(ubi.available, 0U);
-    EXPECT_EQ(ubi.SpareBlocks(), 39U);
+    EXPECT_EQ(std::make_tuple(ubi.pebs.bad, ubi.pebs.used, ubi.pebs.empty), std::make_tuple(1U, 7U, 120U));
+    EXPECT_EQ(std::make_tuple(ubi.wantedForBad, ubi.reservedForBad, ubi.available, ubi.SpareBlocks()),
+              std::make_tuple(39U, 39U, 0U, 39U));
     EXPECT_EQ(ubi.imageSequence, 305419896U);
     ASSERT_EQ(ubi.volumes.size(), 2U);
     const UbiVolume &rootfs = ubi.volumes[0];
@@ -126,11 +130,9 @@ TEST(Ubi, SortsDamagedPebsAsTheKernelDoes) {
         MemoryChip memory(128);
         memory.Write(Patched(Image(found->image), *found));
         const UbiAttachment ubi = memory.Attach();
-        EXPECT_EQ(ubi.pebs.used, row.used);
-        EXPECT_EQ(ubi.pebs.erase, row.erase);
-        EXPECT_EQ(ubi.pebs.corrupted, row.corrupted);
-        EXPECT_EQ(ubi.pebs.alien, row.alien);
-        EXPECT_EQ(ubi.isTableRepaired, row.isTableRepaired);
+        EXPECT_EQ(
+            std::make_tuple(ubi.pebs.used, ubi.pebs.erase, ubi.pebs.corrupted, ubi.pebs.alien, ubi.isTableRepaired),
+            std::make_tuple(row.used, row.erase, row.corrupted, row.alien, row.isTableRepaired));
     }
 }
 
@@ -154,16 +156,15 @@ TEST(Ubi, FindsWhatIsWrongWithTheContentsOfVolumes) {
 }
 
 TEST(Ubi, ReadsTheSuperblockOfUbifs) {
-    const auto problem = [](const char *name, std::uint32_t pebs) {
-        const Bytes &image = Image(name);
-        const ImagePebs reader(image.data(), image.size(), kUbiGeometry.pebSize, pebs);
-        const UbiAttachment ubi = AttachUbi(reader, kUbiGeometry, {2048, 20});
-        const auto super = ReadUbifs(ubi.volumes.at(0), reader, kUbiGeometry);
+    const auto problem = [](const char *name) {
+        const ImagePebs pebs = Pebs(Image(name));
+        const UbiAttachment ubi = AttachUbi(pebs, kUbiGeometry, {2048, 20});
+        const auto super = ReadUbifs(ubi.volumes.at(0), pebs, kUbiGeometry);
         return super ? super->Problem(ubi.volumes[0], kUbiGeometry) : "none";
     };
-    EXPECT_EQ(problem("files", 128), "");
-    EXPECT_EQ(problem("subless", 128), "it is made with -e 126976 and needs 129024");
-    EXPECT_EQ(problem("two", 128), "none");
+    EXPECT_EQ(problem("files"), "");
+    EXPECT_EQ(problem("subless"), "it is made with -e 126976 and needs 129024");
+    EXPECT_EQ(problem("two"), "none");
 }
 
 TEST(Ubi, LooksAtAnImageByItself) {
@@ -183,12 +184,10 @@ TEST(Ubi, LooksAtAnImageByItself) {
         SCOPED_TRACE(row.name);
         const Bytes &bytes = Image(row.name);
         const UbiImage image = ReadUbiImage(bytes.data(), bytes.size(), kUbiGeometry);
-        EXPECT_EQ(image.isUbi, row.isUbi);
-        EXPECT_EQ(FitsChip(image, kUbiGeometry), row.fits);
-        EXPECT_EQ(image.isWhole, row.isWhole);
-        EXPECT_EQ(image.vidHeaderOffset, row.vidHeaderOffset);
-        EXPECT_EQ(image.dataOffset, row.dataOffset);
-        EXPECT_EQ(image.pebSize.value_or(0), row.pebSize);
+        EXPECT_EQ(std::make_tuple(image.isUbi, FitsChip(image, kUbiGeometry), image.isWhole),
+                  std::make_tuple(row.isUbi, row.fits, row.isWhole));
+        EXPECT_EQ(std::make_tuple(image.vidHeaderOffset, image.dataOffset, image.pebSize.value_or(0)),
+                  std::make_tuple(row.vidHeaderOffset, row.dataOffset, row.pebSize));
     }
     Bytes torn = Image("two");
     torn[4UL * 131072] ^= 0x01;
@@ -196,11 +195,8 @@ TEST(Ubi, LooksAtAnImageByItself) {
 }
 
 TEST(Ubi, RefusesTheVolumeTableThatPanicsTheKernel) {
-    const UbiPatch third{UbiPlace::VidHeader, 1, 15, 0x03, true};
-    const Bytes image = Patched(Image("two"), {"", "", {third}, 0, false, 0, ""});
-    const UbiAttachment ubi =
-        AttachUbi(ImagePebs(image.data(), image.size(), kUbiGeometry.pebSize, 128), kUbiGeometry, {2048, 20});
-    EXPECT_EQ(ubi.reason, "the volume table has a LEB that isn't 0 or 1");
+    const Bytes third = Image("two", {{UbiPlace::VidHeader, 1, 15, 0x03, true}});
+    EXPECT_EQ(Attach(third).reason, "the volume table has a LEB that isn't 0 or 1");
 }
 
 TEST(Ubi, FindsGapsBetweenTheLebsOfAVolume) {
@@ -245,13 +241,8 @@ TEST(Ubi, IsJudgedBeforeAndAfterTheRun) {
     const std::string format = "ubiformat /dev/mtd9 one";
     const std::string write = "write 400000 1000000 one";
     const Bytes two = Image("two");
-    const auto damaged = [&](UbiPatch patch) {
-        UbiCase damage{"", "", {patch}, 0, false, 0, ""};
-        return Patched(two, damage);
-    };
-    const Bytes twins = damaged({UbiPlace::VidHeader, 3, 15, 0x01, true});
-    const Bytes marked = Patched(damaged({UbiPlace::Record, 0, 13, 0x01, true}),
-                                 {"", "", {{UbiPlace::Record, 1, 13, 0x01, true}}, 0, false, 0, ""});
+    const Bytes twins = Image("two", {{UbiPlace::VidHeader, 3, 15, 0x01, true}});
+    const Bytes marked = Image("two", {{UbiPlace::Record, 0, 13, 0x01, true}, {UbiPlace::Record, 1, 13, 0x01, true}});
     Bytes gap = two;
     std::fill_n(gap.begin() + 3L * kUbiGeometry.pebSize + 512, 64, 0xFF);
     const Bytes torn(two.begin(), two.end() - 2048);
@@ -276,7 +267,7 @@ TEST(Ubi, IsJudgedBeforeAndAfterTheRun) {
     EXPECT_EQ(Told(format, two, marked), "ubi-update-marker ");
     EXPECT_EQ(Told(format, two, wrongData), "ubi-damaged-volume ");
     EXPECT_EQ(Told(format, Image("big"), Image("big")), "ubi-reserve ");
-    EXPECT_EQ(Told(format, two, damaged({UbiPlace::VidHeader, 3, 63, 0x01, false})), "ubi-corrupted spoiled ");
+    EXPECT_EQ(Told(format, two, Image("two", {{UbiPlace::VidHeader, 3, 63, 0x01, false}})), "ubi-corrupted spoiled ");
     // A raw write leaves ECC only on a chip that computes it.
     EXPECT_EQ(Told(write, Image("page-headers"), Image("page-headers"), Ecc::Chip), "");
     EXPECT_EQ(Told(write, two, two, Ecc::Host, false), "ubi-refused missing-ecc ");
@@ -287,8 +278,7 @@ TEST(Ubi, IsJudgedBeforeAndAfterTheRun) {
 
 TEST(Ubi, TellsWhatAPartitionLostAgainstAnother) {
     const auto attach = [](const std::string &image, const std::vector<UbiPatch> &patches) {
-        const Bytes bytes = Patched(Image(image), {"", "", patches, 0, false, 0, ""});
-        return AttachUbi(ImagePebs(bytes.data(), bytes.size(), kUbiGeometry.pebSize, 128), kUbiGeometry, {2048, 20});
+        return Attach(Image(image, patches));
     };
     const UbiAttachment two = attach("two", {});
     const auto inBoth = [](std::uint32_t offset, std::uint8_t flipped) {
@@ -309,18 +299,16 @@ TEST(Ubi, TellsWhatAPartitionLostAgainstAnother) {
 TEST(Ubi, TakesAnyBytes) {
     std::minstd_rand generator(1);
     const auto random = [&] { return static_cast<std::uint32_t>(generator()) >> 4; };
-    const Bytes &whole = Image("two");
     for (int round = 0; round < 300; ++round) {
-        Bytes image = whole;
-        UbiCase damage{"", "", {}, 0, false, 0, ""};
+        std::vector<UbiPatch> damage;
         for (int i = 0; i < 4; ++i) {
             const auto place = static_cast<UbiPlace>(random() % 3);
             const std::uint32_t peb = place == UbiPlace::Record ? random() % 2 : random() % 7;
             const std::uint32_t size = place == UbiPlace::Record ? kUbiVolumeRecordSize : kUbiHeaderSize;
-            damage.patches.push_back({place, peb, static_cast<std::uint32_t>(random() % (size - 4)),
-                                      static_cast<std::uint8_t>(random()), random() % 4 != 0});
+            damage.push_back(
+                {place, peb, random() % (size - 4), static_cast<std::uint8_t>(random()), random() % 4 != 0});
         }
-        image = Patched(image, damage);
+        Bytes image = Image("two", damage);
         image.resize(random() % 4 == 0 ? random() % image.size() : image.size());
         const UbiGeometry geometry{random() % 8 == 0 ? 1024U : kUbiGeometry.pebSize, 512U << random() % 3, 512};
         const ImagePebs reader(image.data(), image.size(), geometry.pebSize, 64);
