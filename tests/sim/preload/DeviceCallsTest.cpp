@@ -109,6 +109,8 @@ TEST_F(Devices, AreCharacterDevicesByEveryPathAndCall) {
     EXPECT_EQ(stat("/dev/mtd7", &status), -1);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(stat("/proc/mtd", &status), 0);
+    EXPECT_EQ(Said("cat /proc/mtd"), "dev:    size   erasesize  name\nmtd0: 00100000 00004000 \"all\"\n"
+                                     "mtd1: 00020000 00004000 \"part\"\n0\n");
     EXPECT_EQ(access("/proc/mtd", R_OK), 0);
     EXPECT_EQ(access("/proc/mtd", W_OK), -1);
     EXPECT_EQ(access(kWhole, R_OK | W_OK), 0);
