@@ -41,40 +41,29 @@ using Words = std::vector<std::string>;
 
 TEST(Options, EachOneReachesItsFieldAndTheRestKeepTheirDefaults) {
     const Options none = Read({}).options;
-    EXPECT_EQ(none.chip + none.bad + none.ecc + none.flash + none.missingSysfs + none.root + none.place + none.program +
-                  none.trace + none.report + none.sarif + none.junit + none.codeQuality + none.map + none.cut +
-                  none.eraseFails + none.programFails + none.boots + none.shard,
-              "");
+    const auto texts = [](const Options &o) {
+        return Words{o.chip,        o.bad,     o.ecc,   o.flash,      o.root,         o.missingSysfs,
+                     o.place,       o.program, o.trace, o.report,     o.sarif,        o.junit,
+                     o.codeQuality, o.map,     o.cut,   o.eraseFails, o.programFails, o.boots};
+    };
+    const Words names = {"--chip",        "--bad",     "--ecc",   "--flash",       "--root",          "--no-sysfs",
+                         "--as",          "--program", "--trace", "--report",      "--sarif",         "--junit",
+                         "--codequality", "--map",     "--cut",   "--erase-fails", "--program-fails", "--boots"};
+    const Words values = {"c", "1", "e", "f", EXAMPLES, "size,type", "/tmp/x", "/dev/null", "t",
+                          "r", "s", "j", "q", "m",      "9:done",    "1",      "2",         "true"};
+    EXPECT_EQ(texts(none), Words(names.size()));
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        Words expected(names.size());
+        expected[i] = values[i];
+        EXPECT_EQ(texts(Read({names[i], values[i]}).options), expected) << names[i];
+    }
+    EXPECT_EQ(none.shard, "");
     EXPECT_FALSE(none.isUsed || none.isRaw || none.isExact);
     EXPECT_EQ(none.devices.size() + none.mounts.size() + none.starts.size() + none.faults.size() + none.sweeps.size(),
               0U);
     EXPECT_EQ(Words({std::to_string(none.every), std::to_string(none.sets), std::to_string(none.seed),
                      std::to_string(none.sample), none.torn}),
               Words({"1", "100", "1", "4", "half,done"}));
-
-    const struct {
-        const char *name, *value;
-        std::string Options::*field;
-    } texts[] = {{"--chip", "c", &Options::chip},
-                 {"--bad", "1", &Options::bad},
-                 {"--ecc", "e", &Options::ecc},
-                 {"--flash", "f", &Options::flash},
-                 {"--root", EXAMPLES, &Options::root},
-                 {"--no-sysfs", "size,type", &Options::missingSysfs},
-                 {"--as", "/tmp/x", &Options::place},
-                 {"--program", "/dev/null", &Options::program},
-                 {"--trace", "t", &Options::trace},
-                 {"--report", "r", &Options::report},
-                 {"--sarif", "s", &Options::sarif},
-                 {"--junit", "j", &Options::junit},
-                 {"--codequality", "q", &Options::codeQuality},
-                 {"--map", "m", &Options::map},
-                 {"--cut", "9:done", &Options::cut},
-                 {"--erase-fails", "1", &Options::eraseFails},
-                 {"--program-fails", "2", &Options::programFails},
-                 {"--boots", "true", &Options::boots}};
-    for (const auto &row : texts)
-        EXPECT_EQ(Read({row.name, row.value}).options.*row.field, row.value) << row.name;
 
     const struct {
         const char *name;
