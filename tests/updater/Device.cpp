@@ -13,8 +13,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char *kChipOptions = "1M,16K,512,16";
-
 std::string Quoted(const std::string &text) {
     std::string quoted = "'";
     for (const char letter : text)
@@ -25,9 +23,7 @@ std::string Quoted(const std::string &text) {
 void WriteAll(const std::string &path, const std::string &bytes) {
     fs::create_directories(fs::path(path).parent_path());
     std::ofstream(path, std::ios::binary) << bytes;
-    if (bytes.compare(0, 2, "#!") == 0 || bytes.compare(0, 4,
-                                                        "\x7f"
-                                                        "ELF") == 0)
+    if (bytes.rfind("#!", 0) == 0 || bytes.rfind("\177ELF", 0) == 0)
         fs::permissions(path, fs::perms::owner_all);
 }
 
@@ -36,14 +32,6 @@ std::string NewFolder() {
     if (mkdtemp(path.data()) == nullptr)
         throw std::runtime_error("no temporary folder");
     return path;
-}
-
-std::vector<std::string> Lines(const std::string &text) {
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);)
-        lines.push_back(line);
-    return lines;
 }
 
 } // namespace
@@ -67,6 +55,14 @@ std::string ReadAll(const std::string &path) {
     std::ostringstream bytes;
     bytes << std::ifstream(path, std::ios::binary).rdbuf();
     return bytes.str();
+}
+
+std::vector<std::string> Split(const std::string &text, char delimiter) {
+    std::vector<std::string> parts;
+    std::istringstream stream(text);
+    for (std::string part; std::getline(stream, part, delimiter);)
+        parts.push_back(part);
+    return parts;
 }
 
 std::string Pattern(std::size_t size, unsigned seed) {
@@ -120,18 +116,16 @@ Outcome Device::RunImage(const std::string &image, const std::vector<std::string
 }
 
 Outcome Device::Start(const std::string &update, const std::vector<std::string> &arguments) {
-    std::vector<std::string> command = {FLASHSIM,  "--raw",
-                                        "--chip",  kChipOptions,
-                                        "--flash", m_sFolder + "/flash",
-                                        "--root",  m_sFolder + "/root",
-                                        "--trace", m_sFolder + "/trace"};
+    std::vector<std::string> command = {FLASHSIM, "--raw", "--chip", "1M,16K,512,16"};
+    for (const char *name : {"flash", "root", "trace"})
+        command.insert(command.end(), {std::string("--") + name, m_sFolder + "/" + name});
     if (!m_sBadBlocks.empty() && !fs::exists(m_sFolder + "/flash"))
         command.insert(command.end(), {"--bad", m_sBadBlocks});
     command.insert(command.end(), m_vOption.begin(), m_vOption.end());
     command.push_back(update);
     command.insert(command.end(), arguments.begin(), arguments.end());
     Outcome outcome = RunProgram(command);
-    outcome.trace = Lines(ReadAll(m_sFolder + "/trace"));
+    outcome.trace = Split(ReadAll(m_sFolder + "/trace"), '\n');
     return outcome;
 }
 

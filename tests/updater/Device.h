@@ -69,3 +69,6 @@ std::string Pattern(std::size_t size, unsigned seed);
 Outcome RunProgram(const std::vector<std::string> &arguments);
 
 std::string ReadAll(const std::string &path);
+
+/// @return the parts of a text between delimiters, without an empty one at the end.
+std::vector<std::string> Split(const std::string &text, char delimiter = ' ');

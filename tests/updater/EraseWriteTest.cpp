@@ -61,79 +61,45 @@ TEST(Write, AsksForOneRawPageARequest) {
 }
 
 TEST(Write, EndsAtTheFailureAndTheScriptWithIt) {
+    const std::string erased = "erase complete\n offset=10000 size=4000\n";
     const struct {
-        const char *line;
-        Texts options;
-        const char *err;
-        std::size_t erased;  ///< erase requests that went out
-        std::size_t written; ///< page requests that went out
+        std::string line, options, err;
+        std::size_t erases, pages; ///< requests that went out
     } rows[] = {
-        {"write 10001 4000 image", {}, "error : invalid offset=65537, blocksize = 16384\n", 0, 0},
-        {"write 10000 4001 image", {}, "error : invalid size=16385, blocksize = 16384\n", 0, 0},
-        {"write 10000 0 image", {}, "erase complete\n offset=10000 size=0\n", 0, 0},
-        {"write 10000 8000 image",
-         {"--fault", "MEMGETBADBLOCK:2=EIO"},
-         "error : fail to check bad block at 14000\nerase complete\n offset=10000 size=8000\n",
-         1,
-         0},
-        {"write 10000 4000 image",
-         {"--fault", "MEMGETBADBLOCK:2=EIO"},
-         "erase complete\n offset=10000 size=4000\nerror : fail to check bad block at 10000\n",
-         1,
-         0},
-        {"write 10000 c000 image",
-         {"--fault", "MEMERASE64:2=EIO", "--fault", "MEMERASE=EIO"},
-         "error : erase failed at 14000\nerase complete\n offset=10000 size=c000\n",
-         3,
-         0},
-        {"write 10000 4000 folder",
-         {},
-         "erase complete\n offset=10000 size=4000\nerror : file readsize = -1, pagesize = 512\n",
-         1,
-         0},
-        {"write 10000 4000 image",
-         {"--fault", "MEMWRITE:3=EIO"},
-         "erase complete\n offset=10000 size=4000\nerror : write page return -1\n",
-         1,
-         3},
-        {"write 10000 4000 outruns",
-         {},
-         "erase complete\n offset=10000 size=4000\n"
-         "warning : file readsize = 1, pending to pagesize = 512\nerror : file outruns the erased range at 14000\n",
-         1,
-         32},
-        {"write 10000 4000 image",
-         {"--fault", "open=ENODEV"},
-         "error : fail to check bad block at 10000\nerase complete\n offset=10000 size=4000\n",
-         0,
-         0},
-        {"write 0 0 image",
-         {"--no-sysfs", "erasesize"},
-         "error : unknown flash geometry, blocksize = 0, pagesize = 512\n",
-         0,
-         0},
-        {"write 10000 4000 image",
-         {"--no-sysfs", "writesize"},
-         "error : unknown flash geometry, blocksize = 16384, pagesize = 0\n",
-         0,
-         0},
-        {"write 10000 4000 image", {"--no-sysfs", "erasesize"}, "error : invalid offset=65536, blocksize = 0\n", 0, 0},
-    };
+        {"write 10001 4000 image", "", "error : invalid offset=65537, blocksize = 16384\n", 0, 0},
+        {"write 10000 4001 image", "", "error : invalid size=16385, blocksize = 16384\n", 0, 0},
+        {"write 10000 0 image", "", "erase complete\n offset=10000 size=0\n", 0, 0},
+        {"write 10000 8000 image", "--fault MEMGETBADBLOCK:2=EIO",
+         "error : fail to check bad block at 14000\nerase complete\n offset=10000 size=8000\n", 1, 0},
+        {"write 10000 4000 image", "--fault MEMGETBADBLOCK:2=EIO",
+         erased + "error : fail to check bad block at 10000\n", 1, 0},
+        {"write 10000 c000 image", "--fault MEMERASE64:2=EIO --fault MEMERASE=EIO",
+         "error : erase failed at 14000\nerase complete\n offset=10000 size=c000\n", 3, 0},
+        {"write 10000 4000 folder", "", erased + "error : file readsize = -1, pagesize = 512\n", 1, 0},
+        {"write 10000 4000 image", "--fault MEMWRITE:3=EIO", erased + "error : write page return -1\n", 1, 3},
+        {"write 10000 4000 outruns", "",
+         erased + "warning : file readsize = 1, pending to pagesize = 512\n"
+                  "error : file outruns the erased range at 14000\n",
+         1, 32},
+        {"write 10000 4000 image", "--fault open=ENODEV", "error : fail to check bad block at 10000\n" + erased, 0, 0},
+        {"write 0 0 image", "--no-sysfs erasesize", "error : unknown flash geometry, blocksize = 0, pagesize = 512\n",
+         0, 0},
+        {"write 10000 4000 image", "--no-sysfs writesize",
+         "error : unknown flash geometry, blocksize = 16384, pagesize = 0\n", 0, 0},
+        {"write 10000 4000 image", "--no-sysfs erasesize", "error : invalid offset=65536, blocksize = 0\n", 0, 0}};
     for (const auto &row : rows) {
-        const std::string line = row.line;
-        SCOPED_TRACE(line + " " + (row.options.empty() ? "" : row.options[1]));
+        SCOPED_TRACE(row.line + " " + row.options);
         Device device;
-        device.Options(row.options);
+        device.Options(Split(row.options));
         device.File("image", Pattern(2000, 3));
         device.File("outruns", Pattern(Device::kBlock + 1, 3));
         device.File("folder/file", "");
-        const Outcome outcome = device.Run(line + "\nerase 0 4000\n");
-        const std::string path = "/tmp/update/" + line.substr(line.rfind(' ') + 1);
-        const std::string offset = line.substr(6, line.find(' ', 6) - 6);
+        const Outcome outcome = device.Run(row.line + "\nerase 0 4000\n");
+        const Texts words = Split(row.line);
         EXPECT_EQ(outcome.status, 0);
-        EXPECT_EQ(outcome.err, "write " + path + " to flash address " + offset + "\n" + row.err);
-        EXPECT_EQ(outcome.Count("MEMERASE64") + outcome.Count("MEMERASE"), row.erased);
-        EXPECT_EQ(outcome.Count("MEMWRITE"), row.written);
+        EXPECT_EQ(outcome.err, "write /tmp/update/" + words[3] + " to flash address " + words[1] + "\n" + row.err);
+        EXPECT_EQ(outcome.Count("MEMERASE64") + outcome.Count("MEMERASE"), row.erases);
+        EXPECT_EQ(outcome.Count("MEMWRITE"), row.pages);
         EXPECT_EQ(outcome.Count("sync"), 2U);
     }
 }
@@ -207,39 +173,28 @@ TEST(Write, LeavesAllElseAsItWasWhenPowerIsCutAnywhere) {
 }
 
 TEST(Erase, PassesOverBadBlocksAndLetsTheNextLineRunAfterAFailure) {
+    const std::string skipped = "warning : skip bad block at 8000\nwarning : skip bad block at c000\n";
     const struct {
-        const char *line;
-        Texts options;
-        const char *err;
-    } rows[] = {
-        {"erase 0 10000 # two more tokens",
-         {},
-         "warning : skip bad block at 8000\nwarning : skip bad block at c000\nerase complete\n offset=0 size=10000\n"},
-        {"erase 8000 8000",
-         {},
-         "warning : skip bad block at 8000\nwarning : skip bad block at c000\nerase complete\n offset=8000 "
-         "size=8000\n"},
-        {"erase 1 4000", {}, "error : invalid offset=1, blocksize = 16384\n"},
-        {"erase -4000 4000",
-         {},
-         "error : fail to check bad block at ffffc000\nerase complete\n offset=ffffc000 size=4000\n"},
-        {"erase fc000 8000",
-         {},
-         "error : fail to check bad block at 100000\nerase complete\n offset=fc000 size=8000\n"},
-        {"erase 80000000 4000", {}, "error : invalid offset=2147483647, blocksize = 16384\n"},
-        {"erase 4000 xyz", {}, "erase complete\n offset=4000 size=0\n"},
-        {"erase 0 0", {"--no-sysfs", "erasesize"}, "erase complete\n offset=0 size=0\n"},
-        {"erase 0 4000",
-         {"--fault", "MEMERASE64=EIO", "--fault", "MEMERASE=EIO"},
-         "error : erase failed at 0\nerase complete\n offset=0 size=4000\n"},
-    };
+        std::string line, options, err;
+    } rows[] = {{"erase 0 10000 # two more tokens", "", skipped + "erase complete\n offset=0 size=10000\n"},
+                {"erase 8000 8000", "", skipped + "erase complete\n offset=8000 size=8000\n"},
+                {"erase 1 4000", "", "error : invalid offset=1, blocksize = 16384\n"},
+                {"erase -4000 4000", "",
+                 "error : fail to check bad block at ffffc000\nerase complete\n offset=ffffc000 size=4000\n"},
+                {"erase fc000 8000", "",
+                 "error : fail to check bad block at 100000\nerase complete\n offset=fc000 size=8000\n"},
+                {"erase 80000000 4000", "", "error : invalid offset=2147483647, blocksize = 16384\n"},
+                {"erase 4000 xyz", "", "erase complete\n offset=4000 size=0\n"},
+                {"erase 0 0", "--no-sysfs erasesize", "erase complete\n offset=0 size=0\n"},
+                {"erase 0 4000", "--fault MEMERASE64=EIO --fault MEMERASE=EIO",
+                 "error : erase failed at 0\nerase complete\n offset=0 size=4000\n"}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.line);
         Device device("2,3");
-        device.Options(row.options);
-        const Outcome outcome = device.Run(std::string(row.line) + "\nincomplete\n");
-        EXPECT_EQ(outcome.err,
-                  "Unknown script command incomplete\n" + std::string(row.err) + "Unknown script command incomplete\n");
+        device.Options(Split(row.options));
+        const Outcome outcome = device.Run(row.line + "\nincomplete\n");
+        const std::string unknown = "Unknown script command incomplete\n";
+        EXPECT_EQ(outcome.err, unknown + row.err + unknown);
         EXPECT_EQ(outcome.status, 0);
     }
 }

@@ -1,7 +1,5 @@
 #include "Device.h"
 
-#include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 
 namespace {
@@ -85,36 +83,34 @@ TEST(SetEnv, ReadsAcrossBadBlocksAndWritesAroundThem) {
 
 TEST(SetEnv, SaysWhatFailedAndLetsTheNextLineRun) {
     const struct {
-        const char *place;
-        std::vector<std::string> options;
-        const char *err;
+        std::string place, options, err;
         int whole; ///< blocks of the range that were rewritten; -1: nothing was erased
     } rows[] = {
-        {"8001 8000", {}, "error : invalid offset=32769, blocksize = 16384\n", -1},
-        {"8000 8001", {}, "error : invalid size=32769, blocksize = 16384\n", -1},
-        {"8000 0", {}, "error : invalid size=0, blocksize = 16384\n", -1},
-        {"8000 -8000", {}, "error : invalid size=-32768, blocksize = 16384\n", -1},
-        {"fc000 8000", {}, "error : read failed at 100000\n", -1},
-        {"8000 7fffc000", {}, "error : read failed at 100000\n", -1},
-        {"8000 8000", {"--fault", "read:5=EIO"}, "error : read failed at 8800\n", -1},
-        {"8000 8000", {"--fault", "open=ENODEV"}, "error : read failed at 8000\n", -1},
-        {"0 0", {"--no-sysfs", "writesize"}, "error : unknown flash geometry, blocksize = 16384, pagesize = 0\n", -1},
-        {"0 0", {"--no-sysfs", "erasesize"}, "error : unknown flash geometry, blocksize = 0, pagesize = 512\n", -1},
-        {"8000 8000", {"--fault", "MEMGETBADBLOCK:2=EIO"}, "error : fail to check bad block at c000\n", 1},
-        {"8000 8000", {"--fault", "MEMERASE64:2=EIO", "--fault", "MEMERASE=EIO"}, "error : erase failed at c000\n", 1},
-        {"8000 8000", {"--fault", "write:34=EIO"}, "error : write page return -1\n", 1},
+        {"8001 8000", "", "error : invalid offset=32769, blocksize = 16384\n", -1},
+        {"8000 8001", "", "error : invalid size=32769, blocksize = 16384\n", -1},
+        {"8000 0", "", "error : invalid size=0, blocksize = 16384\n", -1},
+        {"8000 -8000", "", "error : invalid size=-32768, blocksize = 16384\n", -1},
+        {"fc000 8000", "", "error : read failed at 100000\n", -1},
+        {"8000 7fffc000", "", "error : read failed at 100000\n", -1},
+        {"8000 8000", "--fault read:5=EIO", "error : read failed at 8800\n", -1},
+        {"8000 8000", "--fault open=ENODEV", "error : read failed at 8000\n", -1},
+        {"0 0", "--no-sysfs writesize", "error : unknown flash geometry, blocksize = 16384, pagesize = 0\n", -1},
+        {"0 0", "--no-sysfs erasesize", "error : unknown flash geometry, blocksize = 0, pagesize = 512\n", -1},
+        {"8000 8000", "--fault MEMGETBADBLOCK:2=EIO", "error : fail to check bad block at c000\n", 1},
+        {"8000 8000", "--fault MEMERASE64:2=EIO --fault MEMERASE=EIO", "error : erase failed at c000\n", 1},
+        {"8000 8000", "--fault write:34=EIO", "error : write page return -1\n", 1},
     };
     const std::string old = WithCrc(kEntries, 2 * Device::kBlock);
     const std::string changed = WithCrc(std::string(kEntries) + "|n=v", 2 * Device::kBlock);
     for (const auto &row : rows) {
-        SCOPED_TRACE(std::string(row.place) + " " + row.err);
+        SCOPED_TRACE(row.place + " " + row.err);
         Device device;
         UseChipEcc(device);
         device.File("env", old);
         device.Run("write 8000 8000 env\n");
-        device.Options(row.options);
-        const Outcome outcome = device.Run("setenv " + std::string(row.place) + " n v\nsetenv 1 0 m w\n");
-        const std::string err = row.err + std::string("write n = v to env\nerror : ");
+        device.Options(Split(row.options));
+        const Outcome outcome = device.Run("setenv " + row.place + " n v\nsetenv 1 0 m w\n");
+        const std::string err = row.err + "write n = v to env\nerror : ";
         EXPECT_EQ(outcome.err.substr(0, err.size()), err);
         EXPECT_EQ(outcome.status, 0);
         const std::string &first = row.whole < 0 ? old : changed;
@@ -145,15 +141,9 @@ TEST(SetEnv, HandsTheShortFormToTheDevicesOwnToolWithinACommandsLength) {
         device.Run("setenv side b #\nsetenv a b # x\nsetenv n " + fits + "\nsetenv n " + fits + "w\n");
     // One word behind the value stays short; two make it the long form.
     EXPECT_EQ(outcome.OthersOut(), "bootvars -s side b\nbootvars -s n " + fits + "\n");
-    EXPECT_EQ(outcome.err, "write side = b to env\n"
-                           "error : invalid offset=10, blocksize = 16384\nwrite # = x to env\n"
+    EXPECT_EQ(outcome.err, "write side = b to env\nerror : invalid offset=10, blocksize = 16384\nwrite # = x to env\n"
                            "write n = " +
-                               fits +
-                               " to env\n"
-                               "error : command too long: /bin/bootvars -s n " +
-                               fits +
-                               "w\n"
-                               "write n = " +
-                               fits + "w to env\n");
+                               fits + " to env\nerror : command too long: /bin/bootvars -s n " + fits +
+                               "w\nwrite n = " + fits + "w to env\n");
     EXPECT_EQ(outcome.status, 0);
 }

@@ -36,60 +36,43 @@ TEST(WriteOob, GivesAShortRecordTheTailOfTheOneBefore) {
     const std::string image = Pattern(kRecord + 100, 2);
     device.File("image", image);
     device.File("first", image.substr(0, 100));
+    const std::string warnings = "warning : file read datasize = 100, pending to pagesize = 512\n"
+                                 "warning : file read datasize = 0, pending to pagesize = 512\n";
     EXPECT_EQ(device.Run("writeoob 0 4000 image\nwriteoob 4000 4000 first\n").err,
-              "write /tmp/update/image to flash address 0\nerase complete\n offset=0 size=4000\n"
-              "warning : file read datasize = 100, pending to pagesize = 512\n"
-              "warning : file read datasize = 0, pending to pagesize = 512\n"
-              "write file complete\n read size = 628\n"
-              "write /tmp/update/first to flash address 4000\nerase complete\n offset=4000 size=4000\n"
-              "warning : file read datasize = 100, pending to pagesize = 512\n"
-              "warning : file read datasize = 0, pending to pagesize = 512\n"
-              "write file complete\n read size = 100\n");
+              "write /tmp/update/image to flash address 0\nerase complete\n offset=0 size=4000\n" + warnings +
+                  "write file complete\n read size = 628\n"
+                  "write /tmp/update/first to flash address 4000\nerase complete\n offset=4000 size=4000\n" +
+                  warnings + "write file complete\n read size = 100\n");
     EXPECT_EQ(device.Raw(0, 2), image.substr(0, kRecord) + image.substr(kRecord) + image.substr(100, kRecord - 100));
     EXPECT_EQ(device.Raw(kRawPages, 1), image.substr(0, 100) + std::string(kRecord - 100, '\xFF'));
 }
 
 TEST(WriteOob, EndsLikeWriteAtFailuresAndAtTheEndOfTheFile) {
+    const std::string erased = "erase complete\n offset=8000 size=4000\n";
     const struct {
-        const char *line;
+        std::string line;
         std::size_t size; ///< of the image
-        std::vector<std::string> options;
-        const char *err;
-        const char *percents;
+        std::string options, err, percents;
     } rows[] = {
-        {"8001 4000 image", kRecord, {}, "error : invalid offset=32769, blocksize = 16384\n", ""},
-        {"8000 0 image", kRecord, {}, "erase complete\n offset=8000 size=0\n", ""},
-        {"8000 4000 folder",
-         0,
-         {},
-         "erase complete\n offset=8000 size=4000\nerror : file readsize = -1, pagesize = 512\n",
-         ""},
-        {"8000 4000 image",
-         3 * kRecord,
-         {"--fault", "MEMWRITE:2=EIO"},
-         "erase complete\n offset=8000 size=4000\nerror : write page return -1\n",
-         ""},
-        {"8000 4000 image",
-         (kRawPages + 1) * kRecord,
-         {},
-         "erase complete\n offset=8000 size=4000\nerror : file outruns the erased range at c000\n",
+        {"8001 4000 image", kRecord, "", "error : invalid offset=32769, blocksize = 16384\n", ""},
+        {"8000 0 image", kRecord, "", "erase complete\n offset=8000 size=0\n", ""},
+        {"8000 4000 folder", 0, "", erased + "error : file readsize = -1, pagesize = 512\n", ""},
+        {"8000 4000 image", 3 * kRecord, "--fault MEMWRITE:2=EIO", erased + "error : write page return -1\n", ""},
+        {"8000 4000 image", (kRawPages + 1) * kRecord, "", erased + "error : file outruns the erased range at c000\n",
          "100\n"},
-        {"f8000 8000 image", 2 * kRawPages * kRecord, {}, "erase complete\n offset=f8000 size=8000\n", "50\n100\n"},
-        {"0 4000 image",
-         kRawPages * kRecord,
-         {},
-         "erase complete\n offset=0 size=4000\nwarning : file read datasize = 0, pending to pagesize = 512\n"
-         "write file complete\n read size = 16896\n",
-         "100\n200\n"},
-    };
+        {"f8000 8000 image", 2 * kRawPages * kRecord, "", "erase complete\n offset=f8000 size=8000\n", "50\n100\n"},
+        {"8000 4000 image", kRawPages * kRecord, "",
+         erased + "warning : file read datasize = 0, pending to pagesize = 512\n"
+                  "write file complete\n read size = 16896\n",
+         "100\n200\n"}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.line);
         Device device;
-        device.Options(row.options);
+        device.Options(Split(row.options));
         device.File("image", Pattern(row.size, 3));
         device.File("folder/file", "");
         device.File("progress_script.sh", "#!/bin/sh\necho $1\n");
-        const Outcome outcome = device.Run(std::string("writeoob ") + row.line + "\n");
+        const Outcome outcome = device.Run("writeoob " + row.line + "\n");
         EXPECT_EQ(outcome.err.substr(outcome.err.find('\n') + 1), row.err);
         EXPECT_EQ(outcome.OthersOut(), row.percents);
         EXPECT_EQ(outcome.status, 0);
