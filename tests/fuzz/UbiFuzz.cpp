@@ -25,6 +25,10 @@ void Read(const std::vector<std::uint8_t> &image, const UbiGeometry &geometry) {
     FitsChip(found, geometry);
     const ImagePebs pebs(image.data(), image.size(), geometry.pebSize, 40);
     const UbiAttachment attachment = AttachUbi(pebs, geometry, {64, 20});
+    const UbiPebs &sorts = attachment.pebs;
+    const std::uint32_t sorted = sorts.bad + sorts.used + sorts.free + sorts.erase + sorts.corrupted + sorts.alien;
+    if (attachment.IsAttached() != attachment.reason.empty() || (attachment.IsAttached() && sorted != pebs.Pebs()))
+        __builtin_trap();
     for (const UbiVolume &volume : attachment.volumes) {
         MissingLebs(volume);
         DamagedLebs(volume, pebs, geometry);

@@ -150,28 +150,6 @@ TEST(Write, WorksOnKernelsWithoutTheNewerRequests) {
     }
 }
 
-TEST(Write, LeavesAllElseAsItWasWhenPowerIsCutAnywhere) {
-    const std::string image = Pattern(Device::kBlock + 3 * Device::kPage, 7);
-    const std::string script = "write c000 10000 image\n";
-    constexpr std::size_t kErases = 3;
-    constexpr std::size_t kChanges = kErases + 32 + 3;
-    for (std::size_t cut = 1; cut <= kChanges + 1; cut += 4) {
-        SCOPED_TRACE(cut);
-        Device device("4");
-        device.UseUp();
-        device.File("image", image);
-        device.Options({"--cut", std::to_string(cut)});
-        const Outcome outcome = device.Run(script);
-        EXPECT_EQ(outcome.Count("power"), cut <= kChanges ? 1U : 0U);
-        EXPECT_EQ(outcome.Count("MEMERASE64"), std::min(cut - 1, kErases));
-        EXPECT_EQ(device.Flash(0, 0xc000), kUsedBlock + kUsedBlock + kUsedBlock);
-        EXPECT_EQ(device.Flash(0x1c000, Device::kBlock), kUsedBlock);
-        // The pages in front of the one in progress are whole.
-        const std::size_t written = cut > kErases ? std::min(cut - kErases - 1, std::size_t{32}) * Device::kPage : 0;
-        EXPECT_EQ(device.Flash(0xc000, written), image.substr(0, written));
-    }
-}
-
 TEST(Erase, PassesOverBadBlocksAndLetsTheNextLineRunAfterAFailure) {
     const std::string skipped = "warning : skip bad block at 8000\nwarning : skip bad block at c000\n";
     const struct {

@@ -77,7 +77,7 @@ TEST(SNandUtil, WritesAndReadsPagesAndOob) {
 }
 
 /// Run on a device whose kernel lacks MEMWRITE.
-TEST(OldKernel, GetsOobFirstAndDataSecondAndNothingForANullPointer) {
+TEST(OldKernel, GetsNothingForANullPointerNorMoreThanAPage) {
     SNandUtil nand(kWholeFlash);
     ASSERT_EQ(nand.EraseBlock(2), 0);
     constexpr int kFirst = 2 * kPagesPerBlock;
@@ -87,10 +87,6 @@ TEST(OldKernel, GetsOobFirstAndDataSecondAndNothingForANullPointer) {
     EXPECT_EQ(nand.ReadOOB(kFirst, back.data()), 0);
     EXPECT_EQ(std::string(back.begin(), back.end()), oob);
 
-    const std::vector<char> data(kPage, 'd');
-    std::vector<char> read(kPage);
-    EXPECT_EQ(nand.WritePageWithOob(kFirst + 1, data.data(), kPage, nullptr, 0, MTD_OPS_RAW), 0);
-    EXPECT_EQ(nand.ReadPage(kFirst + 1, read.data()), kPage);
-    EXPECT_EQ(read, data);
+    const std::vector<char> data(kPage + 1, 'd');
     EXPECT_EQ(nand.WritePageWithOob(64 * kPagesPerBlock - 1, data.data(), kPage + 1, nullptr, 0, MTD_OPS_RAW), -1);
 }

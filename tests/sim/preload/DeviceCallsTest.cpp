@@ -53,6 +53,9 @@ std::string Said(const std::string &command) {
     return text;
 }
 
+/// @return the errno value of a call that failed; 0 when it did not.
+int Failure(long result) { return result == -1 ? errno : 0; }
+
 /// Erases the first two blocks and fills their first pages with letters.
 class Devices : public testing::Test {
 protected:
@@ -106,8 +109,7 @@ TEST_F(Devices, AreCharacterDevicesByEveryPathAndCall) {
     struct stat status = {};
     EXPECT_EQ(lstat("/tmp/link", &status), 0);
     EXPECT_TRUE(S_ISLNK(status.st_mode));
-    EXPECT_EQ(stat("/dev/mtd7", &status), -1);
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(Failure(stat("/dev/mtd7", &status)), ENOENT);
     EXPECT_EQ(stat("/proc/mtd", &status), 0);
     EXPECT_EQ(Said("cat /proc/mtd"), "dev:    size   erasesize  name\nmtd0: 00100000 00004000 \"all\"\n"
                                      "mtd1: 00020000 00004000 \"part\"\n0\n");
@@ -189,8 +191,7 @@ TEST_F(Devices, DescriptorsShareTheirPositionOverDupForkAndExec) {
 
     close(kHigh);
     close(copy);
-    EXPECT_EQ(read(kHigh, page, kPage), -1);
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(Failure(read(kHigh, page, kPage)), EBADF);
     // A number that was a device's is a usual file's now.
     ASSERT_EQ(dup2(open("/dev/zero", O_RDONLY), kHigh), kHigh);
     EXPECT_EQ(read(kHigh, page, 1), 1);
@@ -221,8 +222,7 @@ TEST_F(Devices, StreamsReadWriteAndSeek) {
     // Not whole sub-pages: the device refuses, and the stream says so.
     stream = fdopen(dup(fd), "w");
     std::fputs("part", stream);
-    EXPECT_EQ(std::fclose(stream), EOF);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(Failure(std::fclose(stream)), EINVAL);
     EXPECT_EQ(fopen(kReadOnly, "w"), nullptr);
     EXPECT_EQ(errno, EACCES);
     EXPECT_EQ(Load(kReadOnly).substr(kPage - 1, 2), "ab");
@@ -241,17 +241,13 @@ TEST_F(Devices, MoveVectorsAndAtOffsets) {
     EXPECT_EQ(lseek(fd, 0, SEEK_CUR), 2 * kPage);
     EXPECT_EQ(preadv(fd, parts, 2, 64 * kBlock - kPage), kPage);
     EXPECT_EQ(pwritev(fd, parts, 1, kBlock), kPage);
-    EXPECT_EQ(pwrite(fd, page, kPage, kBlock + 1), -1);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(Failure(pwrite(fd, page, kPage, kBlock + 1)), EINVAL);
     // Nothing at all is no write at the end, which would have no room.
     const iovec none[] = {{page, 0}, {other, 0}};
     EXPECT_EQ(pwritev(fd, none, 2, 64 * kBlock), 0);
-    EXPECT_EQ(pwrite(fd, page, 0, 64 * kBlock), -1);
-    EXPECT_EQ(errno, ENOSPC);
-    EXPECT_EQ(pwritev(fd, none, 2, -1), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(pread(fd, page, kPage, -1), -1);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(Failure(pwrite(fd, page, 0, 64 * kBlock)), ENOSPC);
+    EXPECT_EQ(Failure(pwritev(fd, none, 2, -1)), EINVAL);
+    EXPECT_EQ(Failure(pread(fd, page, kPage, -1)), EINVAL);
 }
 
 TEST_F(Devices, RefuseWhatACharacterDeviceWithoutTheOperationRefuses) {

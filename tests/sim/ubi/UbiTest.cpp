@@ -14,7 +14,6 @@
 #include <iterator>
 #include <map>
 #include <memory>
-#include <random>
 #include <stdexcept>
 #include <tuple>
 #include <utility>
@@ -294,33 +293,6 @@ TEST(Ubi, TellsWhatAPartitionLostAgainstAnother) {
     EXPECT_EQ(AttachmentLoss(two, attach("two", {{UbiPlace::VidHeader, 4, 63, 1, false}})),
               "volume \"rootfs\" has other LEBs");
     EXPECT_EQ(AttachmentLoss(attach("erased", {}), two), "there are other volumes");
-}
-
-TEST(Ubi, TakesAnyBytes) {
-    std::minstd_rand generator(1);
-    const auto random = [&] { return static_cast<std::uint32_t>(generator()) >> 4; };
-    for (int round = 0; round < 300; ++round) {
-        std::vector<UbiPatch> damage;
-        for (int i = 0; i < 4; ++i) {
-            const auto place = static_cast<UbiPlace>(random() % 3);
-            const std::uint32_t peb = place == UbiPlace::Record ? random() % 2 : random() % 7;
-            const std::uint32_t size = place == UbiPlace::Record ? kUbiVolumeRecordSize : kUbiHeaderSize;
-            damage.push_back(
-                {place, peb, random() % (size - 4), static_cast<std::uint8_t>(random()), random() % 4 != 0});
-        }
-        Bytes image = Image("two", damage);
-        image.resize(random() % 4 == 0 ? random() % image.size() : image.size());
-        const UbiGeometry geometry{random() % 8 == 0 ? 1024U : kUbiGeometry.pebSize, 512U << random() % 3, 512};
-        const ImagePebs reader(image.data(), image.size(), geometry.pebSize, 64);
-        const UbiAttachment ubi = AttachUbi(reader, geometry, {2048, 20});
-        EXPECT_EQ(ubi.IsAttached(), ubi.reason.empty());
-        EXPECT_TRUE(!ubi.IsAttached() || Sum(ubi.pebs) == reader.Pebs());
-        for (const UbiVolume &volume : ubi.volumes) {
-            DamagedLebs(volume, reader, geometry);
-            ReadUbifs(volume, reader, geometry);
-        }
-        ReadUbiImage(image.data(), image.size(), geometry);
-    }
 }
 
 } // namespace
