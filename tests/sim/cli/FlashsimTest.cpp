@@ -1,64 +1,27 @@
+#include "UpdateFolder.h"
 #include "mtd/DeviceText.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <sys/file.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
-namespace fs = std::filesystem;
-
 namespace {
 
-std::string Load(const fs::path &path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-/// An update folder and a stand-in for the updater, written in shell: what runs in the device is not the point here.
-class Flashsim : public testing::Test {
+/// The updater is a stand-in, written in shell: what runs in the device is not the point here.
+class Flashsim : public UpdateFolder {
 protected:
     Flashsim() {
         Save("update/flashrig.script", "erase 0 20000\nwrite 20000 40000 image\n");
         Save("update/image", std::string(2048, 'k') + "tail");
     }
-    ~Flashsim() override { fs::remove_all(m_folder); }
-
-    fs::path Save(const std::string &name, const std::string &text) {
-        fs::path path = m_folder / name;
-        fs::create_directories(path.parent_path());
-        std::ofstream(path, std::ios::binary) << text;
-        fs::permissions(path, fs::perms(0755));
-        return path;
-    }
-
-    std::string Updater(const std::string &commands) {
-        return " --program " + Save("updater", "#!/bin/sh\n" + commands).string() + " ";
-    }
-
-    /// Runs flashsim with the update folder as its last argument; keeps what it says.
-    int Run(const std::string &options) { return RunBare(options + " " + (m_folder / "update").string()); }
-
-    int RunBare(const std::string &arguments) {
-        const std::string command = std::string(FLASHSIM) + " " + arguments + " >" + (m_folder / "out").string() +
-                                    " 2>" + (m_folder / "err").string();
-        const int status = system(command.c_str());
-        m_out = Load(m_folder / "out");
-        m_err = Load(m_folder / "err");
-        return WEXITSTATUS(status);
-    }
-
-    const fs::path m_folder = fs::path(testing::TempDir()) / ("flashsim" + std::to_string(getpid()));
-    std::string m_out, m_err;
 };
 
 } // namespace

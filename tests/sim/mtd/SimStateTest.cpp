@@ -1,11 +1,11 @@
 #include "mtd/SimState.h"
+#include "base/TempFolder.h"
 #include "chip/ChipFile.h"
 #include "mtd/DeviceText.h"
 #include "mtd/Trace.h"
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -23,15 +23,9 @@ namespace {
 constexpr NandGeometry kGeometry = {0x100000, 0x20000, 2048, 64};
 constexpr std::uint64_t kSmallTrace = 10000;
 
-/// A folder with the files of a run.
+/// The files of a run.
 class SimStateTest : public testing::Test {
 protected:
-    SimStateTest() : folder(testing::TempDir() + "simstateXXXXXX") {
-        if (mkdtemp(folder.data()) == nullptr)
-            throw std::runtime_error("no folder for the test");
-    }
-    ~SimStateTest() override { std::filesystem::remove_all(folder); }
-
     SimState Begin(const SimSettings &settings = {}) const {
         ChipFile::Create(chipPath(), kGeometry, Ecc::Host, {3});
         SimState::Create(statePath(), settings);
@@ -48,10 +42,10 @@ protected:
         return "";
     }
 
-    std::string chipPath() const { return folder + "/chip"; }
-    std::string statePath() const { return folder + "/state"; }
+    std::string chipPath() const { return folder.File("chip"); }
+    std::string statePath() const { return folder.File("state"); }
 
-    std::string folder;
+    const TempFolder folder;
 };
 
 } // namespace

@@ -1,17 +1,12 @@
 // Programs of others in a sandbox: real tools on the simulated flash, and programs that can't run here.
 
+#include "../cli/UpdateFolder.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <elf.h>
-#include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <string>
-#include <sys/wait.h>
-#include <unistd.h>
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -26,37 +21,16 @@ std::string Elf(Elf64_Half machine) {
     return {reinterpret_cast<const char *>(&header), sizeof header};
 }
 
-class Programs : public testing::Test {
+class Programs : public UpdateFolder {
 protected:
     Programs() { Save("update/flashrig.script", ""); }
-    ~Programs() override { fs::remove_all(m_folder); }
 
-    fs::path Save(const std::string &name, const std::string &text) const {
-        fs::path path = m_folder / name;
-        fs::create_directories(path.parent_path());
-        std::ofstream(path, std::ios::binary) << text;
-        fs::permissions(path, fs::perms(0755));
-        return path;
-    }
-
-    /// Runs flashsim on the update.
-    /// @return its exit status
+    /// Keeps standard error behind standard output.
     int Run(const std::string &options, const std::string &update = "update") {
-        const std::string command = std::string(FLASHSIM) + " " + options + " " + (m_folder / update).string() + " >" +
-                                    (m_folder / "out").string() + " 2>&1";
-        const int status = system(command.c_str());
-        std::ifstream file(m_folder / "out");
-        m_out.assign(std::istreambuf_iterator<char>(file), {});
-        return WEXITSTATUS(status);
+        const int status = UpdateFolder::Run(options, update);
+        m_out += m_err;
+        return status;
     }
-
-    /// Runs shell commands in the place of the updater.
-    int RunCommands(const std::string &commands, const std::string &options) {
-        return Run(options + " --program " + Save("updater", "#!/bin/sh\n" + commands).string());
-    }
-
-    const fs::path m_folder = fs::path(testing::TempDir()) / ("programs" + std::to_string(getpid()));
-    std::string m_out;
 };
 
 } // namespace
@@ -81,7 +55,7 @@ echo name=value >env.txt && mkenvimage -s 0x20000 -o env env.txt
 flash_erase -q /dev/mtd1 0x40000 1 && nandwrite -q -s 0x40000 /dev/mtd1 env 2>/dev/null
 fw_setenv -c env.config other 7 && fw_printenv -c env.config | sort
 )";
-    EXPECT_EQ(RunCommands(commands, "--raw --bad 90"), 0);
+    EXPECT_EQ(Run(Updater(commands) + "--raw --bad 90"), 0);
     EXPECT_EQ(m_out, "512 bytes\ntrue\nsame\nread-only\ncopied\ntested\nno locks\nUBI#\nname=value\nother=7\n");
 }
 
@@ -98,7 +72,7 @@ for i in 1 2; do /tmp/update/helper; echo $?; done
 find /tmp/update -name helper -exec {} \;
 /tmp/update/static
 cat /tmp/errors)";
-    RunCommands(commands, "");
+    Run(Updater(commands) + "");
     EXPECT_EQ(m_out.find("the updater\nubiformat\n126\n126\n"), 0U) << m_out;
     EXPECT_NE(m_out.find("/tmp/update/helper: Operation not supported\n"), std::string::npos) << m_out;
     for (const char *found :
@@ -113,7 +87,7 @@ cat /tmp/errors)";
 }
 
 TEST_F(Programs, ThatAskForWhatIsNotServedAreNamed) {
-    RunCommands("cat /dev/mtdblock9 /dev/ubi_ctrl; flock /dev/mtd0 true", "");
+    Run(Updater("cat /dev/mtdblock9 /dev/ubi_ctrl; flock /dev/mtd0 true"));
     for (const char *found : {"cat asked for the open of /dev/mtdblock9, which the simulator can't serve; ",
                               "cat asked for the open of /dev/ubi_ctrl, which the simulator can't serve; ",
                               "flock asked for the lock of /dev/mtd0, which the simulator can't serve; "})
