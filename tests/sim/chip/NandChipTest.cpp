@@ -208,7 +208,23 @@ TEST(NandChip, ChecksumsFitAfterEveryChangeOfItsOwnAndNotAfterOthers) {
         EXPECT_NE(bench.sums, before) << i;
         EXPECT_EQ(bench.chip.MisfitPages(), std::vector<std::uint32_t>()) << i;
     }
-    bench.cells[std::size_t{5} * kGeometry.RawPageSize()] ^= 1;
+    // Any byte, and any two a word apart, changed alike.
+    std::uint8_t *page = &bench.cells[std::size_t{5} * kGeometry.RawPageSize()];
+    const auto flip = [page](std::uint32_t byte, unsigned mask) {
+        std::uint8_t &changed = page[byte % kGeometry.RawPageSize()];
+        changed = static_cast<std::uint8_t>(changed ^ mask);
+    };
+    for (std::uint32_t byte = 0; byte < kGeometry.RawPageSize(); ++byte) {
+        for (const unsigned mask : {0x01U, 0x80U, 0xFFU}) {
+            flip(byte, mask);
+            EXPECT_TRUE(bench.chip.HasMisfits(5 / kGeometry.PagesPerBlock())) << byte;
+            flip(byte + 8, mask);
+            EXPECT_TRUE(bench.chip.HasMisfits(5 / kGeometry.PagesPerBlock())) << byte;
+            flip(byte, mask);
+            flip(byte + 8, mask);
+        }
+    }
+    flip(0, 1);
     EXPECT_EQ(bench.chip.MisfitPages(), std::vector<std::uint32_t>{5});
     bench.chip.Format();
     EXPECT_EQ(bench.chip.MisfitPages(), std::vector<std::uint32_t>());
