@@ -92,20 +92,21 @@ RunOutcome Rig::RunIn(const RigRun &run, const std::vector<std::string> *command
         throw std::runtime_error("a program of the update cut or lengthened the files of the chip");
     const bool hasEnded = outcome.isInterrupted || outcome.isOverdue;
     // Only after the update a sandbox is ready for the habit's command.
-    if (!m_habit.sharesSandbox || outcome.leavesProcesses || hasEnded || (isUpdate ? !IsReusable(outcome) : isNew))
+    const bool isReady = isUpdate || !isNew;
+    if (!m_habit.sharesSandbox || outcome.leavesProcesses || hasEnded || !isReady || !IsReusable(outcome, isUpdate))
         m_sandbox.reset();
     outcome.isBypassed = FindMisfits();
     return outcome;
 }
 
 /// @return whether the sandbox of a run is as after any other run, although the run may have gone another way.
-bool Rig::IsReusable(const RunOutcome &outcome) const {
+bool Rig::IsReusable(const RunOutcome &outcome, bool isUpdate) const {
     if (!m_habit.ownFiles.empty())
         // No file in memory outlives a power cut.
         return outcome.ownAfter == m_habit.ownFiles && (m_habit.leavesNoFiles || !m_state.PowerWasCut());
     const auto &usual = m_habit.usualErr;
-    return !m_state.PowerWasCut() && outcome.status == 0 &&
-           (usual.empty() || std::find(usual.begin(), usual.end(), outcome.err) != usual.end());
+    return !isUpdate || (!m_state.PowerWasCut() && outcome.status == 0 &&
+                         (usual.empty() || std::find(usual.begin(), usual.end(), outcome.err) != usual.end()));
 }
 
 /// Notes the blocks that were changed other than by requests, of those that the judge looks at.

@@ -75,7 +75,7 @@ public:
 
 private:
     RunOutcome RunIn(const RigRun &run, const std::vector<std::string> *command);
-    bool IsReusable(const RunOutcome &outcome) const;
+    bool IsReusable(const RunOutcome &outcome, bool isUpdate) const;
     bool FindMisfits();
 
     const RunSettings &m_settings;
