@@ -42,9 +42,9 @@ bool IsOlderThanTick(const timespec &change) {
     return (now.tv_sec - change.tv_sec) * kSecond + now.tv_nsec - change.tv_nsec > kTickNanoseconds;
 }
 
-/// @return the attributes of a folder. An overlay keeps there whether the folder replaces one below, and handles of
-/// what is below, which are others in each sandbox.
-std::string FolderAttributes(const std::string &path) {
+/// @return the attributes of a file or folder. An overlay keeps there whether a folder replaces one below, and handles
+/// of what is below, which are others in each sandbox.
+std::string AttributesOf(const std::string &path) {
     char names[4096];
     const ssize_t length = llistxattr(path.c_str(), names, sizeof names);
     if (length < 0 && errno != ENOTSUP)
@@ -125,7 +125,7 @@ std::uint64_t OwnFiles::HashEntry(const std::string &path, const struct stat &st
     else if (S_ISLNK(status.st_mode))
         content = HashText(fs::read_symlink(path));
     else if (S_ISDIR(status.st_mode))
-        content = HashText(FolderAttributes(path));
+        content = HashText(AttributesOf(path));
     const std::uint64_t size = S_ISREG(status.st_mode) ? static_cast<std::uint64_t>(status.st_size) : 0;
     const std::uint64_t all[] = {HashText(path), status.st_mode, status.st_uid, status.st_gid,
                                  status.st_rdev, size,           content};
@@ -141,7 +141,7 @@ std::uint64_t OwnFiles::HashContent(const std::string &path, const struct stat &
         return known.hash;
     const ScopedFd file(Check(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC), path));
     const bool isSettled = IsOlderThanTick(status.st_ctim);
-    std::uint64_t hash = 0;
+    std::uint64_t hash = HashText(AttributesOf(path)); // a change of these shows in the change time too
     std::uint8_t buffer[65536];
     ssize_t count = 0;
     while ((count = Check(read(file.Get(), buffer, sizeof buffer), path)) > 0) {

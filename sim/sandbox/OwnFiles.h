@@ -16,9 +16,10 @@ public:
     /// @param mounts places with a file system of their own
     explicit OwnFiles(const std::vector<std::string> &mounts) : m_mounts(mounts) {}
 
-    /// Looks at names, modes, owners, links and bytes of all own files, and at the mount table. Times do not count.
-    /// A file that was there at the first look or has more than kAlwaysRead bytes is read again only when its change
-    /// time is another one: a change by a memory mapping alone, which leaves the time as it is, goes unnoticed there.
+    /// Looks at names, modes, owners, attributes, links and bytes of all own files, and at the mount table. Times do
+    /// not count. A file that was there at the first look or has more than kAlwaysRead bytes is read again only when
+    /// its change time is another one: a change by a memory mapping alone, which leaves the time as it is, goes
+    /// unnoticed there.
     /// @return the same word for the same files; "?" when there are too many of them, when one can't be read, or when
     ///         shared memory, semaphores or message queues are left, of which nobody knows the contents
     std::string Word();

@@ -25,7 +25,7 @@ class Programs : public UpdateFolder {
 protected:
     Programs() { Save("update/flashrig.script", ""); }
 
-    /// Keeps standard error behind standard output.
+    /// Appends standard error to standard output.
     int Run(const std::string &options, const std::string &update = "update") {
         const int status = UpdateFolder::Run(options, update);
         m_out += m_err;
@@ -72,7 +72,7 @@ for i in 1 2; do /tmp/update/helper; echo $?; done
 find /tmp/update -name helper -exec {} \;
 /tmp/update/static
 cat /tmp/errors)";
-    Run(Updater(commands) + "");
+    Run(Updater(commands));
     EXPECT_EQ(m_out.find("the updater\nubiformat\n126\n126\n"), 0U) << m_out;
     EXPECT_NE(m_out.find("/tmp/update/helper: Operation not supported\n"), std::string::npos) << m_out;
     for (const char *found :

@@ -135,6 +135,16 @@ TEST(ReportFormats, LineThatWasNotCarriedOutNeverPasses) {
         << text;
 }
 
+TEST(ReportFormats, InterruptedSweepFailsWithTheRunsToGo) {
+    ordered_json sweep = SweepOf("cut", List());
+    EXPECT_NE(JUnitText(ReportOf(List(), {sweep}), {}).find("9 of 9 runs passed"), std::string::npos);
+    sweep["interrupted"] = true;
+    sweep["done"] = 4;
+    const std::string text = JUnitText(ReportOf(List(), {sweep}), {});
+    EXPECT_NE(text.find("interrupted with 5 runs to go [sweep-cut]\n</failure>"), std::string::npos) << text;
+    EXPECT_EQ(text.find("runs passed"), std::string::npos) << text;
+}
+
 TEST(ReportDiff, NamesEachDifference) {
     const List none;
     const auto swept = [](const List &failures, const char *key = "kind", const ordered_json &value = "cut") {

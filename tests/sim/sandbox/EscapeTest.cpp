@@ -159,7 +159,7 @@ TEST_F(Escape, NothingInsideForgesAVerdict) {
     const struct {
         const char *attack; ///< the notify script
         const char *found;
-        const char *later = ""; ///< lines of the script behind the write
+        const char *later = ""; ///< lines of the script after the write
     } rows[] = {
         {"echo erase 0 20000 >/tmp/update/flashrig.script", "[unknown-command]", "frobnicate\n"},
         {"rm /tmp/update/flashrig.script", "[unknown-command]", "frobnicate\n"},

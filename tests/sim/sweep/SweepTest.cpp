@@ -109,7 +109,7 @@ TEST_F(Sweep, NamesTheVariablesThatACutDestroys) {
     const auto failure = sweep["failures"][0];
     EXPECT_EQ(failure["cut"], 1);
     EXPECT_EQ(failure["line"], 1);
-    EXPECT_NE(failure["happens"].get<std::string>().find(" restore bootcmd, bootdelay, ethaddr, serial"),
+    EXPECT_NE(failure["happens"].get<std::string>().find(" not restore bootcmd, bootdelay, ethaddr, serial"),
               std::string::npos);
     EXPECT_EQ(sweep["unsealed"][0]["runs"], 33 + 32);
 

@@ -232,11 +232,19 @@ TEST(Verdict, TellsWhatWasProgrammedUnerased) {
     EXPECT_EQ(run.Told(), "CC 2:not-ubi 2:ubi-untouched");
     run.Program(0x80000 / 512, {0});
     EXPECT_EQ(run.Told(), "CC 2:not-ubi 2:unerased");
+    run.record.trace = "note: page at 0x200 something else\n";
+    EXPECT_EQ(run.Told(), "CC 2:not-ubi 2:unerased");
     run.record.trace = "note: page at 0x200 programmed over unerased bits\n";
     EXPECT_EQ(run.Told(), "CC 1:unerased 2:not-ubi 2:unerased");
     run.record.trace += "note: page at 0x80000 programmed over unerased bits\n";
     EXPECT_EQ(run.Told(), "CC 1:unerased 2:not-ubi 2:unerased")
         << "blocks of a line with noted pages are not named again";
+    run.record.trace += "note: page at 0xfc400 read without valid ECC\nnote: page at 0xfc000 read without valid ECC\n";
+    EXPECT_EQ(run.Texts("unsound-read"), "2 pages read normally without valid ECC, first at 0xfc000; read raw what was "
+                                         "written raw, or write it with its ECC\n");
+    run.record.trace = "note: page at 0x200 programmed over unerased bits\n";
+    run.record.out.replace(run.record.out.find("ubiformat status 0"), 18, "ubiformat status 1");
+    EXPECT_EQ(run.Told(), "CC 1:unerased 2:format-failed 2:not-ubi 2:unerased");
 }
 
 TEST(Verdict, TakesPercentagesForANoteUntilALineFails) {
